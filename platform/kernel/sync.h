@@ -76,6 +76,8 @@ NTKERNELAPI LONG_PTR ObfDereferenceObject(PVOID Object);
 #define ObReferenceObject(Object) ObfReferenceObject(Object)
 #define ObDereferenceObject(Object) ObfDereferenceObject(Object)
 NTKERNELAPI NTSTATUS ZwClose(HANDLE Handle);
+NTKERNELAPI NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable,
+                                           PLARGE_INTEGER Timeout);
 
 // Every interlocked operation is a point at which the scheduler may let another thread run.
 NTKERNELAPI void KiInterlockedPoint(const volatile void *Target);

@@ -1,0 +1,99 @@
+#include "client/read.h"
+
+#include "client/forward.h"
+#include "controller/frame_format.h"
+#include "controller/messages.h"
+#include "driver/extension.h"
+#include "driver/pool_tags.h"
+#include "driver/requests.h"
+#include "pipes/pending_reads.h"
+
+static NTSTATUS ClientReadDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
+  UNREFERENCED_PARAMETER(Context);
+  if (Irp->PendingReturned) {
+    IoMarkIrpPending(Irp);
+  }
+  ReleaseRequest(Device, Irp);
+  return STATUS_SUCCESS;
+}
+
+// Keeps the reference until the read is back, so that a dump shows what is down.
+static NTSTATUS SendTracked(PDEVICE_OBJECT Device, PIRP Irp) {
+  IoCopyCurrentIrpStackLocationToNext(Irp);
+  IoSetCompletionRoutine(Irp, ClientReadDone, Device, TRUE, TRUE, TRUE);
+  return IofCallDriver(LowerDeviceOf(Device), Irp);
+}
+
+// Serves the read from waiting bytes, or has the engine read the port for it and lets it wait.
+static NTSTATUS SubmitClientRead(PDEVICE_OBJECT Device, PIRP Irp, PipeElement *Reader) {
+  PortExtension *port = PortOf(Device);
+  Pipe *pipe = &port->ClientPipe;
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pipe->Lock);
+  if (pipe->CurrentWriter != nullptr) {
+    return PipeSubmitReadLocked(pipe, Reader, irql);
+  }
+  KeReleaseSpinLock(&pipe->Lock, irql);
+
+  // The proxy read goes first: what it brings lands in the pipe and waits for this reader.
+  ProxyReadRequest *request;
+  NTSTATUS status = ProxyReadCreateRequest(&port->Engine, Device, Irp, PROXY_CLIENT_CLASS,
+                                           POOL_PROXY_CLIENT_REQUEST, &request);
+  if (NT_SUCCESS(status)) {
+    status = ProxyReadSubmit(&port->Engine, request);
+  }
+  if (!NT_SUCCESS(status)) {
+    Irp->IoStatus.Status = status;
+    Irp->IoStatus.Information = 0;
+    PipeCompleteElement(Reader);
+    return status;
+  }
+  return PipeSubmitRead(Reader);
+}
+
+// A read that passed the gate may have been queued after the sweep that was to end it: a removal's
+// flush, or the hand-down when ZK closed. Whoever sweeps sets its flag first and then takes the
+// pipe's lock; here the read was queued under that lock first, so one side sees the other.
+static void SweepLateRead(PortExtension *Port) {
+  if (PortIsGoing(Port)) {
+    PipeFlush(&Port->ClientPipe, STATUS_CANCELLED);
+  } else if (PortMode(Port) == MODE_IDLE && (PortStateFlags(Port) & PSF_ZK_OPEN) == 0) {
+    PipeHandDownReads(&Port->ClientPipe);
+  }
+}
+
+static NTSTATUS ClientReadFromPipe(PDEVICE_OBJECT Device, PIRP Irp) {
+  PortExtension *port = PortOf(Device);
+  SendZkMessage(Device, MESSAGE_TRAFFIC, L"Client read from %ws\n", PortLinkName(port));
+  ULONG length = IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length;
+  if (length == 0) {
+    return CompleteRequest(Device, Irp, STATUS_SUCCESS, 0);
+  }
+  PipeElement *reader;
+  NTSTATUS status =
+      PipeAllocateElement(&port->ClientPipe, Irp, 0, FALSE, length, POOL_CLIENT_READER, &reader);
+  if (!NT_SUCCESS(status)) {
+    return CompleteRequest(Device, Irp, status, 0);
+  }
+  HoldPort(port);
+  status = SubmitClientRead(Device, Irp, reader);
+  if (status == STATUS_PENDING) {
+    SweepLateRead(port);
+  }
+  ReleasePort(port);
+  return status;
+}
+
+NTSTATUS ClientRead(PDEVICE_OBJECT Device, PIRP Irp, ULONG Mode) {
+  switch (Mode) {
+  case MODE_IDLE:
+    if ((PortOf(Device)->Header.PacketDump & PACKET_DUMP_CLIENT_READ) != 0) {
+      return SendTracked(Device, Irp);
+    }
+    return SkipToLower(Device, Irp);
+  case MODE_NORMAL:
+  case MODE_REDIRECT:
+    return ClientReadFromPipe(Device, Irp);
+  default:
+    return CompleteRequest(Device, Irp, STATUS_UNSUCCESSFUL, 0);
+  }
+}

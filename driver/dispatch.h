@@ -1,0 +1,8 @@
+// The dispatch table: every request enters here, is counted, and is routed by the kind of the
+// device that received it. Opens, closes, cleanups and the client's rest have dispatch routines of
+// their own in client/.
+#pragma once
+
+#include "platform/kernel.h"
+
+void InstallDispatchTable(PDRIVER_OBJECT DriverObject);

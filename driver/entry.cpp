@@ -1,0 +1,76 @@
+#include "driver/entry.h"
+
+#include "controller/frame_format.h"
+#include "driver/dispatch.h"
+#include "driver/event_log.h"
+#include "driver/pool_tags.h"
+#include "driver/trace.h"
+#include "lifecycle/attach.h"
+
+DriverVariables Driver;
+
+using QueryRegistryValues = decltype(&RtlQueryRegistryValues);
+
+// The newer routine checks the types of direct queries; a system without it has the older one.
+static QueryRegistryValues FindQueryRoutine() {
+  UNICODE_STRING name;
+  RtlInitUnicodeString(&name, L"RtlQueryRegistryValuesEx");
+  PVOID routine = MmGetSystemRoutineAddress(&name);
+  return routine != nullptr ? reinterpret_cast<QueryRegistryValues>(routine)
+                            : &RtlQueryRegistryValues;
+}
+
+static NTSTATUS QueryBreakOnLoad(PCWSTR Path) {
+  static WCHAR valueName[] = L"VORLIXBreakOnLoad";
+  ULONG absent = 0;
+  RTL_QUERY_REGISTRY_TABLE table[2];
+  RtlZeroMemory(table, sizeof(table));
+  table[0].Flags = RTL_QUERY_REGISTRY_DIRECT;
+  table[0].Name = valueName;
+  table[0].EntryContext = &Driver.BreakOnLoad;
+  table[0].DefaultType = REG_DWORD;
+  table[0].DefaultData = &absent;
+  table[0].DefaultLength = sizeof(absent);
+  return FindQueryRoutine()(RTL_REGISTRY_ABSOLUTE | RTL_REGISTRY_OPTIONAL, Path, table, nullptr,
+                            nullptr);
+}
+
+static void ReadDriverParameters(PUNICODE_STRING ServiceKey) {
+  SIZE_T bytes = static_cast<SIZE_T>(ServiceKey->Length) + sizeof(WCHAR);
+  auto *path = static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, bytes, POOL_SERVICE_PATH));
+  if (path == nullptr) {
+    return;
+  }
+  RtlZeroMemory(path, bytes);
+  RtlCopyMemory(path, ServiceKey->Buffer, ServiceKey->Length);
+  if (!NT_SUCCESS(QueryBreakOnLoad(path))) {
+    Driver.BreakOnLoad &= ~0xFFu;
+  }
+  ExFreePoolWithTag(path, POOL_SERVICE_PATH);
+}
+
+extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
+  RtlZeroMemory(&Driver, sizeof(Driver));
+  Driver.DriverObject = DriverObject;
+  ReportEvent(DriverObject, nullptr, 0, 0, EVENT_DRIVER_LOADED, STATUS_SUCCESS, nullptr, 0);
+  InstallDispatchTable(DriverObject);
+  DriverObject->DriverUnload = DriverUnload;
+  DriverObject->DriverExtension->AddDevice = AddDevice;
+  ReadDriverParameters(RegistryPath);
+  if ((Driver.BreakOnLoad & 0xFF) != 0) {
+    DbgBreakPoint();
+  }
+  Driver.ModeNames[MODE_INVALID] = L"INVALID";
+  Driver.ModeNames[MODE_IDLE] = L"IDLE";
+  Driver.ModeNames[MODE_NORMAL] = L"NORMAL";
+  Driver.ModeNames[MODE_REDIRECT] = L"REDIRECT";
+  TraceInit();
+  return STATUS_SUCCESS;
+}
+
+void DriverUnload(PDRIVER_OBJECT DriverObject) {
+  UNREFERENCED_PARAMETER(DriverObject);
+  ReportEvent(Driver.DriverObject, nullptr, 0, 0, EVENT_DRIVER_UNLOADED, STATUS_SUCCESS, nullptr,
+              0);
+  TraceFree();
+}

@@ -1,0 +1,38 @@
+#include "driver/extension.h"
+
+#include "controller/frame_format.h"
+
+void InitializeHeader(ExtensionHeader *Header, PDEVICE_OBJECT Device, ULONG Kind, ULONG DebugLevel,
+                      ULONG OpenState) {
+  RtlZeroMemory(Header, sizeof(*Header));
+  Header->Device = Device;
+  Header->Kind = Kind;
+  Header->DebugLevel = DebugLevel;
+  Header->DevicePowerState = PowerDeviceD0;
+  Header->OpenState = OpenState;
+  Header->OpenRefs = 1;
+  KeInitializeEvent(&Header->OpenDrainEvent, SynchronizationEvent, FALSE);
+  InitializeListHead(&Header->PassThroughList);
+}
+
+void InitializePort(PortExtension *Port, PDEVICE_OBJECT FilterDevice,
+                    PDEVICE_OBJECT PhysicalDevice) {
+  RtlZeroMemory(Port, sizeof(*Port));
+  InitializeHeader(&Port->Header, FilterDevice, KIND_FILTER, DEBUG_LEVEL_DEFAULT,
+                   OPEN_STATE_CLOSED);
+  Port->PowerRequestCount = 1;
+  KeInitializeEvent(&Port->PowerEvent, SynchronizationEvent, FALSE);
+  PipeInitialize(&Port->ClientPipe, PIPE_UNFRAMED, FilterDevice);
+  PipeInitialize(&Port->ZkPipe, PIPE_FRAMED | PIPE_READER_SUCCESS, FilterDevice);
+  Port->Mode = MODE_IDLE;
+  KeInitializeSpinLock(&Port->ClientLock);
+  InitializeListHead(&Port->ParkedRequests);
+  KeInitializeSpinLock(&Port->PortLock);
+  InitSerializer(&Port->Serializer, FilterDevice);
+  Port->RequestCount = 1;
+  KeInitializeEvent(&Port->IdleEvent, SynchronizationEvent, FALSE);
+  KeInitializeSpinLock(&Port->AdmissionLock);
+  InitializeListHead(&Port->PnpHoldList);
+  Port->ProxyState = PROXY_OFF;
+  Port->PhysicalDevice = PhysicalDevice;
+}

@@ -1,0 +1,212 @@
+#include "driver/requests.h"
+
+#include "driver/extension.h"
+
+static NTSTATUS Refuse(PIRP Irp, NTSTATUS Status) {
+  Irp->IoStatus.Status = Status;
+  Irp->IoStatus.Information = 0;
+  return Status;
+}
+
+// The flags were read under the admission lock, which is dropped by now: a sweep of the hold list
+// may have come in between, and what it missed would wait for ever. Flags are written before the
+// sweep, so reading them again under the lock that the sweep takes settles it.
+static NTSTATUS Park(PortExtension *Port, PIRP Irp) {
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  ULONG flags = ReadULongAcquire(&Port->AdmissionFlags);
+  if ((flags & ADMISSION_GOING) != 0) {
+    IoReleaseCancelSpinLock(irql);
+    return Refuse(Irp, STATUS_DELETE_PENDING);
+  }
+  if ((flags & ADMISSION_REMOVE_QUERIED) == 0) {
+    IoReleaseCancelSpinLock(irql);
+    return STATUS_SUCCESS;
+  }
+  if (Irp->Cancel) {
+    IoReleaseCancelSpinLock(irql);
+    return Refuse(Irp, STATUS_CANCELLED);
+  }
+  Irp->IoStatus.Status = STATUS_PENDING;
+  IoMarkIrpPending(Irp);
+  InsertTailList(&Port->PnpHoldList, &Irp->Tail.Overlay.ListEntry);
+  IoSetCancelRoutine(Irp, PnpHeldRequestCancel);
+  IoReleaseCancelSpinLock(irql);
+  return STATUS_PENDING;
+}
+
+NTSTATUS AcquireRequest(PDEVICE_OBJECT Device, PIRP Irp) {
+  PortExtension *port = PortOf(Device);
+  UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
+  InterlockedIncrement(&port->RequestCount);
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&port->AdmissionLock);
+  ULONG flags = ReadULongAcquire(&port->AdmissionFlags);
+  BOOLEAN gone = port->Gone;
+  KeReleaseSpinLock(&port->AdmissionLock, irql);
+
+  if (major == IRP_MJ_PNP || (flags & (ADMISSION_GOING | ADMISSION_REMOVE_QUERIED)) == 0) {
+    return STATUS_SUCCESS;
+  }
+  if (gone && (major == IRP_MJ_CLOSE || major == IRP_MJ_CLEANUP)) {
+    return STATUS_DEVICE_REMOVED;
+  }
+  if ((flags & ADMISSION_GOING) != 0) {
+    return Refuse(Irp, STATUS_DELETE_PENDING);
+  }
+  return Park(port, Irp);
+}
+
+void HoldPort(PortExtension *Port) {
+  InterlockedIncrement(&Port->RequestCount);
+}
+
+void ReleasePort(PortExtension *Port) {
+  if (InterlockedDecrement(&Port->RequestCount) == 0) {
+    KeSetEvent(&Port->IdleEvent, IO_NO_INCREMENT, FALSE);
+  }
+}
+
+void ReleaseRequest(PDEVICE_OBJECT Device, PIRP Irp) {
+  UNREFERENCED_PARAMETER(Irp);
+  ReleasePort(PortOf(Device));
+}
+
+// A refused request does not hold the port back, and after its completion nothing may hold the
+// device: the reference goes first.
+NTSTATUS CompleteRefused(PDEVICE_OBJECT Device, PIRP Irp) {
+  NTSTATUS status = Irp->IoStatus.Status;
+  ReleaseRequest(Device, Irp);
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  return status;
+}
+
+NTSTATUS CompleteOnGonePort(PDEVICE_OBJECT Device, PIRP Irp) {
+  PDEVICE_OBJECT held = TakeFilterHold(Device, Irp);
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  Irp->IoStatus.Information = 0;
+  CompleteRefused(Device, Irp);
+  DropFilterHold(held);
+  return STATUS_SUCCESS;
+}
+
+void CompleteAdmitted(PDEVICE_OBJECT Device, PIRP Irp) {
+  PDEVICE_OBJECT held = TakeFilterHold(Device, Irp);
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  ReleaseRequest(Device, Irp);
+  DropFilterHold(held);
+}
+
+NTSTATUS CompleteRequest(PDEVICE_OBJECT Device, PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
+  Irp->IoStatus.Status = Status;
+  Irp->IoStatus.Information = Information;
+  CompleteAdmitted(Device, Irp);
+  return Status;
+}
+
+void WaitForIdle(PDEVICE_OBJECT Device) {
+  PortExtension *port = PortOf(Device);
+  // With the bias on nobody can signal; without the clear, a refused request that came and went
+  // during an earlier wait would end this one early.
+  KeClearEvent(&port->IdleEvent);
+  if (InterlockedDecrement(&port->RequestCount) != 0) {
+    KeWaitForSingleObject(&port->IdleEvent, Executive, KernelMode, FALSE, nullptr);
+  }
+  InterlockedIncrement(&port->RequestCount);
+}
+
+void ChangeAdmission(PortExtension *Port, ULONG Set, ULONG Clear) {
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->AdmissionLock);
+  WriteULongRelease(&Port->AdmissionFlags,
+                    (ReadULongAcquire(&Port->AdmissionFlags) & ~Clear) | Set);
+  KeReleaseSpinLock(&Port->AdmissionLock, irql);
+}
+
+void MarkPortGone(PortExtension *Port) {
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->AdmissionLock);
+  Port->Gone = TRUE;
+  KeReleaseSpinLock(&Port->AdmissionLock, irql);
+}
+
+// Takes the oldest request off a list of parked ones, or null. While the cancel spin lock is held a
+// listed request has its cancel routine: whoever cancels unlinks before letting go of that lock.
+static PIRP TakeHeldRequest(PLIST_ENTRY List) {
+  PIRP irp = nullptr;
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  if (!IsListEmpty(List)) {
+    irp = CONTAINING_RECORD(RemoveHeadList(List), IRP, Tail.Overlay.ListEntry);
+    IoSetCancelRoutine(irp, nullptr);
+  }
+  IoReleaseCancelSpinLock(irql);
+  return irp;
+}
+
+void CompletePnpHeldRequests(PDEVICE_OBJECT Device, NTSTATUS Status) {
+  PortExtension *port = PortOf(Device);
+  while (PIRP irp = TakeHeldRequest(&port->PnpHoldList)) {
+    CompleteRequest(Device, irp, Status, 0);
+  }
+}
+
+void RestartPnpHeldRequests(PDEVICE_OBJECT Device) {
+  PortExtension *port = PortOf(Device);
+  // The list is moved once: a request that is parked again on its way waits for the next restart.
+  LIST_ENTRY held;
+  InitializeListHead(&held);
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  while (!IsListEmpty(&port->PnpHoldList)) {
+    InsertTailList(&held, RemoveHeadList(&port->PnpHoldList));
+  }
+  IoReleaseCancelSpinLock(irql);
+  while (PIRP irp = TakeHeldRequest(&held)) {
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    PDEVICE_OBJECT arrivedAt = stack->DeviceObject;
+    // The dispatch routine counts the request itself; the reference it was parked with ends here.
+    arrivedAt->DriverObject->MajorFunction[stack->MajorFunction](arrivedAt, irp);
+    ReleaseRequest(Device, irp);
+  }
+}
+
+void PnpHeldRequestCancel(PDEVICE_OBJECT Device, PIRP Irp) {
+  RemoveEntryList(&Irp->Tail.Overlay.ListEntry);
+  IoReleaseCancelSpinLock(Irp->CancelIrql);
+  CompleteRequest(Device, Irp, STATUS_CANCELLED, 0);
+}
+
+void HoldFilterDevice(PDEVICE_OBJECT Device) {
+  ExtensionHeader *header = HeaderOf(Device);
+  if (header->Kind != KIND_FILTER && InterlockedExchange(&header->FilterHeld, 1) == 0) {
+    ObReferenceObject(PortOf(Device)->Header.Device);
+  }
+}
+
+PDEVICE_OBJECT TakeFilterHold(PDEVICE_OBJECT Device, PIRP Irp) {
+  ExtensionHeader *header = HeaderOf(Device);
+  if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_CLOSE ||
+      header->Kind == KIND_FILTER || InterlockedExchange(&header->FilterHeld, 0) == 0) {
+    return nullptr;
+  }
+  return PortOf(Device)->Header.Device;
+}
+
+void DropFilterHold(PDEVICE_OBJECT Held) {
+  if (Held != nullptr) {
+    ObDereferenceObject(Held);
+  }
+}
+
+NTSTATUS GetRequestBuffer(PIRP Irp, PUCHAR *Address) {
+  PMDL mdl = Irp->MdlAddress;
+  if (mdl == nullptr) {
+    *Address = static_cast<PUCHAR>(Irp->AssociatedIrp.SystemBuffer);
+    return STATUS_SUCCESS;
+  }
+  if ((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) != 0) {
+    *Address = static_cast<PUCHAR>(mdl->MappedSystemVa);
+  } else {
+    *Address = static_cast<PUCHAR>(MmMapLockedPagesSpecifyCache(
+        mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority | MdlMappingNoExecute));
+  }
+  return *Address != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+}

@@ -1,0 +1,176 @@
+#include "lifecycle/control_device.h"
+
+#include "driver/entry.h"
+#include "driver/extension.h"
+#include "driver/pool_tags.h"
+#include "lifecycle/port_interfaces.h"
+
+constexpr ULONG NAME_BYTES = 514;
+
+// Each text with its terminator, and one terminator more; commas and form feeds end a text too.
+static NTSTATUS BuildMultiString(PUNICODE_STRING Strings, const char *const *Texts) {
+  RtlZeroMemory(Strings, sizeof(*Strings));
+  ULONG bytes = 0;
+  for (const char *const *text = Texts; *text != nullptr; ++text) {
+    ANSI_STRING ansi;
+    RtlInitAnsiString(&ansi, *text);
+    bytes += RtlxAnsiStringToUnicodeSize(&ansi);
+  }
+  if (bytes == 0) {
+    return STATUS_SUCCESS;
+  }
+  bytes += sizeof(WCHAR);
+  auto *buffer = static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, bytes, POOL_STRINGS));
+  if (buffer == nullptr) {
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  RtlZeroMemory(buffer, bytes);
+  PWSTR position = buffer;
+  for (const char *const *text = Texts; *text != nullptr; ++text) {
+    ANSI_STRING ansi;
+    RtlInitAnsiString(&ansi, *text);
+    UNICODE_STRING wide;
+    wide.Length = 0;
+    wide.MaximumLength = static_cast<USHORT>(RtlxAnsiStringToUnicodeSize(&ansi));
+    wide.Buffer = position;
+    NTSTATUS status = RtlAnsiStringToUnicodeString(&wide, &ansi, FALSE);
+    if (!NT_SUCCESS(status)) {
+      ExFreePoolWithTag(buffer, POOL_STRINGS);
+      return status;
+    }
+    for (ULONG i = 0; i < wide.Length / sizeof(WCHAR); ++i) {
+      if (position[i] == L',' || position[i] == L'\f') {
+        position[i] = 0;
+      }
+    }
+    position += wide.MaximumLength / sizeof(WCHAR);
+  }
+  Strings->Buffer = buffer;
+  Strings->Length = static_cast<USHORT>(bytes);
+  Strings->MaximumLength = static_cast<USHORT>(bytes);
+  return STATUS_SUCCESS;
+}
+
+// "%s" is a wide string in the kernel's wide formatting; the number is spent even when a later step
+// fails, so that a name is never used twice.
+static NTSTATUS NameNextDevice(PWSTR Buffer, PUNICODE_STRING Name) {
+  LONG number = InterlockedIncrement(&Driver.ControlDevices);
+  NTSTATUS status = RtlStringCbPrintfW(Buffer, NAME_BYTES, L"%s%d", L"\\Device\\VORLIX", number);
+  if (status == STATUS_SUCCESS) {
+    RtlInitUnicodeString(Name, Buffer);
+  }
+  return status;
+}
+
+static NTSTATUS MakeLink(PortExtension *Port, PUNICODE_STRING DeviceName) {
+  UNICODE_STRING link;
+  RtlInitUnicodeString(&link, Port->ControlLinkName);
+  NTSTATUS status = IoCreateSymbolicLink(&link, DeviceName);
+  Port->LinkMade = static_cast<BOOLEAN>(NT_SUCCESS(status));
+  return status;
+}
+
+static void FillExtension(PortExtension *Port, PDEVICE_OBJECT Device) {
+  static const char *const hardwareIds[] = {"VORLIX_RAWPDO", nullptr};
+  static const char *const deviceId[] = {"VORLIX\\VXRawPDO", nullptr};
+  auto *control = static_cast<ControlExtension *>(Device->DeviceExtension);
+  RtlZeroMemory(control, sizeof(*control));
+  InitializeHeader(&control->Header, Device, KIND_CONTROL, Port->Header.DebugLevel,
+                   OPEN_STATE_CLOSED);
+  BuildMultiString(&control->HardwareIds, hardwareIds);
+  BuildMultiString(&control->DeviceId, deviceId);
+  control->FilterDevice = Port->Header.Device;
+}
+
+static void EnterInPort(PortExtension *Port, PDEVICE_OBJECT Device) {
+  PDEVICE_OBJECT filter = Port->Header.Device;
+  Device->Flags |= filter->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO);
+  Device->StackSize = static_cast<CCHAR>(Device->StackSize + filter->StackSize);
+  Port->ControlDevice = Device;
+  Port->Control = static_cast<ControlExtension *>(Device->DeviceExtension);
+  Port->MessageDevice = Device;
+  Port->ReportControlChild = 1;
+  Device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+  Device->Flags |= DO_POWER_PAGABLE;
+}
+
+static NTSTATUS CreateNamedDevice(PortExtension *Port, PUNICODE_STRING Name,
+                                  PDEVICE_OBJECT *Device) {
+  UNICODE_STRING security;
+  RtlInitUnicodeString(&security, L"D:P(A;;GA;;;SY)");
+  NTSTATUS status = IoCreateDeviceSecure(
+      Port->Header.Device->DriverObject, sizeof(ControlExtension), Name, FILE_DEVICE_SERIAL_PORT,
+      FILE_DEVICE_SECURE_OPEN, FALSE, &security, nullptr, Device);
+  if (!NT_SUCCESS(status)) {
+    return status;
+  }
+  status = MakeLink(Port, Name);
+  if (!NT_SUCCESS(status)) {
+    IoDeleteDevice(*Device);
+  }
+  return status;
+}
+
+NTSTATUS CreateControlDevice(PortExtension *Port) {
+  auto *buffer = static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, NAME_BYTES, POOL_DEVICE_NAME));
+  if (buffer == nullptr) {
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  UNICODE_STRING name;
+  PDEVICE_OBJECT device = nullptr;
+  NTSTATUS status = NameNextDevice(buffer, &name);
+  if (status == STATUS_SUCCESS) {
+    status = CreateNamedDevice(Port, &name, &device);
+  }
+  if (NT_SUCCESS(status)) {
+    FillExtension(Port, device);
+    EnterInPort(Port, device);
+  }
+  ExFreePoolWithTag(buffer, POOL_DEVICE_NAME);
+  return status;
+}
+
+static PWSTR TakeName(PWSTR *Name) {
+  return static_cast<PWSTR>(
+      InterlockedExchangePointer(reinterpret_cast<PVOID volatile *>(Name), nullptr));
+}
+
+NTSTATUS DeleteControlLink(PortExtension *Port) {
+  NTSTATUS status = STATUS_SUCCESS;
+  PWSTR linkName = TakeName(&Port->ControlLinkName);
+  if (linkName != nullptr) {
+    if (Port->LinkMade) {
+      UNICODE_STRING link;
+      RtlInitUnicodeString(&link, linkName);
+      status = IoDeleteSymbolicLink(&link);
+      Port->LinkMade = FALSE;
+    }
+    Port->RetiredControlLinkName = linkName;
+  }
+  PWSTR dosName = TakeName(&Port->DosDeviceName);
+  if (dosName != nullptr) {
+    Port->RetiredDosDeviceName = dosName;
+  }
+  return status;
+}
+
+static void FreeStrings(PUNICODE_STRING Strings) {
+  if (Strings->Buffer != nullptr) {
+    RtlFreeUnicodeString(Strings);
+  }
+}
+
+NTSTATUS DeleteControlDevice(PDEVICE_OBJECT ControlDevice) {
+  auto *control = static_cast<ControlExtension *>(ControlDevice->DeviceExtension);
+  PortExtension *port = PortOf(ControlDevice);
+  DisableControlInterface(port);
+  FreeStrings(&control->HardwareIds);
+  FreeStrings(&control->CompatibleIds);
+  FreeStrings(&control->DeviceId);
+  port->ControlDevice = nullptr;
+  port->MessageDevice = nullptr;
+  port->Control = nullptr;
+  port->ReportControlChild = 0;
+  IoDeleteDevice(ControlDevice);
+  return STATUS_SUCCESS;
+}
