@@ -134,7 +134,7 @@ static CommandRoutine FindCommand(ULONG Code, ULONG FrameBytes) {
 
 // An unknown command, or one whose argument is missing: nothing was done, no reply is sent.
 static NTSTATUS RefuseCommand(Command *Command) {
-  ReportPortEvent(Driver.DriverObject, Command->Device, 0, 0, EVENT_BAD_COMMAND,
+  ReportPortEvent(DriverWide.DriverObject, Command->Device, 0, 0, EVENT_BAD_COMMAND,
                   STATUS_INVALID_PARAMETER, Command->Port);
   PipeCompleteElement(Command->Reply);
   return STATUS_INVALID_PARAMETER;

@@ -30,7 +30,7 @@ static constexpr ProxyStateTable MakeProxyStates() {
 static constexpr ProxyStateTable ProxyStates = MakeProxyStates();
 
 PCWSTR ModeName(ULONG Mode) {
-  return Mode <= MODE_REDIRECT ? Driver.ModeNames[Mode] : L"ILLEGAL MODE";
+  return Mode <= MODE_REDIRECT ? DriverWide.ModeNames[Mode] : L"ILLEGAL MODE";
 }
 
 static void TraceFlags(ULONG Code, PDEVICE_OBJECT Device, ULONG Flags, ULONG64 Argument3) {
@@ -65,7 +65,7 @@ NTSTATUS SetPortFlags(PDEVICE_OBJECT Device, ULONG Flags) {
   TraceFlags(TraceCode("PU00"), Device, Flags, 0);
   ULONG state = ProxyStates.State[Flags % FLAG_COMBINATIONS];
   if (state == NO_STATE) {
-    ReportPortEvent(Driver.DriverObject, Device, 0, 0, EVENT_BAD_STATE_FLAGS, STATUS_UNSUCCESSFUL,
+    ReportPortEvent(DriverWide.DriverObject, Device, 0, 0, EVENT_BAD_STATE_FLAGS, STATUS_UNSUCCESSFUL,
                     port);
     return STATUS_UNSUCCESSFUL;
   }
@@ -118,7 +118,7 @@ NTSTATUS SetPortMode(PortExtension *Port, ULONG Mode) {
     break;
   default:
     status = STATUS_INVALID_PARAMETER;
-    ReportPortEvent(Driver.DriverObject, Port->Header.Device, 0, 0, EVENT_BAD_MODE, status, Port);
+    ReportPortEvent(DriverWide.DriverObject, Port->Header.Device, 0, 0, EVENT_BAD_MODE, status, Port);
     break;
   }
   if (status != STATUS_SUCCESS) {

@@ -19,7 +19,7 @@ static NTSTATUS CheckFrameHeader(PDEVICE_OBJECT Device, const UCHAR *Buffer, ULO
       return STATUS_SUCCESS;
     }
   }
-  ReportPortEvent(Driver.DriverObject, Device, 0, 0, EVENT_BAD_FRAME, STATUS_INVALID_PARAMETER,
+  ReportPortEvent(DriverWide.DriverObject, Device, 0, 0, EVENT_BAD_FRAME, STATUS_INVALID_PARAMETER,
                   PortOf(Device));
   return STATUS_INVALID_PARAMETER;
 }

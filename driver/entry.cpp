@@ -7,7 +7,7 @@
 #include "driver/trace.h"
 #include "lifecycle/attach.h"
 
-DriverVariables Driver;
+DriverVariables DriverWide;
 
 using QueryRegistryValues = decltype(&RtlQueryRegistryValues);
 
@@ -27,7 +27,7 @@ static NTSTATUS QueryBreakOnLoad(PCWSTR Path) {
   RtlZeroMemory(table, sizeof(table));
   table[0].Flags = RTL_QUERY_REGISTRY_DIRECT;
   table[0].Name = valueName;
-  table[0].EntryContext = &Driver.BreakOnLoad;
+  table[0].EntryContext = &DriverWide.BreakOnLoad;
   table[0].DefaultType = REG_DWORD;
   table[0].DefaultData = &absent;
   table[0].DefaultLength = sizeof(absent);
@@ -44,33 +44,33 @@ static void ReadDriverParameters(PUNICODE_STRING ServiceKey) {
   RtlZeroMemory(path, bytes);
   RtlCopyMemory(path, ServiceKey->Buffer, ServiceKey->Length);
   if (!NT_SUCCESS(QueryBreakOnLoad(path))) {
-    Driver.BreakOnLoad &= ~0xFFu;
+    DriverWide.BreakOnLoad &= ~0xFFu;
   }
   ExFreePoolWithTag(path, POOL_SERVICE_PATH);
 }
 
+static void DriverUnload(PDRIVER_OBJECT DriverObject) {
+  UNREFERENCED_PARAMETER(DriverObject);
+  ReportEvent(DriverWide.DriverObject, nullptr, 0, 0, EVENT_DRIVER_UNLOADED, STATUS_SUCCESS, nullptr,
+              0);
+  TraceFree();
+}
+
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
-  RtlZeroMemory(&Driver, sizeof(Driver));
-  Driver.DriverObject = DriverObject;
+  RtlZeroMemory(&DriverWide, sizeof(DriverWide));
+  DriverWide.DriverObject = DriverObject;
   ReportEvent(DriverObject, nullptr, 0, 0, EVENT_DRIVER_LOADED, STATUS_SUCCESS, nullptr, 0);
   InstallDispatchTable(DriverObject);
   DriverObject->DriverUnload = DriverUnload;
   DriverObject->DriverExtension->AddDevice = AddDevice;
   ReadDriverParameters(RegistryPath);
-  if ((Driver.BreakOnLoad & 0xFF) != 0) {
+  if ((DriverWide.BreakOnLoad & 0xFF) != 0) {
     DbgBreakPoint();
   }
-  Driver.ModeNames[MODE_INVALID] = L"INVALID";
-  Driver.ModeNames[MODE_IDLE] = L"IDLE";
-  Driver.ModeNames[MODE_NORMAL] = L"NORMAL";
-  Driver.ModeNames[MODE_REDIRECT] = L"REDIRECT";
+  DriverWide.ModeNames[MODE_INVALID] = L"INVALID";
+  DriverWide.ModeNames[MODE_IDLE] = L"IDLE";
+  DriverWide.ModeNames[MODE_NORMAL] = L"NORMAL";
+  DriverWide.ModeNames[MODE_REDIRECT] = L"REDIRECT";
   TraceInit();
   return STATUS_SUCCESS;
-}
-
-void DriverUnload(PDRIVER_OBJECT DriverObject) {
-  UNREFERENCED_PARAMETER(DriverObject);
-  ReportEvent(Driver.DriverObject, nullptr, 0, 0, EVENT_DRIVER_UNLOADED, STATUS_SUCCESS, nullptr,
-              0);
-  TraceFree();
 }

@@ -11,8 +11,7 @@ struct DriverVariables {
   LONG AuxiliaryDevices;
 };
 
-extern DriverVariables Driver;
+extern DriverVariables DriverWide;
 
-// Called by the I/O manager, once each, at PASSIVE_LEVEL. The entry always succeeds.
+// Called by the I/O manager, once, at PASSIVE_LEVEL; installs the unload routine. Always succeeds.
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
-void DriverUnload(PDRIVER_OBJECT DriverObject);

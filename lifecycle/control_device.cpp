@@ -54,7 +54,7 @@ static NTSTATUS BuildMultiString(PUNICODE_STRING Strings, const char *const *Tex
 // "%s" is a wide string in the kernel's wide formatting; the number is spent even when a later step
 // fails, so that a name is never used twice.
 static NTSTATUS NameNextDevice(PWSTR Buffer, PUNICODE_STRING Name) {
-  LONG number = InterlockedIncrement(&Driver.ControlDevices);
+  LONG number = InterlockedIncrement(&DriverWide.ControlDevices);
   NTSTATUS status = RtlStringCbPrintfW(Buffer, NAME_BYTES, L"%s%d", L"\\Device\\VORLIX", number);
   if (status == STATUS_SUCCESS) {
     RtlInitUnicodeString(Name, Buffer);

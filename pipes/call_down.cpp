@@ -69,7 +69,7 @@ static void PassOn(CallDownQueue *Queue) {
 // The thread cannot go on. What it was to send is told to the engine, which would otherwise count
 // on a read that nobody sends.
 static void EndOnFailedWait(PortExtension *Port, NTSTATUS Wait) {
-  ReportPortEvent(Driver.DriverObject, Port->Header.Device, 0, EVENT_INTERNAL_THREAD_WAIT,
+  ReportPortEvent(DriverWide.DriverObject, Port->Header.Device, 0, EVENT_INTERNAL_THREAD_WAIT,
                   EVENT_INTERNAL, Wait, Port);
   CallDownEntry *entry = TakeEntry(&Port->CallDown, TRUE);
   if (entry != nullptr) {
@@ -135,7 +135,7 @@ NTSTATUS CallDownInitialize(PDEVICE_OBJECT FilterDevice, CallDownQueue *Queue) {
     status = ReferenceThread(Queue, handle);
   }
   if (!NT_SUCCESS(status)) {
-    ReportPortEvent(Driver.DriverObject, FilterDevice, 0, static_cast<ULONG>(status),
+    ReportPortEvent(DriverWide.DriverObject, FilterDevice, 0, static_cast<ULONG>(status),
                     EVENT_NO_THREAD, STATUS_SUCCESS, port);
   }
   return status;

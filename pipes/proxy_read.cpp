@@ -259,7 +259,7 @@ static NTSTATUS Issue(ProxyReadEngine *Engine, IssueWay Way, KIRQL Irql) {
   }
   if (Engine->EngineState == ENGINE_STOPPING || Engine->EngineState == ENGINE_STOPPED) {
     KeReleaseSpinLock(&Engine->Lock, Irql);
-    ReportPortEvent(Driver.DriverObject, Engine->Device, 0, EVENT_INTERNAL_READ_STOPPED,
+    ReportPortEvent(DriverWide.DriverObject, Engine->Device, 0, EVENT_INTERNAL_READ_STOPPED,
                     EVENT_INTERNAL, STATUS_PENDING, port);
     return STATUS_PENDING;
   }

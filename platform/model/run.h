@@ -24,7 +24,7 @@ struct SchedulePolicy {
 
 struct RunOptions {
   ExecutorKind Executor = ExecutorKind::Fibers;
-  SchedulePolicy Schedule;
+  SchedulePolicy Schedule = {};
   bool Verifier = true;
   // False: a virtual clock that starts at a fixed instant and moves only when every thread waits
   // and one of them waits with a time-out. True: the machine's clock.

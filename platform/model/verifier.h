@@ -1,4 +1,50 @@
 // The verifier: what a driver must not do, and the evidence when it did.
+//
+// Rules of the model's core (those of packets, MDLs, devices, files, Plug and Play and power stand
+// with their areas):
+//
+//   irql.too-high             a service called above the IRQL that it allows
+//   irql.too-low              a DPC-level lock routine below DISPATCH_LEVEL
+//   irql.wrong-raise          the model was asked to raise to a lower level
+//   irql.wrong-restore        a lock given back with another IRQL than its acquisition returned
+//   irql.dropped-under-lock   the IRQL would fall below DISPATCH_LEVEL with a lock still held
+//   irql.not-restored         a run ended above PASSIVE_LEVEL
+//   lock.uninitialized        not a lock: never initialised, freed, or a copy of one
+//   lock.reinitialized        initialised while it is held
+//   lock.recursion            taken by the thread that holds it
+//   lock.release-unheld       given back while it is free
+//   lock.release-by-other     given back by a thread that does not hold it
+//   lock.wrong-release        taken one way (raising, at DPC level), given back the other
+//   lock.order                taken against the declared order
+//   lock.order-cycle          taken against an order that the run has shown
+//   lock.held-across          a call down, a completion, a wait, a thread's end with a lock held
+//   lock.freed-held           memory freed with a held lock in it
+//   lock.held-at-end          a run ended with a lock held
+//   lock.too-many             more locks held than the model records
+//   deadlock                  nobody can run and no time-out is pending
+//   dispatcher.uninitialized  not an event, semaphore or thread
+//   dispatcher.wrong-type     an event where a semaphore belongs, or the like
+//   dispatcher.freed-waited   memory freed in which a thread waits
+//   wait.bad-arguments        no objects, too many, or no room for their wait blocks
+//   wait.no-thread            a blocking wait outside of a model thread
+//   semaphore.limit           released above its limit
+//   semaphore.bad-arguments   a count or limit that no semaphore can have
+//   thread.not-system         PsTerminateSystemThread on a thread of another's making
+//   pool.zero-bytes           nothing allocated
+//   pool.no-tag               allocated with tag 0
+//   pool.bad-type             a pool that does not exist
+//   pool.wrong-tag            freed with another tag than allocated with (0 is accepted)
+//   pool.double-free          freed twice
+//   pool.foreign-free         what was freed is no block
+//   pool.overrun              written before or after a block
+//   pool.use-after-free       written after the free
+//   object.dead               a deleted object used or released again
+//   object.foreign            not an object
+//   handle.bad                not an open handle
+//   leak.pool leak.object leak.handle leak.thread   left over at the end of a run
+//   fastfail bugcheck         the driver stopped the system itself
+//   schedule.diverged         a replayed run offered other choices: it depends on something else
+//   model.no-thread           the machine ran out of threads
 #pragma once
 
 #include <cstdint>

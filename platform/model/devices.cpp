@@ -1,0 +1,366 @@
+#include "platform/model/devices.h"
+
+#include <cstring>
+#include <new>
+
+#include "platform/model/area.h"
+#include "platform/model/executor.h"
+#include "platform/model/faults.h"
+#include "platform/model/io_manager.h"
+#include "platform/model/names.h"
+#include "platform/model/objects.h"
+#include "platform/model/text.h"
+#include "platform/model/thread_object.h"
+#include "platform/model/verifier.h"
+
+static constexpr CSHORT DeviceObjectType = 3;
+static constexpr ULONG HasName = 0x00000040;  // DO_DEVICE_HAS_NAME
+static const char LocalSystemSddl[] = "D:P(A;;GA;;;SY)";
+
+ModelMutex DeviceMutex;
+
+struct OpensWaiter {
+  OpensWaiter *Next;
+  KEVENT Event;
+};
+static OpensWaiter *Waiters;  // each is unlinked by who sets its event
+
+// ---- creation ----
+
+struct DeviceBody {
+  DEVICE_OBJECT Object;
+  DeviceShadow Shadow;
+};
+static_assert(sizeof(DeviceBody) % 16 == 0);
+
+static void DeviceGone(void *Body) {
+  PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(Body);
+  {
+    Guard guard(DeviceMutex);
+    NameForgetDevice(device);
+  }
+  ObfDereferenceObject(device->DriverObject);
+}
+
+static PDEVICE_OBJECT MakeDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, DEVICE_TYPE Type,
+                                 ULONG Characteristics, BOOLEAN Exclusive) {
+  DeviceBody *body = static_cast<DeviceBody *>(
+      ObjectCreate(ObjectKind::Device, sizeof(DeviceBody) + ExtensionSize, DeviceGone));
+  PDEVICE_OBJECT device = &body->Object;
+  device->Type = DeviceObjectType;
+  device->Size = static_cast<USHORT>(sizeof(DEVICE_OBJECT) + ExtensionSize);
+  device->DriverObject = Driver;
+  device->Flags = DO_DEVICE_INITIALIZING | (Exclusive ? DO_EXCLUSIVE : 0);
+  device->Characteristics = Characteristics;
+  device->DeviceType = Type;
+  device->StackSize = 1;
+  device->DeviceExtension = ExtensionSize ? body + 1 : nullptr;
+  device->DeviceObjectExtension = &body->Shadow;
+  ObfReferenceObject(Driver);
+  return device;
+}
+
+static NTSTATUS CreateDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, PUNICODE_STRING Name,
+                             DEVICE_TYPE Type, ULONG Characteristics, BOOLEAN Exclusive,
+                             bool LocalSystemOnly, PDEVICE_OBJECT *Device) {
+  *Device = nullptr;
+  if (!ObjectIs(Driver, ObjectKind::Driver)) {
+    VerifierStop("device.not-live", Driver, "IoCreateDevice: no driver object");
+  }
+  if (FaultHere(FaultDevice)) {
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  std::string name = Name && Name->Length ? TextFromString(Name) : std::string();
+  if (!name.empty() && name[0] != '\\') {
+    return STATUS_OBJECT_NAME_INVALID;
+  }
+  PDEVICE_OBJECT device = MakeDevice(Driver, ExtensionSize, Type, Characteristics, Exclusive);
+  DeviceShadowOf(device)->LocalSystemOnly = LocalSystemOnly;
+  bool collides;
+  {
+    Guard guard(DeviceMutex);
+    collides = !name.empty() && NameTaken(name);
+    if (!collides) {
+      if (!name.empty()) {
+        device->Flags |= HasName;
+        NameAddDevice(name, device);
+      }
+      device->NextDevice = Driver->DeviceObject;
+      Driver->DeviceObject = device;
+    }
+  }
+  if (collides) {
+    ObfDereferenceObject(device);
+    return STATUS_OBJECT_NAME_COLLISION;
+  }
+  HistoryNote("device created", device);
+  *Device = device;
+  return STATUS_SUCCESS;
+}
+
+PDEVICE_OBJECT DeviceMake(PDRIVER_OBJECT Driver, DEVICE_TYPE Type) {
+  PDEVICE_OBJECT device = MakeDevice(Driver, 0, Type, 0, FALSE);
+  Guard guard(DeviceMutex);
+  device->NextDevice = Driver->DeviceObject;
+  Driver->DeviceObject = device;
+  return device;
+}
+
+NTSTATUS IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize,
+                        PUNICODE_STRING DeviceName, DEVICE_TYPE DeviceType,
+                        ULONG DeviceCharacteristics, BOOLEAN Exclusive,
+                        PDEVICE_OBJECT *DeviceObject) {
+  VerifierRequireIrql(APC_LEVEL, "IoCreateDevice");
+  return CreateDevice(DriverObject, DeviceExtensionSize, DeviceName, DeviceType,
+                      DeviceCharacteristics, Exclusive, false, DeviceObject);
+}
+
+NTSTATUS IoCreateDeviceSecure(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize,
+                              PUNICODE_STRING DeviceName, DEVICE_TYPE DeviceType,
+                              ULONG DeviceCharacteristics, BOOLEAN Exclusive,
+                              PCUNICODE_STRING DefaultSDDLString, LPCGUID DeviceClassGuid,
+                              PDEVICE_OBJECT *DeviceObject) {
+  UNREFERENCED_PARAMETER(DeviceClassGuid);
+  VerifierRequireIrql(PASSIVE_LEVEL, "IoCreateDeviceSecure");
+  *DeviceObject = nullptr;
+  if (!DeviceName || !DeviceName->Length || !DefaultSDDLString ||
+      TextFromString(DefaultSDDLString) != LocalSystemSddl) {
+    return STATUS_INVALID_PARAMETER;
+  }
+  return CreateDevice(DriverObject, DeviceExtensionSize, DeviceName, DeviceType,
+                      DeviceCharacteristics, Exclusive, true, DeviceObject);
+}
+
+// ---- deletion ----
+
+static void RequireDevice(PDEVICE_OBJECT Device, const char *Service) {
+  if (VerifierOn() && !ObjectIs(Device, ObjectKind::Device)) {
+    VerifierStop("device.not-live", Device, "%s: %p is no live device", Service,
+                 static_cast<void *>(Device));
+  }
+}
+
+// Under DeviceMutex. A deleted device leaves its driver once nobody has it open and nothing is
+// attached to it: in a removal the driver below deletes its device before the one above detaches.
+static bool LeaveDriverIfUnused(PDEVICE_OBJECT Device) {
+  if (!DeviceShadowOf(Device)->DeletePending || Device->ReferenceCount > 0 ||
+      Device->AttachedDevice) {
+    return false;
+  }
+  PDEVICE_OBJECT *link = &Device->DriverObject->DeviceObject;
+  while (*link != Device) {
+    link = &(*link)->NextDevice;
+  }
+  *link = Device->NextDevice;
+  Device->NextDevice = nullptr;
+  return true;
+}
+
+void IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
+  VerifierRequireIrql(APC_LEVEL, "IoDeleteDevice");
+  RequireDevice(DeviceObject, "IoDeleteDevice");
+  HistoryNote("IoDeleteDevice", DeviceObject);
+  bool unused;
+  {
+    Guard guard(DeviceMutex);
+    DeviceShadow *shadow = DeviceShadowOf(DeviceObject);
+    if (shadow->DeletePending) {
+      VerifierStop("device.deleted-twice", DeviceObject, "IoDeleteDevice: deleted before");
+    }
+    if (shadow->AttachedTo) {
+      VerifierStop("device.delete-attached", DeviceObject,
+                   "IoDeleteDevice: the device is attached to a device below");
+    }
+    shadow->DeletePending = true;
+    NameRemoveDevice(DeviceObject);
+    unused = LeaveDriverIfUnused(DeviceObject);
+  }
+  if (unused) {
+    ObfDereferenceObject(DeviceObject);
+  }
+}
+
+// ---- stacks ----
+
+static PDEVICE_OBJECT TopOf(PDEVICE_OBJECT Device) {
+  while (Device->AttachedDevice) {
+    Device = Device->AttachedDevice;
+  }
+  return Device;
+}
+
+PDEVICE_OBJECT DeviceTop(PDEVICE_OBJECT Device) {
+  Guard guard(DeviceMutex);
+  return TopOf(Device);
+}
+
+PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice,
+                                           PDEVICE_OBJECT TargetDevice) {
+  VerifierRequireIrql(DISPATCH_LEVEL, "IoAttachDeviceToDeviceStack");
+  RequireDevice(SourceDevice, "IoAttachDeviceToDeviceStack");
+  RequireDevice(TargetDevice, "IoAttachDeviceToDeviceStack");
+  if (FaultHere(FaultAttach)) {
+    return nullptr;
+  }
+  Guard guard(DeviceMutex);
+  DeviceShadow *source = DeviceShadowOf(SourceDevice);
+  if (source->AttachedTo) {
+    VerifierStop("device.attached-twice", SourceDevice, "the device is attached already");
+  }
+  PDEVICE_OBJECT top = TopOf(TargetDevice);
+  if ((top->Flags & DO_DEVICE_INITIALIZING) || DeviceShadowOf(top)->DeletePending) {
+    return nullptr;
+  }
+  top->AttachedDevice = SourceDevice;
+  source->AttachedTo = top;
+  SourceDevice->StackSize = static_cast<CCHAR>(top->StackSize + 1);
+  SourceDevice->AlignmentRequirement = top->AlignmentRequirement;
+  SourceDevice->SectorSize = top->SectorSize;
+  return top;
+}
+
+void IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
+  VerifierRequireIrql(DISPATCH_LEVEL, "IoDetachDevice");
+  RequireDevice(TargetDevice, "IoDetachDevice");
+  bool unused;
+  {
+    Guard guard(DeviceMutex);
+    PDEVICE_OBJECT upper = TargetDevice->AttachedDevice;
+    if (!upper) {
+      VerifierStop("device.not-attached", TargetDevice, "IoDetachDevice: nothing is attached");
+    }
+    DeviceShadowOf(upper)->AttachedTo = nullptr;
+    TargetDevice->AttachedDevice = nullptr;
+    unused = LeaveDriverIfUnused(TargetDevice);
+  }
+  if (unused) {
+    ObfDereferenceObject(TargetDevice);
+  }
+}
+
+uint64_t DeviceCount(PDRIVER_OBJECT Driver) {
+  Guard guard(DeviceMutex);
+  uint64_t count = 0;
+  for (PDEVICE_OBJECT device = Driver->DeviceObject; device; device = device->NextDevice) {
+    ++count;
+  }
+  return count;
+}
+
+// ---- opens ----
+
+NTSTATUS DeviceOpenFile(PDEVICE_OBJECT Device, bool LocalSystem, bool FromHandle) {
+  Guard guard(DeviceMutex);
+  DeviceShadow *shadow = DeviceShadowOf(Device);
+  if ((Device->Flags & DO_DEVICE_INITIALIZING) || shadow->DeletePending) {
+    return STATUS_NO_SUCH_DEVICE;
+  }
+  if (((Device->Flags & DO_EXCLUSIVE) && Device->ReferenceCount > 0) ||
+      (shadow->LocalSystemOnly && !LocalSystem)) {
+    return STATUS_ACCESS_DENIED;
+  }
+  ++Device->ReferenceCount;
+  shadow->Opens += FromHandle;
+  return STATUS_SUCCESS;
+}
+
+void DeviceCloseFile(PDEVICE_OBJECT Device, bool FromHandle) {
+  bool unused;
+  OpensWaiter *waiters = nullptr;
+  {
+    Guard guard(DeviceMutex);
+    --Device->ReferenceCount;
+    DeviceShadowOf(Device)->Opens -= FromHandle;
+    unused = LeaveDriverIfUnused(Device);
+    if (FromHandle) {
+      waiters = Waiters;
+      Waiters = nullptr;
+    }
+  }
+  if (unused) {
+    ObfDereferenceObject(Device);
+  }
+  while (waiters) {
+    OpensWaiter *waiter = waiters;
+    waiters = waiter->Next;
+    KeSetEvent(&waiter->Event, IO_NO_INCREMENT, FALSE);
+  }
+}
+
+static bool AnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
+  for (size_t i = 0; i < Count; ++i) {
+    for (PDEVICE_OBJECT device = Bottoms[i]; device; device = device->AttachedDevice) {
+      if (DeviceShadowOf(device)->Opens > 0) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+void DeviceAwaitNoOpens(const PDEVICE_OBJECT *Bottoms, size_t Count) {
+  for (;;) {
+    OpensWaiter waiter = {};
+    KeInitializeEvent(&waiter.Event, NotificationEvent, FALSE);
+    {
+      Guard guard(DeviceMutex);
+      if (!AnyOpen(Bottoms, Count)) {
+        return;
+      }
+      waiter.Next = Waiters;
+      Waiters = &waiter;
+    }
+    KeWaitForSingleObject(&waiter.Event, Executive, KernelMode, FALSE, nullptr);
+  }
+}
+
+// ---- callbacks ----
+
+CallbackScope CallbackBegin() {
+  PKTHREAD self = ThreadSelf();
+  CallbackScope scope = {KeGetCurrentIrql(), VerifierLocksHeld(), self->Dispatching};
+  self->Dispatching = nullptr;
+  return scope;
+}
+
+void CallbackEnd(const CallbackScope &Scope, const char *What) {
+  ThreadSelf()->Dispatching = Scope.Frames;
+  if (!VerifierOn()) {
+    return;
+  }
+  if (KeGetCurrentIrql() != Scope.Irql) {
+    VerifierStop("irql.not-restored", nullptr, "%s was called at IRQL %d and returned at %d", What,
+                 Scope.Irql, KeGetCurrentIrql());
+  }
+  if (VerifierLocksHeld() != Scope.Locks) {
+    VerifierStop("lock.not-released", nullptr, "%s was called with %u locks and returned with %u",
+                 What, Scope.Locks, VerifierLocksHeld());
+  }
+}
+
+// ---- the area ----
+
+static void DeviceBoot() {
+  Waiters = nullptr;
+  NamesBoot();
+}
+
+static void DeviceCheck() {
+  NamesCheck();
+  uint64_t files = ObjectCount(ObjectKind::File);
+  if (files > 0) {
+    VerifierStop("leak.file", nullptr, "%llu file objects are left",
+                 static_cast<unsigned long long>(files));
+  }
+  uint64_t devices = ObjectCount(ObjectKind::Device);
+  if (devices > 0) {
+    VerifierStop("leak.device", nullptr, "%llu devices are left",
+                 static_cast<unsigned long long>(devices));
+  }
+}
+
+static void DeviceShutdown() {
+  NamesBoot();
+}
+
+extern const ModelArea DeviceArea = {DeviceBoot, DeviceCheck, DeviceShutdown};

@@ -1,0 +1,22 @@
+// Dispatcher objects inside the model: what a wait does and who is woken.
+#pragma once
+
+#include <string>
+
+#include "platform/kernel.h"
+
+// DISPATCHER_HEADER.Type.
+enum WaitType : UCHAR {
+  WaitNotification = 0,
+  WaitSynchronization = 1,
+  WaitSemaphore = 5,
+  WaitThread = 6
+};
+
+void WaitHeaderInitialize(DISPATCHER_HEADER *Header, WaitType Type, LONG State);
+
+// Under DispatcherMutex: the object may have become signalled; the wait's time-out is over.
+void WaitSignalled(DISPATCHER_HEADER *Header);
+void WaitTimedOut(PKTHREAD Thread);
+
+std::string WaitText(const DISPATCHER_HEADER *Header);

@@ -1,0 +1,102 @@
+#include "platform/model/faults.h"
+
+#include <vector>
+
+#include "platform/model/guard.h"
+#include "platform/model/verifier.h"
+#include "platform/model/verifier_state.h"
+
+static constexpr unsigned KindCount = 32;
+
+struct TagCalls {
+  ULONG Tag;
+  uint64_t Calls;
+};
+
+static ModelMutex faultMutex;
+static FaultPlan plan;
+static bool armed;
+static bool delivered;
+static uint64_t matched;  // since the plan was armed
+static uint64_t calls[KindCount];
+static std::vector<TagCalls> poolCalls;
+
+void FaultsBoot() {
+  armed = delivered = false;
+  matched = 0;
+  for (uint64_t &count : calls) {
+    count = 0;
+  }
+  poolCalls.clear();
+}
+
+void FaultArm(const FaultPlan &Plan) {
+  Guard guard(faultMutex);
+  plan = Plan;
+  armed = true;
+  delivered = false;
+  matched = 0;
+}
+
+bool FaultDisarm() {
+  Guard guard(faultMutex);
+  armed = false;
+  return delivered;
+}
+
+static TagCalls *FindTag(ULONG tag) {
+  for (TagCalls &entry : poolCalls) {
+    if (entry.Tag == tag) {
+      return &entry;
+    }
+  }
+  return nullptr;
+}
+
+uint64_t FaultCount(uint32_t Kinds, ULONG Tag) {
+  Guard guard(faultMutex);
+  uint64_t count = 0;
+  for (unsigned i = 0; i < KindCount; ++i) {
+    uint32_t kind = 1u << i;
+    if (!(Kinds & kind)) {
+      continue;
+    }
+    if (kind == FaultPool && Tag != 0) {
+      const TagCalls *entry = FindTag(Tag);
+      count += entry ? entry->Calls : 0;
+    } else {
+      count += calls[i];
+    }
+  }
+  return count;
+}
+
+static void CountCall(FaultKind kind, ULONG tag) {
+  ++calls[__builtin_ctz(kind)];
+  if (kind == FaultPool) {
+    if (TagCalls *entry = FindTag(tag)) {
+      ++entry->Calls;
+    } else {
+      poolCalls.push_back({tag, 1});
+    }
+  }
+}
+
+bool FaultHere(FaultKind Kind, ULONG Tag) {
+  bool fails = false;
+  {
+    Guard guard(faultMutex);
+    CountCall(Kind, Tag);
+    bool matches =
+        armed && (plan.Kinds & Kind) && (Kind != FaultPool || plan.Tag == 0 || plan.Tag == Tag);
+    if (matches) {
+      ++matched;
+      fails = matched == plan.Nth || (plan.AndAllAfter && matched > plan.Nth);
+      delivered |= fails;
+    }
+  }
+  if (fails) {
+    HistoryNote("fault delivered", nullptr, Kind, Tag);
+  }
+  return fails;
+}

@@ -1,0 +1,111 @@
+#include "platform/model/model_bus.h"
+
+#include "platform/model/devices.h"
+#include "platform/model/objects.h"
+#include "platform/model/packets.h"
+
+static PDRIVER_OBJECT BusDriver;
+static unsigned BusDevices;
+
+static void FillCapabilities(PDEVICE_CAPABILITIES Capabilities) {
+  static const DEVICE_POWER_STATE states[PowerSystemMaximum] = {
+      PowerDeviceUnspecified, PowerDeviceD0, PowerDeviceD2, PowerDeviceD2,
+      PowerDeviceD3,          PowerDeviceD3, PowerDeviceD3};
+  RtlCopyMemory(Capabilities->DeviceState, states, sizeof states);
+  Capabilities->UniqueID = 1;
+  Capabilities->SurpriseRemovalOK = 1;
+  Capabilities->DeviceD2 = 1;
+  Capabilities->WakeFromD2 = 1;
+  Capabilities->SystemWake = PowerSystemSleeping3;
+  Capabilities->DeviceWake = PowerDeviceD2;
+}
+
+static NTSTATUS BusPnp(PDEVICE_OBJECT Device, PIRP Irp) {
+  PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(Irp);
+  {
+    Guard guard(DeviceMutex);
+    DeviceShadowOf(Device)->Reached = static_cast<UCHAR>(location->MinorFunction + 1);
+  }
+  switch (location->MinorFunction) {
+  case IRP_MN_QUERY_CAPABILITIES:
+    FillCapabilities(location->Parameters.DeviceCapabilities.Capabilities);
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+    break;
+  case IRP_MN_START_DEVICE:
+  case IRP_MN_QUERY_STOP_DEVICE:
+  case IRP_MN_CANCEL_STOP_DEVICE:
+  case IRP_MN_STOP_DEVICE:
+  case IRP_MN_QUERY_REMOVE_DEVICE:
+  case IRP_MN_CANCEL_REMOVE_DEVICE:
+  case IRP_MN_REMOVE_DEVICE:
+  case IRP_MN_SURPRISE_REMOVAL:
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+    break;
+  default:  // not the bus's business: as it came
+    break;
+  }
+  NTSTATUS status = Irp->IoStatus.Status;
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  return status;
+}
+
+static NTSTATUS BusPower(PDEVICE_OBJECT Device, PIRP Irp) {
+  PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(Irp);
+  if (location->MinorFunction == IRP_MN_SET_POWER ||
+      location->MinorFunction == IRP_MN_QUERY_POWER) {
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+  }
+  if (location->MinorFunction == IRP_MN_SET_POWER &&
+      location->Parameters.Power.Type == DevicePowerState) {
+    PoSetPowerState(Device, DevicePowerState, location->Parameters.Power.State);
+  }
+  NTSTATUS status = Irp->IoStatus.Status;
+  PoStartNextPowerIrp(Irp);
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  return status;
+}
+
+static NTSTATUS BusAsItCame(PDEVICE_OBJECT Device, PIRP Irp) {
+  UNREFERENCED_PARAMETER(Device);
+  NTSTATUS status = Irp->IoStatus.Status;
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  return status;
+}
+
+PDEVICE_OBJECT BusMakeDevice(PnpNode *Node) {
+  if (!BusDriver) {
+    BusDriver = DriverMake("ModelBus", nullptr);
+    BusDriver->MajorFunction[IRP_MJ_PNP] = BusPnp;
+    BusDriver->MajorFunction[IRP_MJ_POWER] = BusPower;
+    BusDriver->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = BusAsItCame;
+  }
+  ++BusDevices;
+  PDEVICE_OBJECT device = DeviceMake(BusDriver, FILE_DEVICE_SERIAL_PORT);
+  DeviceShadowOf(device)->Node = Node;
+  device->Flags = (device->Flags & ~static_cast<ULONG>(DO_DEVICE_INITIALIZING)) |
+                  DO_BUS_ENUMERATED_DEVICE | DO_POWER_PAGABLE;
+  return device;
+}
+
+void BusDeleteDevice(PDEVICE_OBJECT Device) {
+  IoDeleteDevice(Device);
+  if (--BusDevices == 0) {
+    ObfDereferenceObject(BusDriver);
+    BusDriver = nullptr;
+  }
+}
+
+bool BusSaw(PDEVICE_OBJECT Device, UCHAR Minor) {
+  Guard guard(DeviceMutex);
+  return DeviceShadowOf(Device)->Reached == Minor + 1;
+}
+
+void BusForget(PDEVICE_OBJECT Device) {
+  Guard guard(DeviceMutex);
+  DeviceShadowOf(Device)->Reached = 0;
+}
+
+void BusReset() {
+  BusDriver = nullptr;
+  BusDevices = 0;
+}

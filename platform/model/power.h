@@ -1,0 +1,5 @@
+// What the power manager remembers.
+#pragma once
+
+// Part of PnpArea.
+void PowerBoot();

@@ -1,0 +1,84 @@
+// The thread object: a waitable, counted object that carries what the model knows of a thread.
+#pragma once
+
+#include <setjmp.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+
+#include "platform/kernel.h"
+#include "platform/model/fibers.h"
+
+// Ready -> Running -> Ready (preempted, yielding), Waiting, Settling or Ended; Waiting and Settling
+// -> Ready. The thread executor knows no Ready: who is woken runs.
+enum class ThreadState : uint8_t { Ready, Running, Waiting, Settling, Ended };
+
+constexpr unsigned MostLocksHeld = 16;
+constexpr int64_t NoDeadline = INT64_MAX;
+
+struct HeldLock {
+  PKSPIN_LOCK Lock;
+  const void *Place;  // where it was taken
+  KIRQL Saved;
+  bool AtDpc;
+};
+
+// One object that a thread waits for; on the waiting thread's stack, unlinked by who wakes it.
+struct WaitBlock {
+  LIST_ENTRY Link;
+  PKTHREAD Thread;
+  DISPATCHER_HEADER *Object;
+};
+
+// What a thread is made of besides its record.
+struct ThreadRunner {
+  std::function<void()> Body;
+  std::condition_variable Wake;  // thread executor
+  jmp_buf Exit;                  // thread executor: how a thread leaves from wherever it is
+};
+
+struct _KTHREAD {
+  DISPATCHER_HEADER Header;
+  char Name[24];
+  bool System;  // started by PsCreateSystemThread
+
+  // The thread's own.
+  KIRQL Irql;
+  unsigned HeldCount;
+  HeldLock Held[MostLocksHeld];
+  struct DispatchFrame *Dispatching;  // the driver routine it runs for a packet, see packets.h
+
+  // Guarded by DispatcherMutex.
+  ThreadState State;
+  bool WaitForAll;
+  NTSTATUS WaitStatus;
+  ULONG BlockCount;
+  WaitBlock *Blocks;
+  int64_t Due;  // of the wait's time-out
+  LIST_ENTRY AllLink;
+  LIST_ENTRY QueueLink;
+
+  PKSPIN_LOCK WantedLock;  // fibers only: the held lock that it waits for
+
+  Fiber Context;
+  ThreadRunner *Runner;
+};
+
+extern constinit thread_local PKTHREAD CurrentThread;
+// Stands in for a thread outside of a run and while areas boot and shut down.
+extern _KTHREAD HostThread;
+
+inline PKTHREAD ThreadSelf() {
+  return CurrentThread ? CurrentThread : &HostThread;
+}
+
+// A new thread at PASSIVE_LEVEL that can run at once. The caller holds one reference, the running
+// thread another one.
+PKTHREAD ThreadCreate(const char *Name, std::function<void()> Body, size_t StackBytes);
+
+// Thread executor: lets the created thread begin. Nothing to do for a fiber.
+void ThreadLaunch(PKTHREAD Thread);
+
+// Ends the calling thread: wakes who waits for it and gives back its own reference.
+[[noreturn]] void ThreadEnd();

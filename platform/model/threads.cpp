@@ -1,0 +1,56 @@
+// System threads as drivers start and end them.
+#include <cstdio>
+
+#include "platform/model/executor.h"
+#include "platform/model/faults.h"
+#include "platform/model/objects.h"
+#include "platform/model/thread_object.h"
+#include "platform/model/verifier.h"
+
+NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID,
+                              PKSTART_ROUTINE StartRoutine, PVOID StartContext) {
+  VerifierRequireIrql(PASSIVE_LEVEL, "PsCreateSystemThread");
+  if (FaultHere(FaultThread)) {
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  char name[24];
+  snprintf(name, sizeof name, "system %u", static_cast<unsigned>(FaultCount(FaultThread)));
+  auto body = [StartRoutine, StartContext] {
+    StartRoutine(StartContext);
+    PsTerminateSystemThread(STATUS_SUCCESS);
+  };
+  PKTHREAD thread = ThreadCreate(name, body, FiberBytes);
+  thread->System = true;
+  *ThreadHandle = ObjectOpenHandle(thread, nullptr);
+  ThreadLaunch(thread);
+  ObfDereferenceObject(thread);
+  // The new thread may run before its creator goes on.
+  SwitchPoint(SwitchReason::Call, thread);
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS PsTerminateSystemThread(NTSTATUS) {
+  if (!ThreadSelf()->System) {
+    VerifierStop("thread.not-system", nullptr, "\"%s\" is not a system thread", ThreadSelf()->Name);
+  }
+  VerifierRequireNoLocks("PsTerminateSystemThread", nullptr);
+  VerifierRequireIrql(PASSIVE_LEVEL, "PsTerminateSystemThread");
+  ThreadEnd();
+}
+
+PKTHREAD KeGetCurrentThread(void) {
+  return ThreadSelf();
+}
+
+NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout) {
+  VerifierRequireIrql(PASSIVE_LEVEL, "ZwWaitForSingleObject");
+  void *thread = ObjectFromHandle(Handle, ObjectKind::Thread);
+  if (thread == nullptr) {
+    return STATUS_INVALID_HANDLE;
+  }
+  // The handle may be closed by another thread meanwhile.
+  ObfReferenceObject(thread);
+  NTSTATUS status = KeWaitForSingleObject(thread, Executive, KernelMode, Alertable, Timeout);
+  ObfDereferenceObject(thread);
+  return status;
+}

@@ -1,0 +1,238 @@
+#include "platform/model/verifier.h"
+
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "platform/model/executor.h"
+#include "platform/model/guard.h"
+#include "platform/model/locks.h"
+#include "platform/model/schedule.h"
+#include "platform/model/scheduler.h"
+#include "platform/model/verifier_state.h"
+
+bool VerifierEnabled;
+bool RunActive;
+
+struct Warning {
+  const char *Rule;
+  uint64_t Count;
+};
+
+struct HistoryEntry {
+  const char *What;
+  const volatile void *Object;
+  uint64_t A;
+  uint64_t B;
+  char Thread[15];  // the first characters of its name; the thread may be gone
+  KIRQL Irql;
+};
+
+static constexpr unsigned HistorySize = 1024;
+static constexpr unsigned HistoryShown = 40;
+
+static ModelMutex noteMutex;  // warnings and history; taken last
+static std::vector<Warning> warnings;
+static HistoryEntry history[HistorySize];
+static uint64_t historyNext;
+static uint64_t debuggerBreaks;
+static StopReport report;
+static bool stopping;  // thread executor: somebody reports already
+
+void VerifierBoot(bool On) {
+  VerifierEnabled = On;
+  warnings.clear();
+  historyNext = 0;
+  debuggerBreaks = 0;
+  report.Stopped = false;
+  report.Rule.clear();
+  report.Text.clear();
+}
+
+const StopReport &VerifierReport() {
+  return report;
+}
+
+bool VerifierOn() {
+  return VerifierEnabled;
+}
+
+// --- stopping ----------------------------------------------------------------------------------
+
+static std::string ThreadText(PKTHREAD self) {
+  char text[96];
+  snprintf(text, sizeof text, "thread \"%s\" at IRQL %u", self->Name, self->Irql);
+  std::string line = text;
+  for (unsigned i = 0; i < self->HeldCount; ++i) {
+    line += (i ? ", " : " holds ") + LockText(self->Held[i].Lock) + " taken at " +
+            PlaceText(self->Held[i].Place);
+  }
+  return line + '\n';
+}
+
+__attribute__((format(printf, 1, 0))) static std::string FormatV(const char *format, va_list args) {
+  va_list again;
+  va_copy(again, args);
+  int length = vsnprintf(nullptr, 0, format, args);
+  std::string text(static_cast<size_t>(length), '\0');
+  vsnprintf(text.data(), text.size() + 1, format, again);
+  va_end(again);
+  return text;
+}
+
+static std::string HistoryLines(const volatile void *object, unsigned most);
+
+static std::string Evidence(const void *object) {
+  std::string text = ThreadText(ThreadSelf());
+  std::string lines = HistoryLines(object, HistoryShown);
+  if (object && !lines.empty()) {
+    text += "what happened to it:\n" + lines;
+  } else {
+    text += "what happened last:\n" + HistoryLines(nullptr, HistoryShown);
+  }
+  return text + "replay: " + ScheduleText() + '\n';
+}
+
+[[noreturn]] static void Leave() {
+  if (RunActive && !ThreadsInUse) {
+    SchedulerAbandon();
+  }
+  fprintf(stderr, "kernel model stopped: %s\n%s", report.Rule.c_str(), report.Text.c_str());
+  abort();
+}
+
+void VerifierStop(const char *Rule, const void *Object, const char *Format, ...) {
+  // No model lock is taken from here on: the caller may hold any of them.
+  TsanIgnoreBegin();
+  if (__atomic_exchange_n(&stopping, ThreadsInUse, __ATOMIC_SEQ_CST)) {
+    for (;;) {
+      pause();
+    }
+  }
+  PreemptionOn = false;
+  va_list args;
+  va_start(args, Format);
+  report.Stopped = true;
+  report.Rule = Rule;
+  report.Text = report.Rule + ": " + FormatV(Format, args) + '\n' + Evidence(Object);
+  va_end(args);
+  TsanIgnoreEnd();
+  Leave();
+}
+
+void KeBugCheckModel(const char *Why) {
+  VerifierStop("bugcheck", nullptr, "%s", Why);
+}
+
+void __fastfail(unsigned int Code) {
+  VerifierStop("fastfail", nullptr, "fail-fast with code %u at %s", Code,
+               PlaceText(__builtin_return_address(0)).c_str());
+}
+
+void DbgBreakPoint(void) {
+  __atomic_add_fetch(&debuggerBreaks, 1, __ATOMIC_RELAXED);
+}
+
+uint64_t DebuggerBreaks() {
+  return __atomic_load_n(&debuggerBreaks, __ATOMIC_RELAXED);
+}
+
+void KiInterlockedPoint(const volatile void *Target) {
+  SwitchPoint(SwitchReason::Interlocked, Target);
+}
+
+// --- rules that several services share ---------------------------------------------------------
+
+void VerifierRequireIrql(KIRQL Highest, const char *Service) {
+  if (VerifierEnabled && ThreadSelf()->Irql > Highest) {
+    VerifierStop("irql.too-high", nullptr, "%s at IRQL %u; it allows %u at most", Service,
+                 ThreadSelf()->Irql, Highest);
+  }
+}
+
+void VerifierRequireNoLocks(const char *Service, const void *Object) {
+  if (VerifierEnabled && ThreadSelf()->HeldCount > 0) {
+    VerifierStop("lock.held-across", Object, "%s with %u locks held", Service,
+                 ThreadSelf()->HeldCount);
+  }
+}
+
+unsigned VerifierLocksHeld() {
+  return ThreadSelf()->HeldCount;
+}
+
+void VerifierWarn(const char *Rule) {
+  HistoryNote(Rule, nullptr);
+  Guard guard(noteMutex);
+  for (Warning &warning : warnings) {
+    if (strcmp(warning.Rule, Rule) == 0) {
+      ++warning.Count;
+      return;
+    }
+  }
+  warnings.push_back({Rule, 1});
+}
+
+uint64_t VerifierWarnings(const char *Rule) {
+  Guard guard(noteMutex);
+  for (const Warning &warning : warnings) {
+    if (strcmp(warning.Rule, Rule) == 0) {
+      return warning.Count;
+    }
+  }
+  return 0;
+}
+
+// --- history -----------------------------------------------------------------------------------
+
+void HistoryNote(const char *What, const volatile void *Object, uint64_t A, uint64_t B) {
+  if (!VerifierEnabled) {
+    return;
+  }
+  PKTHREAD self = ThreadSelf();
+  Guard guard(noteMutex);
+  HistoryEntry *entry = &history[historyNext++ % HistorySize];
+  entry->What = What;
+  entry->Object = Object;
+  entry->A = A;
+  entry->B = B;
+  entry->Irql = self->Irql;
+  memcpy(entry->Thread, self->Name, sizeof entry->Thread);
+}
+
+static std::string HistoryLine(const HistoryEntry &entry) {
+  char text[192];
+  snprintf(text, sizeof text, "  [%.*s, IRQL %u] %s %p (%#llx, %#llx)\n",
+           static_cast<int>(sizeof entry.Thread), entry.Thread, entry.Irql, entry.What,
+           const_cast<const void *>(entry.Object), static_cast<unsigned long long>(entry.A),
+           static_cast<unsigned long long>(entry.B));
+  return text;
+}
+
+static std::string HistoryLines(const volatile void *object, unsigned most) {
+  uint64_t end = historyNext;
+  uint64_t at = end;
+  uint64_t oldest = end > HistorySize ? end - HistorySize : 0;
+  unsigned found = 0;
+  while (at > oldest && found < most) {
+    --at;
+    found += !object || history[at % HistorySize].Object == object;
+  }
+  std::string text;
+  for (; at < end; ++at) {
+    const HistoryEntry &entry = history[at % HistorySize];
+    if (!object || entry.Object == object) {
+      text += HistoryLine(entry);
+    }
+  }
+  return text;
+}
+
+std::string HistoryText(const volatile void *Object, unsigned Most) {
+  Guard guard(noteMutex);
+  return HistoryLines(Object, Most);
+}

@@ -1,0 +1,20 @@
+// What the model's own services ask the verifier at every call.
+#pragma once
+
+#include <string>
+
+#include "platform/kernel.h"
+
+extern bool VerifierEnabled;
+extern bool RunActive;  // between the boot of the areas and their shutdown
+
+void VerifierBoot(bool On);
+void FaultsBoot();
+
+// Why the last run stopped.
+struct StopReport {
+  bool Stopped;
+  std::string Rule;
+  std::string Text;
+};
+const StopReport &VerifierReport();

@@ -1,0 +1,236 @@
+// Attaching: which ports are refused, what a port's key says, the control device, and unwinding.
+#include <gtest/gtest.h>
+
+#include "driver/entry.h"
+#include "driver/event_log.h"
+#include "tests/support/world.h"
+
+static RegistryValue Bytes(std::initializer_list<uint8_t> Data) {
+  return {REG_BINARY, Data};
+}
+
+// Loads, tries to add a port, lets the test look, ends.
+static void Attach(const WorldOptions &Options, const std::function<void(World *)> &Look,
+                   const std::function<void(World *)> &Prepare = nullptr) {
+  RunReport report = ModelRun({}, [&] {
+    World world;
+    WorldLoad(&world, Options);
+    if (Prepare) {
+      Prepare(&world);
+    }
+    WorldAdd(&world, Options);
+    Look(&world);
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+TEST(Attach, RefusesPortsWithNeitherBufferedNorDirectIo) {
+  WorldOptions options;
+  options.Buffering = 0;
+  Attach(options, [](World *world) {
+    EXPECT_EQ(world->AddStatus, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(EventLogCount(EVENT_NEITHER_IO), 1u);
+    EXPECT_EQ(EventLogCount(EVENT_ATTACHING), 1u);
+    EXPECT_EQ(DeviceCount(world->Driver), 0u);
+  });
+}
+
+TEST(Attach, RefusesTheReflectorWhateverTheCase) {
+  for (const char *name : {"WUDFRd", "wudfrD"}) {
+    RunReport report = ModelRun({}, [&] {
+      World world;
+      world.PortDriver = DriverLoad(name, LowerEntry);
+      world.Driver = DriverLoad("Vorlix", DriverEntry);
+      EXPECT_EQ(WorldAdd(&world), STATUS_INVALID_DEVICE_REQUEST);
+      EXPECT_EQ(EventLogCount(EVENT_REFLECTED_PORT), 1u);
+      EXPECT_EQ(DeviceCount(world.Driver), 0u);
+      WorldEnd(&world);
+    });
+    EXPECT_FALSE(report.Stopped) << report.Text;
+  }
+}
+
+TEST(Attach, InheritsFlagsFromTheDeviceBelow) {
+  for (ULONG flags : {DO_BUFFERED_IO, DO_DIRECT_IO, DO_BUFFERED_IO | DO_EXCLUSIVE}) {
+    WorldOptions options;
+    options.Buffering = flags;
+    Attach(options, [=](World *world) {
+      PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
+      EXPECT_EQ(filter->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO | DO_EXCLUSIVE), flags);
+      EXPECT_EQ(filter->Flags & DO_DEVICE_INITIALIZING, 0u);
+      EXPECT_NE(filter->Flags & DO_POWER_PAGABLE, 0u);
+      PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+      EXPECT_EQ(control->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO), flags & ~DO_EXCLUSIVE);
+      EXPECT_EQ(control->StackSize, filter->StackSize + 1);
+    });
+  }
+}
+
+struct SettingsCase {
+  const char *What;
+  std::map<std::string, RegistryValue> Values;
+  ULONG DebugLevel, PacketDump, UseAuxiliary, AutoDetect, Limit;
+};
+
+TEST(PortSettings, TakeTheirFallbacks) {
+  const std::vector<SettingsCase> cases = {
+      {"nothing", {}, 0x80000000, 0, 0, 1, 1024},
+      {"all given",
+       {{"VORLIXDebugLevel", RegistryDword(5)},
+        {"VORLIXPacketDump", RegistryDword(2)},
+        {"VORLIXUseEdo", RegistryDword(0)},
+        {"VORLIXProxyReadLimit", RegistryDword(64)}},
+       5,
+       2,
+       0,
+       0,
+       64},
+      {"a short mask sets its own bytes only",
+       {{"VORLIXPacketDump", Bytes({0x34, 0x12})}},
+       0x80000000,
+       0x1234,
+       0,
+       1,
+       1024},
+      {"six bytes are read but not taken",
+       {{"VORLIXUseEdo", Bytes({1, 0, 0, 0, 0, 0})}},
+       0x80000000,
+       0,
+       0,
+       0,
+       1024},
+      {"a limit too large to be read is no limit",
+       {{"VORLIXProxyReadLimit", {REG_BINARY, std::vector<uint8_t>(64, 1)}}},
+       0x80000000,
+       0,
+       0,
+       1,
+       0},
+      {"so is one of eight bytes",
+       {{"VORLIXProxyReadLimit", Bytes({1, 0, 0, 0, 0, 0, 0, 0})}},
+       0x80000000,
+       0,
+       0,
+       1,
+       0},
+  };
+  for (const SettingsCase &c : cases) {
+    SCOPED_TRACE(c.What);
+    WorldOptions options;
+    options.Values = c.Values;
+    Attach(options, [&](World *world) {
+      PortExtension *port = WorldPort(world);
+      EXPECT_EQ(port->Header.DebugLevel, c.DebugLevel);
+      EXPECT_EQ(port->Control->Header.DebugLevel, c.DebugLevel);
+      EXPECT_EQ(port->Header.PacketDump, c.PacketDump);
+      EXPECT_EQ(port->UseAuxiliary, c.UseAuxiliary);
+      EXPECT_EQ(port->AuxiliaryAutoDetect, c.AutoDetect);
+      EXPECT_EQ(port->ProxyReadLimit, c.Limit);
+    });
+  }
+}
+
+TEST(PortSettings, AnUnusablePortNameFailsTheAttach) {
+  std::vector<uint8_t> full(512, 'A');
+  const std::vector<std::pair<RegistryValue, NTSTATUS>> cases = {
+      {RegistryText("COM3", false), STATUS_INVALID_PARAMETER},
+      {{REG_SZ, full}, STATUS_INVALID_PARAMETER},
+      {{REG_SZ, {}}, STATUS_INVALID_PARAMETER},
+      {{REG_SZ, std::vector<uint8_t>(600, 0)}, STATUS_BUFFER_OVERFLOW},
+  };
+  for (const auto &[value, status] : cases) {
+    WorldOptions options;
+    options.Values["PortName"] = value;
+    Attach(options, [&, expected = status](World *world) {
+      EXPECT_EQ(world->AddStatus, expected);
+      EXPECT_EQ(EventLogCount(EVENT_NO_PORT_NAME), expected == STATUS_BUFFER_OVERFLOW ? 1u : 0u);
+      EXPECT_EQ(DeviceCount(world->Driver), 0u);
+    });
+  }
+}
+
+TEST(PortSettings, NoKeyOrNoNameFailsTheAttach) {
+  for (bool hasKey : {false, true}) {
+    RunReport report = ModelRun({}, [&] {
+      World world;
+      WorldLoad(&world);
+      LowerNext(&world.Lower);
+      PortSpec port;
+      port.HasKey = hasKey;
+      port.Drivers = {world.PortDriver, world.Driver};
+      NTSTATUS status = STATUS_SUCCESS;
+      EXPECT_EQ(PnpAdd(port, &status), nullptr);
+      EXPECT_FALSE(NT_SUCCESS(status));
+      EXPECT_EQ(EventLogCount(EVENT_NO_PORT_NAME), hasKey ? 1u : 0u);
+      WorldEnd(&world);
+    });
+    EXPECT_FALSE(report.Stopped) << report.Text;
+  }
+}
+
+TEST(ControlDevice, NamesAreNeverUsedTwice) {
+  Attach({}, [](World *world) {
+    EXPECT_NE(NameLookup("\\Device\\VORLIX1"), nullptr);
+    EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), NameLookup("\\Device\\VORLIX1"));
+    // A second port of the same name: its link collides, the number is spent, and the first keeps
+    // its link.
+    World twin;
+    twin.PortDriver = world->PortDriver;
+    twin.Driver = world->Driver;
+    twin.Lower.Name = "COM4";
+    WorldOptions same;
+    same.Values["PortName"] = RegistryText("COM3");
+    EXPECT_EQ(WorldAdd(&twin, same), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(EventLogCount(EVENT_NO_CONTROL_DEVICE), 1u);
+    EXPECT_EQ(EventLogEntries().back().Strings.at(0), "\\DosDevices\\VORLIX_COM3");
+    EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), NameLookup("\\Device\\VORLIX1"));
+    EXPECT_EQ(WorldAdd(&twin), STATUS_SUCCESS);
+    EXPECT_NE(NameLookup("\\Device\\VORLIX3"), nullptr);
+    PnpRemove(twin.Node);
+    EXPECT_EQ(NameLookup("\\Device\\VORLIX3"), nullptr);
+  });
+}
+
+TEST(ControlDevice, OnlyTheSystemOpensIt) {
+  Attach({}, [](World *world) {
+    HANDLE handle;
+    for (Account who : {Account::Administrator, Account::User}) {
+      EXPECT_EQ(FileOpen("\\DosDevices\\VORLIX_COM3", who, &handle), STATUS_ACCESS_DENIED);
+    }
+    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+  });
+}
+
+// Every call that can fail on the way, one after the other: the attach either works or leaves
+// nothing behind, and works again once the fault is gone.
+TEST(Attach, UnwindsWhereverItFails) {
+  uint64_t failures = 0;
+  bool delivered = true;
+  for (uint64_t nth = 1; delivered; ++nth) {
+    RunReport report = ModelRun({}, [&] {
+      World world;
+      WorldLoad(&world);
+      FaultArm({FaultEverything, 0, nth, false});
+      NTSTATUS status = WorldAdd(&world);
+      delivered = FaultDisarm();
+      if (world.Node == nullptr) {
+        ++failures;
+        EXPECT_FALSE(NT_SUCCESS(world.AddStatus));
+        EXPECT_EQ(DeviceCount(world.Driver), 0u);
+        EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), nullptr);
+        EXPECT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+      } else if (!NT_SUCCESS(status)) {
+        PnpRemove(world.Node);  // the start failed
+        EXPECT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+      }
+      if (world.Node != nullptr && OpenClient(&world) != STATUS_SUCCESS) {
+        ADD_FAILURE() << "the port does not work after fault " << nth;
+      }
+      WorldEnd(&world);
+    });
+    ASSERT_FALSE(report.Stopped) << "fault " << nth << "\n" << report.Text;
+    ASSERT_LT(nth, 200u);
+  }
+  EXPECT_GT(failures, 10u);
+}

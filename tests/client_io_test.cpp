@@ -1,0 +1,337 @@
+// What the client writes, reads and asks for: in IDLE, in NORMAL, and under the stream lock.
+#include <gtest/gtest.h>
+
+#include "driver/event_log.h"
+#include "tests/support/world.h"
+
+constexpr ULONG Buffered = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_BUFFERED, 0);
+constexpr ULONG Direct = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_OUT_DIRECT, 0);
+constexpr ULONG Neither = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_NEITHER, 0);
+
+// Both ways in which a port takes its buffers.
+class ClientIo : public testing::TestWithParam<ULONG> {
+ protected:
+  void Run(const std::function<void(World *)> &Scenario, WorldOptions Options = {}) {
+    Options.Buffering = GetParam();
+    RunWorld(Scenario, Options);
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Buffering, ClientIo, testing::Values(DO_BUFFERED_IO, DO_DIRECT_IO));
+
+TEST_P(ClientIo, IdleIsTransparent) {
+  for (ULONG dump : {0u, 2u}) {
+    WorldOptions options;
+    options.Values["VORLIXPacketDump"] = RegistryDword(dump);
+    Run(
+        [](World *world) {
+          LowerPort *lower = &world->Lower;
+          lower->How[IRP_MJ_READ] = Behaviour::Pend;
+          ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+          Io write, read, cancelled;
+          EXPECT_EQ(StartWrite(world->Client, &write, "hello"), STATUS_SUCCESS);
+          EXPECT_EQ(write.Iosb.Information, 5u);
+          EXPECT_EQ(LowerWritten(lower), "hello");
+          EXPECT_EQ(StartRead(world->Client, &read, 4096), STATUS_PENDING);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, 4096u);
+          EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "world"));
+          EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+          EXPECT_EQ(read.Text(), "world");
+          EXPECT_EQ(StartRead(world->Client, &cancelled, 1), STATUS_PENDING);
+          EXPECT_TRUE(FileCancel(&cancelled));
+          EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
+          EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+        },
+        options);
+  }
+}
+
+TEST_P(ClientIo, NormalWritesGoToThePortAndToZk) {
+  Run([](World *world) {
+    GoNormal(world);
+    Io write;
+    EXPECT_EQ(StartWrite(world->Client, &write, "AT\r"), STATUS_SUCCESS);
+    EXPECT_EQ(write.Iosb.Information, 3u);
+    EXPECT_EQ(LowerWritten(&world->Lower), "AT\r");
+    Frame frame = NextFrame(world);
+    EXPECT_EQ(frame.Header.Type, static_cast<ULONG>(FRAME_REPORT));
+    EXPECT_EQ(frame.Header.Tag, static_cast<ULONG>(TAG_CLIENT));
+    EXPECT_EQ(frame.Header.Code, 0u);
+    EXPECT_EQ(frame.Payload, "AT\r");
+    // ZK sees the bytes even when the port then fails the write.
+    world->Lower.Result[IRP_MJ_WRITE] = STATUS_IO_DEVICE_ERROR;
+    EXPECT_EQ(StartWrite(world->Client, &write, "lost"), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(NextFrame(world).Payload, "lost");
+  });
+}
+
+// An empty report is delivered only when nothing else waits for ZK; the write goes down anyway.
+TEST_P(ClientIo, EmptyWrites) {
+  Run([](World *world) {
+    GoNormal(world);
+    Io write;
+    EXPECT_EQ(StartWrite(world->Client, &write, ""), STATUS_SUCCESS);
+    EXPECT_EQ(StartWrite(world->Client, &write, ""), STATUS_SUCCESS);
+    EXPECT_EQ(StartWrite(world->Client, &write, "x"), STATUS_SUCCESS);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_WRITE), 3u);
+    EXPECT_EQ(NextFrame(world).Header.Length, 24u);
+    EXPECT_EQ(NextFrame(world).Payload, "x");
+  });
+}
+
+// A copy that cannot be made fails the write, and nothing reaches the port.
+TEST_P(ClientIo, AFailedCopyFailsTheWrite) {
+  Run([](World *world) {
+    GoNormal(world);
+    Io write;
+    for (FaultPlan plan : {FaultPlan{FaultPool, FourCharacters("ZK09"), 1, false},
+                           FaultPlan{FaultMapping, 0, 1, false}}) {
+      FaultArm(plan);
+      NTSTATUS status = StartWrite(world->Client, &write, "x");
+      if (FaultDisarm()) {
+        EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(write.Iosb.Information, 0u);
+      } else {
+        EXPECT_EQ(NextFrame(world).Payload, "x");
+      }
+    }
+    EXPECT_EQ(LowerWritten(&world->Lower).size(), GetParam() == DO_DIRECT_IO ? 0u : 1u);
+  });
+}
+
+TEST_P(ClientIo, NormalReadsAreServedFromProxyReads) {
+  struct LimitCase {
+    bool Given;
+    ULONG Limit;
+    size_t Asked;
+    ULONG Issued;
+  };
+  for (LimitCase c : {LimitCase{false, 0, 4096, 1024}, {true, 0, 4096, 4096}, {true, 16, 5, 5}}) {
+    WorldOptions options;
+    if (c.Given) {
+      options.Values["VORLIXProxyReadLimit"] = RegistryDword(c.Limit);
+    }
+    Run(
+        [=](World *world) {
+          LowerPort *lower = &world->Lower;
+          GoNormal(world);
+          Io read;
+          EXPECT_EQ(StartRead(world->Client, &read, c.Asked), STATUS_PENDING);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, c.Issued);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).FsContext, &lower->OpenContext);
+          LowerFeed(lower, "12345");
+          EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+          EXPECT_EQ(read.Text(), "12345");
+          Frame frame = NextFrame(world);
+          EXPECT_EQ(frame.Header.Tag, static_cast<ULONG>(TAG_LOWER));
+          EXPECT_EQ(frame.Payload, "12345");
+          EXPECT_EQ(LowerCount(lower, IRP_MJ_READ), 1u);
+        },
+        options);
+  }
+}
+
+TEST_P(ClientIo, AZeroLengthReadEndsAtOnce) {
+  Run([](World *world) {
+    GoNormal(world);
+    Io read;
+    EXPECT_EQ(StartRead(world->Client, &read, 0), STATUS_SUCCESS);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_READ), 0u);
+    EXPECT_EQ(StartRead(world->Zk, &read, 0), STATUS_SUCCESS);
+  });
+}
+
+// Bytes beyond a read stay for the next; a read never takes from two blocks.
+TEST_P(ClientIo, BlocksAndReadsOfOtherSizes) {
+  WorldOptions options;
+  options.Values["VORLIXProxyReadLimit"] = RegistryDword(0);
+  Run(
+      [](World *world) {
+        LowerPort *lower = &world->Lower;
+        GoNormal(world);
+        // A 100-byte read is driven by the client, but answered by the oldest read, of 30.
+        Io small, large, rest[3];
+        EXPECT_EQ(StartRead(world->Client, &small, 30), STATUS_PENDING);
+        EXPECT_EQ(StartRead(world->Client, &large, 100), STATUS_PENDING);
+        LowerFeed(lower, std::string(30, 'a'));
+        EXPECT_EQ(FileWait(&small), STATUS_SUCCESS);
+        EXPECT_EQ(small.Text(), std::string(30, 'a'));
+        FileCancel(&large);
+        EXPECT_EQ(FileWait(&large), STATUS_CANCELLED);
+        ThreadSettle();
+        EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, 100u);
+        LowerFeed(lower, std::string(40, 'b') + std::string(60, 'c'));
+        ThreadSettle();
+        size_t reads = LowerCount(lower, IRP_MJ_READ);
+        const size_t expected[] = {30, 30, 30};
+        for (int i = 0; i < 3; ++i) {
+          EXPECT_EQ(StartRead(world->Client, &rest[i], 30), STATUS_SUCCESS);
+          EXPECT_EQ(rest[i].Iosb.Information, expected[i]);
+        }
+        EXPECT_EQ(StartRead(world->Client, &rest[0], 30), STATUS_SUCCESS);
+        EXPECT_EQ(rest[0].Text(), std::string(10, 'c'));
+        EXPECT_EQ(LowerCount(lower, IRP_MJ_READ), reads);  // served without reading the port
+      },
+      options);
+}
+
+// The port's failure reaches the client in its read and ZK in the frame's code; a stale count of a
+// failed read is not believed.
+TEST_P(ClientIo, AFailedPortReadReachesBothSides) {
+  Run([](World *world) {
+    world->Lower.How[IRP_MJ_READ] = Behaviour::Pend;
+    GoNormal(world);
+    Io read;
+    EXPECT_EQ(StartRead(world->Client, &read, 8), STATUS_PENDING);
+    EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_IO_TIMEOUT, "ab"));
+    EXPECT_EQ(FileWait(&read), STATUS_IO_TIMEOUT);
+    EXPECT_EQ(read.Iosb.Information, 2u);
+    Frame frame = NextFrame(world);
+    EXPECT_EQ(frame.Header.Code, static_cast<ULONG>(STATUS_IO_TIMEOUT));
+    EXPECT_EQ(frame.Payload, "ab");
+  });
+}
+
+// A proxy read that fails inside the call fails the read that asked for it, and its element the
+// next read, which does not reach the port.
+TEST_P(ClientIo, AnInlineFailureIsReportedTwice) {
+  Run([](World *world) {
+    world->Lower.How[IRP_MJ_READ] = Behaviour::Inline;
+    world->Lower.Result[IRP_MJ_READ] = STATUS_IO_DEVICE_ERROR;
+    GoNormal(world);
+    Io read;
+    EXPECT_EQ(StartRead(world->Client, &read, 8), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(StartRead(world->Client, &read, 8), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_READ), 1u);
+  });
+}
+
+// Inline ports: each block is answered on the stack of its read, and the next read goes out through
+// the call-down thread.
+TEST_P(ClientIo, ManyReadsOfAnInlinePortStayFlat) {
+  Run([](World *world) {
+    LowerPort *lower = &world->Lower;
+    GoNormal(world);
+    constexpr int Count = 500;
+    std::vector<Io> reads(Count);
+    for (Io &read : reads) {
+      StartRead(world->Client, &read, 2);
+    }
+    std::string expected;
+    for (int i = 0; i < Count; ++i) {
+      expected += static_cast<char>('a' + i % 26);
+      expected += static_cast<char>('A' + i % 26);
+    }
+    LowerFeed(lower, expected);
+    std::string got;
+    for (Io &read : reads) {
+      EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+      got += read.Text();
+    }
+    EXPECT_EQ(got, expected);
+    std::string seen;
+    for (int i = 0; i < Count; ++i) {
+      seen += NextFrame(world).Payload;
+    }
+    EXPECT_EQ(seen, expected);
+  });
+}
+
+TEST_P(ClientIo, TheLockParksAndUnlockReleasesInOrder) {
+  Run([](World *world) {
+    LowerPort *lower = &world->Lower;
+    GoNormal(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM, 1), STATUS_SUCCESS);
+    Io writes[3], control, direct, neither, cancelled;
+    EXPECT_EQ(StartWrite(world->Client, &writes[0], "1"), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &writes[1], "2"), STATUS_PENDING);
+    EXPECT_EQ(StartControl(world->Client, &control, Buffered), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &cancelled, "no"), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &writes[2], "3"), STATUS_PENDING);
+    EXPECT_EQ(StartControl(world->Client, &direct, Direct), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(StartControl(world->Client, &neither, Neither), STATUS_NOT_SUPPORTED);
+    EXPECT_TRUE(FileCancel(&cancelled));
+    EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
+    EXPECT_EQ(LowerWritten(lower), "");
+    // ZK's own bytes still reach the port.
+    Io data;
+    EXPECT_EQ(StartWrite(world->Zk, &data, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "zk")),
+              STATUS_SUCCESS);
+    EXPECT_EQ(data.Iosb.Information, 26u);
+    EXPECT_EQ(LowerWritten(lower), "zk");
+    // So do requests that the lock does not cover.
+    EXPECT_EQ(SendPacket(WorldPort(world)->Header.Device, IRP_MJ_FLUSH_BUFFERS, 0, nullptr),
+              STATUS_SUCCESS);
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_DEVICE_CONTROL), 0u);
+    ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM, 2), STATUS_SUCCESS);
+    EXPECT_EQ(LowerWritten(lower), "zk123");
+    EXPECT_EQ(FileWait(&control), STATUS_SUCCESS);
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_DEVICE_CONTROL), 1u);
+    EXPECT_EQ(NextFrame(world).Header.Tag, 1u);
+    EXPECT_EQ(NextFrame(world).Header.Tag, 2u);  // the reply comes before what it releases
+    EXPECT_EQ(NextFrame(world).Payload, "1");
+  });
+}
+
+// In IDLE the lock is reported as an invalid combination, and parks all the same.
+TEST_P(ClientIo, LockInIdleStillParks) {
+  Run([](World *world) {
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+    EXPECT_EQ(EventLogCount(EVENT_BAD_STATE_FLAGS), 1u);
+    Io write;
+    EXPECT_EQ(StartWrite(world->Client, &write, "x"), STATUS_PENDING);
+    ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
+    EXPECT_EQ(LowerWritten(&world->Lower), "x");
+  });
+}
+
+// ZK closing under the lock: parked requests go on while the mode is still NORMAL, and the reads
+// among them end up at the port.
+TEST_P(ClientIo, ZksCloseReleasesAndHandsDown) {
+  Run([](World *world) {
+    LowerPort *lower = &world->Lower;
+    lower->How[IRP_MJ_READ] = Behaviour::Pend;
+    GoNormal(world);
+    Io waiting[2], parked, write;
+    EXPECT_EQ(StartRead(world->Client, &waiting[0], 10), STATUS_PENDING);
+    EXPECT_EQ(StartRead(world->Client, &waiting[1], 20), STATUS_PENDING);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+    EXPECT_EQ(StartRead(world->Client, &parked, 30), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &write, "w"), STATUS_PENDING);
+    CloseZk(world);
+    EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
+    ThreadSettle();
+    EXPECT_EQ(LowerHeldCount(lower), 3u);  // nothing of the engine's is left among them
+    for (Io *read : {&waiting[0], &waiting[1], &parked}) {
+      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "port"));
+      EXPECT_EQ(FileWait(read), STATUS_SUCCESS);
+      EXPECT_EQ(read->Text(), "port");
+    }
+  });
+}
+
+// Requests that the filter only passes on are cancelled by the cleanup of their handle.
+TEST_P(ClientIo, CleanupCancelsTrackedRequests) {
+  Run([](World *world) {
+    LowerPort *lower = &world->Lower;
+    lower->How[IRP_MJ_FLUSH_BUFFERS] = Behaviour::Pend;
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    NTSTATUS statuses[2] = {};
+    PKTHREAD threads[2];
+    for (int i = 0; i < 2; ++i) {
+      threads[i] = ThreadStart("flush", [&, i] {
+        statuses[i] = SendPacket(WorldPort(world)->Header.Device, IRP_MJ_FLUSH_BUFFERS, 0, nullptr);
+      });
+    }
+    ThreadSettle();
+    EXPECT_EQ(LowerHeldCount(lower), 2u);
+    CloseClient(world);
+    for (PKTHREAD thread : threads) {
+      ThreadJoin(thread);
+    }
+    EXPECT_EQ(statuses[0], STATUS_CANCELLED);
+    EXPECT_EQ(statuses[1], STATUS_CANCELLED);
+  });
+}

@@ -1,0 +1,333 @@
+// What crosses the control device: frames and their checks, commands and replies, data frames,
+// messages, and ZK's reads.
+#include <gtest/gtest.h>
+
+#include "controller/messages.h"
+#include "controller/port_mode.h"
+#include "driver/event_log.h"
+#include "tests/support/world.h"
+
+class Controller : public testing::TestWithParam<ULONG> {
+ protected:
+  void Run(const std::function<void(World *)> &Scenario) {
+    WorldOptions options;
+    options.Buffering = GetParam();
+    RunWorld(Scenario, options);
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Buffering, Controller, testing::Values(DO_BUFFERED_IO, DO_DIRECT_IO));
+
+static std::string Damaged(size_t Length, uint32_t LengthField, uint32_t Type) {
+  FrameHeader header = {};
+  header.Length = LengthField;
+  header.Type = Type;
+  std::string bytes(reinterpret_cast<const char *>(&header), sizeof(header));
+  bytes.resize(Length);
+  return bytes;
+}
+
+TEST_P(Controller, BadFramesAreRefusedAndReported) {
+  const std::vector<std::string> frames = {
+      "",
+      "x",
+      Damaged(23, 23, FRAME_DATA),
+      Damaged(100, 60, FRAME_DATA),
+      Damaged(100, 101, FRAME_CONTROL),
+      Damaged(24, 24, FRAME_REPORT),
+      Damaged(24, 24, FRAME_CONTROL_REPLY),
+      Damaged(24, 24, 0),
+      Damaged(24, 24, 0xFFFFFFFF),
+  };
+  Run([&](World *world) {
+    GoNormal(world);
+    for (size_t i = 0; i < frames.size(); ++i) {
+      Io write;
+      EXPECT_EQ(StartWrite(world->Zk, &write, frames[i]), STATUS_INVALID_PARAMETER) << i;
+      EXPECT_EQ(write.Iosb.Information, 0u);
+      EXPECT_EQ(EventLogCount(EVENT_BAD_FRAME), i + 1);
+    }
+    EXPECT_EQ(EventLogEntries().back().Device, WorldPort(world)->ControlDevice);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_WRITE), 0u);
+    EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+  });
+}
+
+TEST_P(Controller, CommandsAreAnsweredWithTheirTag) {
+  Run([](World *world) {
+    GoNormal(world);
+    ULONG_PTR information = 0;
+    for (ULONG tag : {0u, 7u, 0xFFFFFFFFu}) {
+      EXPECT_EQ(SendCommand(world, COMMAND_GET_MODE, tag, 0, &information), STATUS_SUCCESS);
+      EXPECT_EQ(information, 24u);
+      Frame reply = NextFrame(world);
+      EXPECT_EQ(reply.Header.Type, static_cast<ULONG>(FRAME_CONTROL_REPLY));
+      EXPECT_EQ(reply.Header.Length, 28u);
+      EXPECT_EQ(reply.Header.Tag, tag);
+      EXPECT_EQ(reply.Header.Code, 0u);
+      EXPECT_EQ(reply.Value(), static_cast<ULONG>(MODE_NORMAL));
+    }
+    EXPECT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 1, 3, &information), STATUS_SUCCESS);
+    EXPECT_EQ(information, 28u);
+    EXPECT_EQ(NextFrame(world).Value(), 0u);
+    EXPECT_EQ(SendCommand(world, COMMAND_GET_LEVEL, 2), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).Value(), 3u);
+  });
+}
+
+TEST_P(Controller, UnknownAndShortCommandsGetNoReply) {
+  Run([](World *world) {
+    GoNormal(world);
+    std::vector<std::string> frames;
+    for (ULONG code : {0u, 5u, 8u, 11u, 0xFFFFFFFFu}) {
+      frames.push_back(MakeFrame(FRAME_CONTROL, 0, code, MakeArgument(0)));
+    }
+    for (size_t payload = 0; payload < 4; ++payload) {
+      frames.push_back(MakeFrame(FRAME_CONTROL, 0, COMMAND_SET_MODE, std::string(payload, 1)));
+      frames.push_back(MakeFrame(FRAME_CONTROL, 0, COMMAND_SET_LEVEL, std::string(payload, 1)));
+    }
+    for (size_t i = 0; i < frames.size(); ++i) {
+      Io write;
+      EXPECT_EQ(StartWrite(world->Zk, &write, frames[i]), STATUS_INVALID_PARAMETER) << i;
+      EXPECT_EQ(write.Iosb.Information, 0u);
+      EXPECT_EQ(EventLogCount(EVENT_BAD_COMMAND), i + 1);
+    }
+    Io read;
+    EXPECT_EQ(StartRead(world->Zk, &read, 100), STATUS_PENDING);
+    FileCancel(&read);
+    EXPECT_EQ(FileWait(&read), STATUS_CANCELLED);
+    EXPECT_EQ(WorldPort(world)->MessageLevel, 0u);
+  });
+}
+
+// Refusals travel in the reply; the write itself succeeds.
+TEST_P(Controller, RefusedModes) {
+  Run([](World *world) {
+    GoNormal(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 5), STATUS_SUCCESS);
+    NextFrame(world);
+    ULONG_PTR information = 0;
+    EXPECT_EQ(SendCommand(world, COMMAND_SET_MODE, 1, MODE_REDIRECT, &information), STATUS_SUCCESS);
+    EXPECT_EQ(information, 28u);
+    EXPECT_EQ(NextFrame(world).MessageText(), "ZK setmode REDIRECT on \\DosDevices\\VORLIX_COM3\n");
+    EXPECT_EQ(NextFrame(world).MessageText(), "Error setting mode of 0x3 status 0xc00000bb");
+    EXPECT_EQ(NextFrame(world).Header.Code, static_cast<ULONG>(STATUS_NOT_SUPPORTED));
+    EXPECT_EQ(EventLogCount(EVENT_BAD_MODE), 0u);
+    EXPECT_EQ(SendCommand(world, COMMAND_SET_MODE, 1, 7), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).MessageText(),
+              "ZK setmode ILLEGAL MODE on \\DosDevices\\VORLIX_COM3\n");
+    EXPECT_EQ(NextFrame(world).MessageText(), "Error setting mode of 0x7 status 0xc000000d");
+    EXPECT_EQ(NextFrame(world).Header.Code, static_cast<ULONG>(STATUS_INVALID_PARAMETER));
+    EXPECT_EQ(EventLogCount(EVENT_BAD_MODE), 1u);
+    EXPECT_EQ(WorldPort(world)->Mode, static_cast<ULONG>(MODE_NORMAL));
+  });
+}
+
+// A mode change that the lock refuses changes nothing, and the unlock goes on in NORMAL.
+TEST_P(Controller, IdleIsRefusedWhileLocked) {
+  Run([](World *world) {
+    PortExtension *port = WorldPort(world);
+    GoNormal(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).Header.Code, 0u);
+    ULONG flags = port->StateFlags;
+    EXPECT_EQ(SendCommand(world, COMMAND_SET_MODE, 0, MODE_IDLE), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).Header.Code, static_cast<ULONG>(STATUS_UNSUCCESSFUL));
+    EXPECT_EQ(EventLogCount(EVENT_BAD_STATE_FLAGS), 1u);
+    EXPECT_EQ(port->StateFlags, flags);
+    EXPECT_EQ(port->Mode, static_cast<ULONG>(MODE_NORMAL));
+    Io write;
+    EXPECT_EQ(StartWrite(world->Client, &write, "x"), STATUS_PENDING);
+    ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
+    NextFrame(world);
+    EXPECT_EQ(NextFrame(world).Payload, "x");  // NORMAL: ZK has its copy
+    EXPECT_EQ(port->ProxyState, static_cast<ULONG>(PROXY_FOR_CLIENT));
+  });
+}
+
+// In IDLE ZK's reads fail; what it is owed waits for NORMAL.
+TEST_P(Controller, RepliesWaitForNormal) {
+  Run([](World *world) {
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    ASSERT_EQ(SendCommand(world, COMMAND_GET_MODE, 11), STATUS_SUCCESS);
+    Io read;
+    EXPECT_EQ(StartRead(world->Zk, &read, 100), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(StartRead(world->Zk, &read, 0), STATUS_INVALID_DEVICE_STATE);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_MODE, 12, MODE_NORMAL), STATUS_SUCCESS);
+    Frame reply = NextFrame(world);
+    EXPECT_EQ(reply.Header.Tag, 11u);
+    EXPECT_EQ(reply.Value(), static_cast<ULONG>(MODE_IDLE));
+    EXPECT_EQ(NextFrame(world).Header.Tag, 12u);
+  });
+}
+
+TEST_P(Controller, ReadsOfEverySize) {
+  Run([](World *world) {
+    GoNormal(world);
+    Io write, read;
+    EXPECT_EQ(StartWrite(world->Client, &write, std::string(16, 'x')), STATUS_SUCCESS);
+    EXPECT_EQ(StartRead(world->Zk, &read, 3), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(read.Iosb.Information, 0u);
+    for (size_t room : {4u, 39u}) {
+      EXPECT_EQ(StartRead(world->Zk, &read, room), STATUS_BUFFER_OVERFLOW);
+      EXPECT_EQ(read.Text(), MakeArgument(40));
+    }
+    EXPECT_EQ(NextFrame(world, 40).Payload, std::string(16, 'x'));
+    // A read too small that was there first is used up; the frame stays for the next.
+    EXPECT_EQ(StartRead(world->Zk, &read, 2), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &write, "y"), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&read), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(NextFrame(world).Payload, "y");
+  });
+}
+
+TEST_P(Controller, WaitingReadsAreServedInOrder) {
+  Run([](World *world) {
+    GoNormal(world);
+    Io reads[4], write;
+    for (Io &read : reads) {
+      EXPECT_EQ(StartRead(world->Zk, &read, 100), STATUS_PENDING);
+    }
+    FileCancel(&reads[2]);  // queued
+    FileCancel(&reads[0]);  // current
+    EXPECT_EQ(FileWait(&reads[0]), STATUS_CANCELLED);
+    EXPECT_EQ(FileWait(&reads[2]), STATUS_CANCELLED);
+    StartWrite(world->Client, &write, "1");
+    StartWrite(world->Client, &write, "2");
+    EXPECT_EQ(FileWait(&reads[1]), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&reads[3]), STATUS_SUCCESS);
+    EXPECT_EQ(DecodeFrame(reads[1]).Payload, "1");
+    EXPECT_EQ(DecodeFrame(reads[3]).Payload, "2");
+  });
+}
+
+TEST_P(Controller, DataFramesReachThePort) {
+  Run([](World *world) {
+    LowerPort *lower = &world->Lower;
+    GoNormal(world);
+    Io write;
+    EXPECT_EQ(
+        StartWrite(world->Zk, &write, MakeFrame(FRAME_DATA, TAG_LOWER, 99, std::string(1000, 'd'))),
+        STATUS_SUCCESS);
+    EXPECT_EQ(write.Iosb.Information, 1024u);
+    EXPECT_EQ(LowerWritten(lower), std::string(1000, 'd'));
+    // An empty one ends here; another sink takes nothing.
+    EXPECT_EQ(StartWrite(world->Zk, &write, MakeFrame(FRAME_DATA, TAG_LOWER, 0)), STATUS_SUCCESS);
+    EXPECT_EQ(write.Iosb.Information, 24u);
+    for (ULONG tag : {0u, 2u, 4u}) {
+      EXPECT_EQ(StartWrite(world->Zk, &write, MakeFrame(FRAME_DATA, tag, 0, "x")), STATUS_SUCCESS);
+      EXPECT_EQ(write.Iosb.Information, 0u);
+    }
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_WRITE), 1u);
+    // Pended and failed below: the request comes back as ZK sent it (the model compares).
+    lower->How[IRP_MJ_WRITE] = Behaviour::Pend;
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 2), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).Header.Code, 0u);
+    EXPECT_EQ(StartWrite(world->Zk, &write, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "x")),
+              STATUS_PENDING);
+    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_WRITE, STATUS_IO_DEVICE_ERROR));
+    EXPECT_EQ(FileWait(&write), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(NextFrame(world).MessageText(),
+              "Error writing buffer to lower sink status 0xc0000185");
+  });
+}
+
+TEST_P(Controller, DataFramesAreRefusedInIdle) {
+  Run([](World *world) {
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 1), STATUS_SUCCESS);
+    Io write;
+    EXPECT_EQ(StartWrite(world->Zk, &write, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "x")),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_WRITE), 0u);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_MODE, 0, MODE_NORMAL), STATUS_SUCCESS);
+    NextFrame(world);
+    Frame message = NextFrame(world);
+    EXPECT_EQ(message.Header.Tag, static_cast<ULONG>(TAG_DRIVER));
+    EXPECT_EQ(message.Value(), 1u);
+    EXPECT_EQ(message.MessageText(), "Cannot write to sinks in idle mode");
+  });
+}
+
+TEST_P(Controller, MessagesByLevel) {
+  Run([](World *world) {
+    GoNormal(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 5), STATUS_SUCCESS);
+    NextFrame(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM, 3), STATUS_SUCCESS);
+    Frame message = NextFrame(world);
+    EXPECT_EQ(message.Value(), 5u);
+    EXPECT_EQ(message.MessageText(), "ZK lockstream on \\DosDevices\\VORLIX_COM3\n");
+    EXPECT_EQ(NextFrame(world).Header.Tag, 3u);
+    ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).MessageText(), "ZK unlockstream on \\DosDevices\\VORLIX_COM3\n");
+    NextFrame(world);
+    Io write;
+    StartWrite(world->Client, &write, "w");
+    EXPECT_EQ(NextFrame(world).MessageText(), "Client write to \\DosDevices\\VORLIX_COM3\n");
+    EXPECT_EQ(NextFrame(world).Payload, "w");
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 4), STATUS_SUCCESS);
+    NextFrame(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_MODE, 0, 9), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).MessageText(), "Error setting mode of 0x9 status 0xc000000d");
+  });
+}
+
+// The longest text is 1,023 characters; a longer one is not sent at all.
+TEST(Messages, LengthBound) {
+  RunWorld([](World *world) {
+    GoNormal(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 1), STATUS_SUCCESS);
+    NextFrame(world);
+    PDEVICE_OBJECT device = WorldPort(world)->ControlDevice;
+    std::u16string longest(1023, u'm');
+    auto text = [](const std::u16string &Text) { return reinterpret_cast<PCWSTR>(Text.c_str()); };
+    EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"%ws", text(longest)), STATUS_SUCCESS);
+    Frame frame = NextFrame(world);
+    EXPECT_EQ(frame.Header.Length, 2076u);
+    EXPECT_EQ(frame.MessageText(), std::string(1023, 'm'));
+    EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"%ws", text(longest + u"m")),
+              STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"%ws", nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).MessageText(), "(null)");
+  });
+}
+
+// With only ZK open its reads drive the port; a client takes over and gives back.
+TEST_P(Controller, ZkReadsThePortWhileNoClientIsThere) {
+  Run([](World *world) {
+    LowerPort *lower = &world->Lower;
+    GoNormal(world, false);
+    Io read, second;
+    EXPECT_EQ(StartRead(world->Zk, &read, 200), STATUS_PENDING);
+    EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, 200u);
+    LowerFeed(lower, "0123456789");
+    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+    Frame frame = DecodeFrame(read);
+    EXPECT_EQ(frame.Header.Length, 34u);
+    EXPECT_EQ(frame.Header.Tag, static_cast<ULONG>(TAG_LOWER));
+    // With a client there, ZK's read sends nothing by itself.
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    size_t reads = LowerCount(lower, IRP_MJ_READ);
+    EXPECT_EQ(StartRead(world->Zk, &second, 200), STATUS_PENDING);
+    ThreadSettle();
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_READ), reads);
+    // Under the lock it does again.
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+    EXPECT_EQ(DecodeFrame(second).Header.Type, static_cast<ULONG>(FRAME_CONTROL_REPLY));
+    EXPECT_EQ(StartRead(world->Zk, &second, 200), STATUS_PENDING);
+    LowerFeed(lower, "locked");
+    EXPECT_EQ(FileWait(&second), STATUS_SUCCESS);
+    EXPECT_EQ(DecodeFrame(second).Payload, "locked");
+  });
+}
+
+TEST(PortMode, NamesOfEveryMode) {
+  RunWorld([](World *) {
+    for (ULONG mode : {4u, 0xFFFFFFFFu}) {
+      EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(ModeName(mode))),
+                u"ILLEGAL MODE");
+    }
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(ModeName(2))), u"NORMAL");
+  });
+}

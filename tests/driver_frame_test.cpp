@@ -1,0 +1,179 @@
+// Load and unload, the trace ring, the event log, and the routing by kind of device.
+#include <gtest/gtest.h>
+
+#include "driver/entry.h"
+#include "driver/event_log.h"
+#include "driver/trace.h"
+#include "tests/support/world.h"
+
+static const char ServiceKey[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Vorlix";
+
+static uint64_t BreaksWith(const RegistryValue *Value, bool OldSystem) {
+  uint64_t breaks = 0;
+  RunReport report = ModelRun({}, [&] {
+    if (OldSystem) {
+      SystemRoutineHide("RtlQueryRegistryValuesEx");
+    }
+    if (Value != nullptr) {
+      RegistrySet(ServiceKey, "VORLIXBreakOnLoad", *Value);
+    }
+    PDRIVER_OBJECT driver = DriverLoad("Vorlix", DriverEntry);
+    breaks = DebuggerBreaks();
+    DriverUnload(driver);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+  return breaks;
+}
+
+TEST(DriverFrame, BreaksOnLoadByTheLowOrderByte) {
+  RegistryValue one = RegistryDword(1);
+  RegistryValue highBits = RegistryDword(256);
+  RegistryValue zero = RegistryDword(0);
+  for (bool oldSystem : {false, true}) {
+    EXPECT_EQ(BreaksWith(&one, oldSystem), 1u);
+    EXPECT_EQ(BreaksWith(&highBits, oldSystem), 0u);
+    EXPECT_EQ(BreaksWith(&zero, oldSystem), 0u);
+    EXPECT_EQ(BreaksWith(nullptr, oldSystem), 0u);
+  }
+}
+
+TEST(DriverFrame, LoadFillsTheTableAndSurvivesEveryFault) {
+  for (uint64_t nth = 1; nth <= 4; ++nth) {
+    RunReport report = ModelRun({}, [&] {
+      FaultArm({FaultEverything, 0, nth, false});
+      PDRIVER_OBJECT driver = DriverLoad("Vorlix", DriverEntry);
+      FaultDisarm();
+      ASSERT_NE(driver, nullptr);
+      for (PDRIVER_DISPATCH routine : driver->MajorFunction) {
+        EXPECT_NE(routine, nullptr);
+      }
+      TraceEvent(TRACE_CLASS, TraceCode("PCF0"), 1, 2, 3);  // with or without a ring
+      DriverUnload(driver);
+    });
+    EXPECT_FALSE(report.Stopped) << report.Text;
+  }
+}
+
+TEST(DriverFrame, ReportsLoadAndUnloadForTheDriver) {
+  RunReport report = ModelRun({}, [] {
+    PDRIVER_OBJECT driver = DriverLoad("Vorlix", DriverEntry);
+    DriverUnload(driver);
+    std::vector<EventLogEntry> entries = EventLogEntries();
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0].Code, EVENT_DRIVER_LOADED);
+    EXPECT_EQ(entries[1].Code, EVENT_DRIVER_UNLOADED);
+    EXPECT_EQ(entries[0].Device, nullptr);
+    EXPECT_EQ(entries[0].StringCount, 0u);
+    EXPECT_EQ(entries[0].StringOffset, 0u);
+    EXPECT_EQ(entries[0].Size, 48u);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+TEST(TraceRing, FillsDownwardAndWrapsAround) {
+  RunReport report = ModelRun({}, [] {
+    PDRIVER_OBJECT driver = DriverLoad("Vorlix", DriverEntry);
+    TraceRecord *base = Trace.Base;
+    TraceRecord *last = base + TRACE_RECORDS - 1;
+    ASSERT_EQ(reinterpret_cast<char *>(last) - reinterpret_cast<char *>(base), 12256);
+    TraceEvent(TRACE_CLASS, TraceCode("US01"), 0x1122334455667788, 0,
+               TraceStatus(STATUS_CANCELLED));
+    EXPECT_EQ(Trace.Cursor, last);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(last->Code), 4), "US01");
+    EXPECT_EQ(last->Arguments[0], 0x1122334455667788u);
+    EXPECT_EQ(last->Arguments[2], 0xFFFFFFFFC0000120u);
+    for (ULONG i = 1; i < TRACE_RECORDS; ++i) {
+      TraceEvent(TRACE_CLASS, TraceCode("US00"), i, 0, 0);
+    }
+    EXPECT_EQ(Trace.Cursor, base);
+    TraceEvent(TRACE_CLASS, TraceCode("US04"), 0, 0, 0);
+    EXPECT_EQ(Trace.Cursor, last);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(last->Code), 4), "US04");
+    TraceEvent(2, TraceCode("US03"), 0, 0, 0);  // every class is on
+    EXPECT_EQ(Trace.Cursor, last - 1);
+    TraceEvent(0, TraceCode("US03"), 0, 0, 0);
+    EXPECT_EQ(Trace.Cursor, last - 1);
+    DriverUnload(driver);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+// The largest entry is 240 bytes: 48 and a name of 95 characters with its terminator.
+TEST(EventLog, LongNamesAreDropped) {
+  for (size_t characters : {76u, 77u}) {
+    WorldOptions options;
+    options.Values["PortName"] = RegistryText(std::string(characters, 'N'));
+    RunReport report = ModelRun({}, [&] {
+      World world;
+      world.Lower.Name = std::string(characters, 'N');
+      WorldLoad(&world, options);
+      ASSERT_EQ(WorldAdd(&world, options), STATUS_SUCCESS);
+      PortExtension *port = WorldPort(&world);
+      ReportPortEvent(world.Driver, port->Header.Device, 0, 7, EVENT_BAD_MODE, STATUS_UNSUCCESSFUL,
+                      port);
+      EXPECT_EQ(EventLogCount(EVENT_BAD_MODE), characters == 76 ? 1u : 0u);
+      if (characters == 76) {
+        EventLogEntry entry = EventLogEntries().back();
+        EXPECT_EQ(entry.Size, 240u);
+        EXPECT_EQ(entry.StringOffset, 40u);
+        EXPECT_EQ(entry.UniqueValue, 7u);
+        EXPECT_EQ(entry.FinalStatus, STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(entry.Device, port->Header.Device);
+        EXPECT_EQ(entry.Strings.at(0), "\\DosDevices\\VORLIX_" + std::string(76, 'N'));
+      }
+      WorldEnd(&world);
+    });
+    EXPECT_FALSE(report.Stopped) << report.Text;
+  }
+}
+
+TEST(Routing, ControlDeviceAnswersForItself) {
+  RunWorld([](World *world) {
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    Io io;
+    StartControl(world->Zk, &io, CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_BUFFERED, 0));
+    EXPECT_EQ(FileWait(&io), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_DEVICE_CONTROL), 0u);
+    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+    for (UCHAR major : {IRP_MJ_FLUSH_BUFFERS, IRP_MJ_QUERY_INFORMATION, IRP_MJ_SHUTDOWN}) {
+      EXPECT_EQ(SendPacket(control, major, 0, nullptr, nullptr, STATUS_IO_TIMEOUT),
+                STATUS_IO_TIMEOUT);
+      EXPECT_EQ(LowerCount(&world->Lower, major), 0u);
+    }
+    EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+  });
+}
+
+TEST(Routing, NothingOpensBeforeTheStart) {
+  WorldOptions options;
+  options.Start = false;
+  RunWorld(
+      [](World *world) {
+        EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(OpenZk(world), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), 0u);
+        EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
+        EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+        EXPECT_EQ(PnpQueryStop(world->Node), STATUS_DEVICE_BUSY);
+        CloseClient(world);
+        EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
+        EXPECT_EQ(PnpStop(world->Node), STATUS_SUCCESS);
+        EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
+      },
+      options);
+}
+
+TEST(Routing, EveryDeviceReachesTheSamePort) {
+  RunWorld([](World *world) {
+    PortExtension *port = WorldPort(world);
+    PDEVICE_OBJECT control = port->ControlDevice;
+    EXPECT_EQ(PortOf(control), port);
+    EXPECT_EQ(LowerDeviceOf(control), world->Lower.Device);
+    EXPECT_EQ(port->Mode, static_cast<ULONG>(MODE_IDLE));
+    EXPECT_EQ(port->RequestCount, 1);
+    EXPECT_EQ(port->ProxyState, static_cast<ULONG>(PROXY_OFF));
+    EXPECT_EQ(port->OpenCount, 0);
+    EXPECT_TRUE(IsListEmpty(&port->ParkedRequests));
+  });
+}

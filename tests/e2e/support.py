@@ -1,0 +1,103 @@
+"""What every end-to-end test stands on: a directory, a device and a host with one port in front of
+it, and at the end a host that leaves with nothing left over."""
+
+import os
+import pathlib
+import random
+import sys
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("VORLIX_BUILD", ROOT / "build/debug")).resolve()
+HOST = BUILD / "host/vorlix-host"
+ZKCTL = BUILD / "zkctl/zkctl"
+
+sys.path.insert(0, str(ROOT / "host"))
+import rig  # noqa: E402
+
+INVALID_PARAMETER = 0xC000000D
+ACCESS_DENIED = 0xC0000022
+CANCELLED = 0xC0000120
+
+ALL_BYTES = bytes(range(256))
+
+
+def some_bytes(count, seed=1):
+    return random.Random(seed).randbytes(count)
+
+
+class RigTest(unittest.TestCase):
+    """A loop and a directory, no parties yet. What is entered is closed in the end."""
+
+    def setUp(self):
+        self.loop = rig.Loop()
+        self.addCleanup(self.loop.close)
+        directory = tempfile.TemporaryDirectory(prefix="vorlix-")
+        self.addCleanup(directory.cleanup)
+        self.directory = directory.name
+        os.chmod(self.directory, 0o755)
+
+    def enter(self, party):
+        self.addCleanup(party.close)
+        return party
+
+    def host(self, ports, options=()):
+        return self.enter(rig.Host(self.loop, HOST, self.directory, ports, ("--verify", *options)))
+
+    def zkctl(self, options=(), name="COM3", **more):
+        return self.enter(
+            rig.Controller(self.loop, ZKCTL, self.directory, name, options, **more))
+
+    def plain_zkctl(self, *arguments, program=ZKCTL, **more):
+        """zkctl run to its end with nothing on standard input."""
+        process = self.enter(rig.Process(
+            self.loop, [program, *arguments, "--dir", self.directory], **more))
+        process.stdin.close()
+        process.wait_exit("zkctl to end")
+        return process
+
+    def until(self, condition, what, seconds=10.0):
+        self.loop.until(condition, what, seconds)
+
+    def receives(self, stream, expected, what):
+        """Exactly these bytes since the test began."""
+        self.until(lambda: len(stream.received) >= len(expected) or stream.ended, what)
+        self.assertEqual(bytes(stream.received), bytes(expected), what)
+
+
+class PortTest(RigTest):
+    OPTIONS = ()
+
+    def setUp(self):
+        super().setUp()
+        self.device = self.enter(rig.Device(self.loop))
+        self.port_host = self.host([(self.device.path, "COM3")], self.OPTIONS)
+        self.port_host.wait_ready()
+
+    def tearDown(self):
+        if self.port_host.status is None:
+            self.assertEqual(self.port_host.stop(), 0, self.port_host.errors)
+
+    def client(self, name="COM3", **more):
+        return self.enter(rig.Client(self.loop, self.port_host.client_path(name), **more))
+
+    def controller(self, options=(), name="COM3"):
+        """A controller that has the port in NORMAL."""
+        controller = self.zkctl(options, name)
+        self.assertEqual(controller.wait_reply(1)["code"], 0)
+        return controller
+
+    def raw_controller(self, reading=True):
+        raw = self.enter(rig.RawController(self.loop, self.port_host.control_path(), reading))
+        self.assertEqual(raw.opened.status, 0)
+        return raw
+
+    def greet(self, client, device=None):
+        """Lets a byte go each way, so that the client's open has certainly been carried out."""
+        device = device or self.device
+        at_client, at_device = len(client.received), len(device.received)
+        client.write(b"?")
+        self.until(lambda: len(device.received) > at_device, "the client's first byte")
+        device.write(b"!")
+        self.until(lambda: len(client.received) > at_client, "the device's first byte")

@@ -1,0 +1,192 @@
+"""The host program: what it refuses, how it ends, several ports, ports that vanish."""
+
+import fcntl
+import os
+import signal
+import unittest
+
+import support
+from support import rig, some_bytes
+
+
+def complaints(host):
+    """What the host says of itself: no event log, and no request of a client that failed."""
+    return [line for line in host.errors
+            if not line.startswith("event: ") and "failed: status 0x" not in line]
+
+
+class Refusals(support.RigTest):
+    def refused(self, ports, expected, options=()):
+        host = self.host(ports, options)
+        self.assertEqual(host.wait_exit("the host to refuse"), 1)
+        self.assertEqual((complaints(host), host.lines), ([expected], []))
+        self.assertEqual([name for name in os.listdir(self.directory) if "COM" in name], [])
+
+    def test_ttys_that_cannot_be_had(self):
+        device = self.enter(rig.Device(self.loop))
+        self.refused([("/nonexistent/tty", "COM3")], "COM3: /nonexistent/tty: no such device")
+        self.refused([(self.directory, "COM3")], f"COM3: {self.directory}: Is a directory")
+        self.refused([(device.path, "COM3"), ("/dev/null", "COM4")],
+                     "COM4: /dev/null: not a serial device")
+        fcntl.flock(device.slave, fcntl.LOCK_EX)
+        self.refused([(device.path, "COM3")], f"COM3: {device.path}: in use by another program")
+
+    def test_name_that_is_taken(self):
+        devices = [self.enter(rig.Device(self.loop)) for _ in range(2)]
+        first = self.host([(devices[0].path, "COM3")])
+        first.wait_ready()
+        second = self.host([(devices[1].path, "COM3")])
+        self.assertEqual(second.wait_exit("the second host to refuse"), 1)
+        self.assertEqual(complaints(second),
+                         [f"COM3: {self.directory}/COM3: in use by another vorlix-host"])
+        self.assertTrue(os.path.exists(first.client_path()))
+        self.assertEqual(first.stop(), 0)
+
+    def test_files_of_others_are_left_alone(self):
+        device = self.enter(rig.Device(self.loop))
+        for name, complaint in (("COM3", "exists and is no link of an earlier run"),
+                                ("VORLIX_COM3", "exists and is no socket of an earlier run")):
+            path = os.path.join(self.directory, name)
+            with open(path, "w") as file:
+                file.write("precious")
+            host = self.host([(device.path, "COM3")])
+            self.assertEqual(host.wait_exit("the host to refuse"), 1)
+            self.assertEqual(complaints(host), [f"COM3: {path}: {complaint}"])
+            with open(path) as file:
+                self.assertEqual(file.read(), "precious")
+            os.unlink(path)
+
+    def test_wrong_options(self):
+        device = self.enter(rig.Device(self.loop))
+        port = ["--port", device.path]
+        for arguments in ([], port, port + ["--name", "COM3", "--frob"],
+                          port + ["--name", "../COM3"], port + ["--name", ""],
+                          port + ["--name", "COM3"] + port + ["--name", "COM4"],
+                          port + ["--name", "COM3", "--registry", "frob"],
+                          port + ["--name", "COM3", "--registry", "VORLIXUseEdo=4294967296"]):
+            host = self.enter(rig.Process(
+                self.loop, [support.HOST, "--dir", self.directory, *arguments]))
+            self.assertEqual(host.wait_exit("the host to refuse"), 2, arguments)
+            self.assertTrue(host.errors, arguments)
+            self.assertEqual(host.lines, [], arguments)
+
+
+class Life(support.RigTest):
+    def test_a_host_that_was_killed_leaves_nothing_in_the_way(self):
+        device = self.enter(rig.Device(self.loop))
+        first = self.host([(device.path, "COM3")])
+        first.wait_ready()
+        first.signal(signal.SIGKILL)
+        first.wait_exit("the killed host")
+        second = self.host([(device.path, "COM3")])
+        second.wait_ready()
+        client = self.enter(rig.Client(self.loop, second.client_path()))
+        client.write(b"again")
+        self.receives(device, b"again", "the client's bytes")
+        self.assertEqual(second.stop(), 0)
+        self.assertEqual([name for name in os.listdir(self.directory) if "COM" in name], [])
+
+    def test_ports_of_one_host_are_independent(self):
+        devices = [self.enter(rig.Device(self.loop)) for _ in range(2)]
+        names = ["COM3", "COM4"]
+        host = self.host([(device.path, name) for device, name in zip(devices, names)])
+        host.wait_ready()
+        controllers = [self.zkctl(name=name) for name in names]
+        for controller in controllers:
+            controller.wait_reply(1)
+        clients = [self.enter(rig.Client(self.loop, host.client_path(name))) for name in names]
+        controllers[0].command("lock")
+        controllers[0].wait_reply(2)
+        for number, client in enumerate(clients):
+            client.write(b"to port %d" % number)
+        self.receives(devices[1], b"to port 1", "the bytes of the port that is not locked")
+        devices[1].write(b"from port 1")
+        self.receives(clients[1], b"from port 1", "the answer there")
+        self.assertEqual(devices[0].received, b"")
+
+        # One goes; the other one stays.
+        devices[1].close()
+        self.assertEqual(controllers[1].wait_exit("the controller of the port that is gone"), 1)
+        self.until(lambda: clients[1].ended, "the hang-up of its client")
+        self.assertEqual(complaints(host),
+                         [f"COM4: {devices[1].path}: the device is gone"])
+        controllers[0].command("unlock")
+        self.receives(devices[0], b"to port 0", "what was held back at the other")
+        self.assertEqual(host.stop(), 0)
+
+    def test_port_that_vanishes_ends_everything_on_it(self):
+        for busy in (False, True):
+            with self.subTest(busy=busy):
+                device = self.enter(rig.Device(self.loop))
+                host = self.host([(device.path, "COM3")])
+                host.wait_ready()
+                if busy:
+                    controller = self.zkctl()
+                    controller.wait_reply(1)
+                    client = self.enter(rig.Client(self.loop, host.client_path()))
+                    client.write(some_bytes(100000))
+                    self.until(lambda: device.received, "the first bytes")
+                device.close()
+                self.assertEqual(host.wait_exit("the host to end with its last port"), 1)
+                self.assertEqual(complaints(host),
+                                 [f"COM3: {device.path}: the device is gone", "no port is left"])
+                if busy:
+                    self.assertEqual(controller.wait_exit("zkctl to end with the device"), 1)
+                    self.assertEqual(controller.of_kind("closed"), [{"event": "closed"}])
+                    self.assertEqual(controller.errors, ["COM3: the device has gone away"])
+                    self.until(lambda: client.ended, "the client's hang-up")
+
+    def test_sigterm_in_the_middle_of_everything(self):
+        def locked(controller, client, _device):
+            controller.command("lock")
+            controller.wait_reply(2)
+            client.write(some_bytes(100000))
+
+        def flooding(_controller, client, device):
+            device.pause()  # the port takes no more
+            client.write(some_bytes(1 << 20))
+            device.write(some_bytes(1 << 20))
+            self.until(lambda: len(client.received) > 1000, "the flood")
+
+        def controller_writes(controller, _client, device):
+            device.pause()
+            for _ in range(20):
+                controller.command("sendhex " + some_bytes(8000).hex())
+            controller.wait_written(2)
+
+        for turmoil in (locked, flooding, controller_writes):
+            with self.subTest(turmoil.__name__):
+                device = self.enter(rig.Device(self.loop))
+                host = self.host([(device.path, "COM3")])
+                host.wait_ready()
+                controller = self.zkctl()
+                controller.wait_reply(1)
+                client = self.enter(rig.Client(self.loop, host.client_path()))
+                client.write(b"begin")
+                self.until(lambda: device.received == b"begin", "the port to be open")
+                turmoil(controller, client, device)
+                self.assertEqual(host.stop(), 0)
+                self.assertEqual(controller.wait_exit("zkctl to see the end"), 1)
+                self.until(lambda: client.ended, "the client's hang-up")
+                client.close()
+                device.close()
+
+
+class ReadLimit(support.PortTest):
+    OPTIONS = ("--registry", "VORLIXProxyReadLimit=16")
+
+    def test_blocks_are_no_larger_than_the_limit(self):
+        controller = self.controller()
+        client = self.client()
+        self.greet(client)
+        data = some_bytes(1000)
+        self.device.write(data)
+        self.receives(client, b"!" + data, "all bytes")
+        self.until(lambda: controller.seen("lower") == b"!" + data, "the whole view")
+        sizes = [len(event["data"]) // 2 for event in controller.of_kind("report")
+                 if event["tag"] == "lower"]
+        self.assertEqual(max(sizes), 16)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,227 @@
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "tests/model/model_run.h"
+
+static const ExecutorKind bothExecutors[] = {ExecutorKind::Fibers, ExecutorKind::Threads};
+
+static NTSTATUS WaitForEver(PVOID object) {
+  return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
+}
+
+TEST(Executor, RunsThreadsWithNamesOfTheirOwn) {
+  for (ExecutorKind executor : bothExecutors) {
+    ExpectClean(
+        [executor] {
+          EXPECT_EQ(ExecutorInUse(), executor);
+          EXPECT_STREQ(ThreadName(KeGetCurrentThread()), "main");
+          PKTHREAD self = nullptr;
+          PKTHREAD thread = ThreadStart("worker", [&] { self = KeGetCurrentThread(); });
+          EXPECT_STREQ(ThreadName(thread), "worker");
+          EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
+          EXPECT_EQ(self, thread);
+          ThreadJoin(thread);
+        },
+        {.Executor = executor});
+  }
+}
+
+TEST(Executor, SettleWaitsForAllThatCanGoOn) {
+  for (ExecutorKind executor : bothExecutors) {
+    ExpectClean(
+        [] {
+          KSEMAPHORE ping;
+          KSEMAPHORE pong;
+          KeInitializeSemaphore(&ping, 0, 1);
+          KeInitializeSemaphore(&pong, 0, 1);
+          int rounds = 0;
+          PKTHREAD a = ThreadStart("a", [&] {
+            for (int i = 0; i < 100; ++i) {
+              KeReleaseSemaphore(&ping, 0, 1, FALSE);
+              WaitForEver(&pong);
+            }
+            WaitForEver(&pong);
+          });
+          PKTHREAD b = ThreadStart("b", [&] {
+            for (int i = 0; i < 100; ++i) {
+              WaitForEver(&ping);
+              ++rounds;
+              KeReleaseSemaphore(&pong, 0, 1, FALSE);
+            }
+          });
+          ThreadSettle();
+          KeReleaseSemaphore(&pong, 0, 1, FALSE);
+          ThreadJoin(a);
+          ThreadJoin(b);
+          EXPECT_EQ(rounds, 100);
+        },
+        {.Executor = executor});
+  }
+}
+
+// A system thread that ends itself from deep within; its object outlives it as long as referenced.
+struct Worker {
+  KEVENT Go;
+  int Steps;
+};
+
+static void WorkerEnd(Worker *worker) {
+  ++worker->Steps;
+  PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+static void WorkerMain(PVOID context) {
+  auto *worker = static_cast<Worker *>(context);
+  WaitForEver(&worker->Go);
+  WorkerEnd(worker);
+  worker->Steps = -1;
+}
+
+TEST(SystemThreads, TerminateAndAreWaitable) {
+  for (ExecutorKind executor : bothExecutors) {
+    ExpectClean(
+        [] {
+          Worker worker = {};
+          KeInitializeEvent(&worker.Go, NotificationEvent, FALSE);
+          HANDLE handle;
+          ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                                         WorkerMain, &worker),
+                    STATUS_SUCCESS);
+          PVOID thread;
+          ASSERT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode,
+                                              &thread, nullptr),
+                    STATUS_SUCCESS);
+          ZwClose(handle);
+          LARGE_INTEGER now = {};
+          EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, &now),
+                    STATUS_TIMEOUT);
+          KeSetEvent(&worker.Go, IO_NO_INCREMENT, FALSE);
+          EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
+          EXPECT_EQ(worker.Steps, 1);
+          ObDereferenceObject(thread);
+        },
+        {.Executor = executor});
+  }
+}
+
+TEST(SystemThreads, NeverEndedIsALeak) {
+  RunReport report = ModelRun({}, [] {
+    static Worker worker;
+    KeInitializeEvent(&worker.Go, NotificationEvent, FALSE);
+    HANDLE handle;
+    PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, WorkerMain,
+                         &worker);
+    ZwClose(handle);
+  });
+  EXPECT_EQ(report.Rule, "leak.thread");
+  EXPECT_NE(report.Text.find("waits for notification event"), std::string::npos) << report.Text;
+}
+
+TEST(SystemThreads, MayRunBeforeTheirCreatorGoesOn) {
+  bool before = false;
+  ExploreResult result = ModelExplore({}, [&] {
+    static bool ran;
+    ran = false;
+    HANDLE handle;
+    ExploreWindow(true);
+    PsCreateSystemThread(
+        &handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, [](PVOID) { ran = true; }, nullptr);
+    before |= ran;
+    ExploreWindow(false);
+    ZwClose(handle);
+  });
+  EXPECT_TRUE(result.Exhausted);
+  EXPECT_TRUE(before);
+}
+
+TEST(Executor, LastWaitsEndWithTheClock) {
+  ExpectClean([] {
+    auto body = [] {
+      KEVENT never;
+      KeInitializeEvent(&never, NotificationEvent, FALSE);
+      LARGE_INTEGER due;
+      due.QuadPart = -10'000'000;
+      KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &due);
+    };
+    PKTHREAD thread = ThreadStart("sleeper", body);
+    ObDereferenceObject(thread);  // nobody joins it
+  });
+}
+
+TEST(Executor, AStoppedRunLeavesTheNextOneClean) {
+  for (int i = 0; i < 20; ++i) {
+    std::string rule = RuleOf([] {
+      auto text = std::make_unique<std::string>(1000, 'x');
+      ThreadStart("other", [&] {
+        std::vector<int> numbers(1000);
+        ThreadSettle();
+        EXPECT_EQ(numbers.size() + text->size(), 2000u);
+      });
+      ThreadSettle();
+      KeBugCheckModel("on purpose");
+    });
+    EXPECT_EQ(rule, "bugcheck");
+    ExpectClean([] { ThreadJoin(ThreadStart("next", [] {})); });
+  }
+}
+
+TEST(Executor, ThousandsOfThreadsReuseTheirStacks) {
+  ExpectClean([] {
+    for (int i = 0; i < 20'000; ++i) {
+      ThreadJoin(ThreadStart("short", [] {}));
+    }
+  });
+}
+
+// Real threads over one lock, one event, the pool and objects: for ThreadSanitizer.
+TEST(Stress, ThreadsShareEverything) {
+  ExpectClean(
+      [] {
+        KSPIN_LOCK lock;
+        KSPIN_LOCK inner;
+        KSEMAPHORE semaphore;
+        KeInitializeSpinLock(&lock);
+        KeInitializeSpinLock(&inner);
+        KeInitializeSemaphore(&semaphore, 2, 4);
+        void *object = ObjectCreate(ObjectKind::Driver, 16, nullptr);
+        int guarded = 0;
+        std::vector<PKTHREAD> threads;
+        for (int t = 0; t < 4; ++t) {
+          threads.push_back(ThreadStart("stress", [&] {
+            for (int i = 0; i < 500; ++i) {
+              WaitForEver(&semaphore);
+              ObReferenceObject(object);
+              void *block = ExAllocatePoolWithTag(NonPagedPoolNx, 64, FourCharacters("Strs"));
+              KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
+              KeAcquireSpinLockAtDpcLevel(&inner);
+              ++guarded;
+              KeReleaseSpinLockFromDpcLevel(&inner);
+              KeReleaseSpinLock(&lock, irql);
+              ExFreePoolWithTag(block, FourCharacters("Strs"));
+              ObDereferenceObject(object);
+              KeReleaseSemaphore(&semaphore, 0, 1, FALSE);
+            }
+          }));
+        }
+        for (PKTHREAD thread : threads) {
+          ThreadJoin(thread);
+        }
+        ObDereferenceObject(object);
+        EXPECT_EQ(guarded, 2000);
+      },
+      {.Executor = ExecutorKind::Threads});
+}
+
+#if GTEST_HAS_DEATH_TEST
+TEST(Stress, ThreadsStopByAborting) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(ModelRun({.Executor = ExecutorKind::Threads},
+                        [] {
+                          KEVENT never;
+                          KeInitializeEvent(&never, NotificationEvent, FALSE);
+                          WaitForEver(&never);
+                        }),
+               "kernel model stopped: deadlock");
+}
+#endif

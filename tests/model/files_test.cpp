@@ -1,0 +1,481 @@
+#include "platform/model/irql.h"
+#include "tests/model/two_drivers.h"
+
+// What arrives at the two drivers, a letter a request: the driver's in upper (lower driver) or
+// lower case, and the major function's.
+static std::string Arrivals;
+static NTSTATUS CreateStatus;
+
+static char LetterOf(PIRP Irp) {
+  switch (IoGetCurrentIrpStackLocation(Irp)->MajorFunction) {
+  case IRP_MJ_CREATE:
+    return 'c';
+  case IRP_MJ_CLEANUP:
+    return 'u';
+  case IRP_MJ_CLOSE:
+    return 'x';
+  default:
+    return 'r';
+  }
+}
+
+static NTSTATUS LogLower(PDEVICE_OBJECT Device, PIRP Irp) {
+  char letter = LetterOf(Irp);
+  Arrivals += static_cast<char>(letter - 'a' + 'A');
+  return letter == 'c' ? CompleteWith(Irp, CreateStatus) : OnLower(Device, Irp);
+}
+
+static NTSTATUS LogUpper(PDEVICE_OBJECT Device, PIRP Irp) {
+  Arrivals += LetterOf(Irp);
+  return PassDown(Device, Irp);
+}
+
+static void LoadLogging() {
+  TwoLoad();
+  Arrivals.clear();
+  CreateStatus = STATUS_SUCCESS;
+  for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_READ}) {
+    Two.LowerDriver->MajorFunction[major] = LogLower;
+    Two.UpperDriver->MajorFunction[major] = LogUpper;
+  }
+}
+
+static HANDLE OpenLow(Account Who = Account::User) {
+  HANDLE handle;
+  EXPECT_EQ(FileOpen("\\Device\\Low", Who, &handle), STATUS_SUCCESS);
+  return handle;
+}
+
+TEST(Files, CleanupAtTheLastHandleCloseAtTheLastReference) {
+  ExpectClean([] {
+    LoadLogging();
+    HANDLE handle = OpenLow();
+    HANDLE second = FileDuplicate(handle);
+    PFILE_OBJECT file = FileObject(handle);
+    EXPECT_EQ(file->DeviceObject, Two.Lower);
+    EXPECT_EQ(Two.Lower->ReferenceCount, 1);
+    ObReferenceObject(file);
+    FileClose(handle);
+    EXPECT_EQ(Arrivals, "cC");
+    FileClose(second);
+    EXPECT_EQ(Arrivals, "cCuU");
+    ObDereferenceObject(file);
+    EXPECT_EQ(Arrivals, "cCuUxX");
+    EXPECT_EQ(Two.Lower->ReferenceCount, 0);
+    TwoUnload();
+  });
+}
+
+TEST(Files, FailedCreateBringsNothingElse) {
+  ExpectClean([] {
+    LoadLogging();
+    CreateStatus = STATUS_SHARING_VIOLATION;
+    HANDLE handle;
+    EXPECT_EQ(FileOpen("\\Device\\Low", Account::User, &handle), STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(Arrivals, "cC");
+    EXPECT_EQ(FileOpen("\\Device\\Nowhere", Account::User, &handle), STATUS_OBJECT_NAME_NOT_FOUND);
+    TwoUnload();
+  });
+}
+
+// The filter that saw the create need not be there any more.
+TEST(Files, CleanupAndCloseGoToTheTopOfThatTime) {
+  ExpectClean([] {
+    LoadLogging();
+    HANDLE handle = OpenLow();
+    IoDetachDevice(Two.Lower);
+    FileClose(handle);
+    EXPECT_EQ(Arrivals, "cCUX");
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(Two.Upper, Two.Lower), Two.Lower);
+    TwoUnload();
+  });
+}
+
+// The request is completed at DISPATCH_LEVEL, where no close could be sent.
+TEST(Files, RequestHoldsTheFileObject) {
+  ExpectCleanOnBoth([] {
+    LoadLogging();
+    OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
+      bool read = IoGetCurrentIrpStackLocation(Irp)->MajorFunction == IRP_MJ_READ;
+      return read ? HoldIt(Device, Irp) : Succeed(Device, Irp);
+    };
+    HANDLE handle = OpenLow();
+    FileRequest request;
+    request.Buffer.resize(1);
+    FileSend(handle, &request);
+    FileClose(handle);
+    EXPECT_EQ(Arrivals, "cCrRuU");
+    KIRQL before = IrqlRaise(DISPATCH_LEVEL);
+    CompleteWith(Held, STATUS_SUCCESS, 1);
+    IrqlLower(before);
+    FileWait(&request);
+    ThreadSettle();
+    EXPECT_EQ(Arrivals, "cCrRuUxX");
+    TwoUnload();
+  });
+}
+
+TEST(Files, LookUpByNameOpensForReal) {
+  ExpectClean([] {
+    LoadLogging();
+    Wide name("\\Device\\Low");
+    PFILE_OBJECT file;
+    PDEVICE_OBJECT top;
+    EXPECT_EQ(IoGetDeviceObjectPointer(&name.String, FILE_ALL_ACCESS, &file, &top), STATUS_SUCCESS);
+    EXPECT_EQ(top, Two.Upper);
+    EXPECT_EQ(file->DeviceObject, Two.Lower);
+    EXPECT_EQ(Arrivals, "cCuU");
+    ObDereferenceObject(file);
+    EXPECT_EQ(Arrivals, "cCuUxX");
+    TwoUnload();
+  });
+}
+
+// ---- who may open ----
+
+static NTSTATUS OpenStatus(const char *Name, Account Who) {
+  HANDLE handle;
+  NTSTATUS status = FileOpen(Name, Who, &handle);
+  if (NT_SUCCESS(status)) {
+    FileClose(handle);
+  }
+  return status;
+}
+
+TEST(Files, ExclusiveInitializingAndSecured) {
+  ExpectClean([] {
+    TwoLoad();
+    Two.Lower->Flags |= DO_EXCLUSIVE;
+    HANDLE handle = OpenLow();
+    EXPECT_EQ(OpenStatus("\\Device\\Low", Account::LocalSystem), STATUS_ACCESS_DENIED);
+    FileClose(handle);
+    EXPECT_EQ(OpenStatus("\\Device\\Low", Account::User), STATUS_SUCCESS);
+
+    Wide name("\\Device\\Guarded");
+    Wide other("\\Device\\Other");
+    Wide sddl("D:P(A;;GA;;;SY)");
+    Wide everyone("D:P(A;;GA;;;WD)");
+    PDEVICE_OBJECT device;
+    PDEVICE_OBJECT refused;
+    EXPECT_EQ(IoCreateDeviceSecure(Two.LowerDriver, 0, &other.String, 0x1b, 0, FALSE,
+                                   &everyone.String, nullptr, &refused),
+              STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(IoCreateDeviceSecure(Two.LowerDriver, 0, &name.String, 0x1b, 0, FALSE, &sddl.String,
+                                   nullptr, &device),
+              STATUS_SUCCESS);
+    EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::LocalSystem), STATUS_NO_SUCH_DEVICE);
+    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::LocalSystem), STATUS_SUCCESS);
+    EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::Administrator), STATUS_ACCESS_DENIED);
+    IoDeleteDevice(device);
+    TwoUnload();
+  });
+}
+
+// ---- buffers ----
+
+static const char Text[] = "abcd";
+
+// Reads fill, writes check; by whichever way the bytes come.
+static NTSTATUS Transfer(PDEVICE_OBJECT Device, PIRP Irp) {
+  PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(Irp);
+  void *bytes;
+  if (Device->Flags & DO_BUFFERED_IO) {
+    EXPECT_EQ(Irp->MdlAddress, nullptr);
+    bytes = Irp->AssociatedIrp.SystemBuffer;
+  } else if (Device->Flags & DO_DIRECT_IO) {
+    EXPECT_EQ(Irp->AssociatedIrp.SystemBuffer, nullptr);
+    EXPECT_EQ(MmGetMdlByteCount(Irp->MdlAddress), location->Parameters.Read.Length);
+    bytes = MmGetMdlVirtualAddress(Irp->MdlAddress);
+  } else {
+    bytes = Irp->UserBuffer;
+  }
+  EXPECT_EQ(location->Parameters.Read.Length, 4u);
+  if (location->MajorFunction == IRP_MJ_READ) {
+    memcpy(bytes, Text, 4);
+  } else {
+    EXPECT_EQ(memcmp(bytes, Text, 4), 0);
+  }
+  return CompleteWith(Irp, STATUS_SUCCESS, 4);
+}
+
+TEST(Files, BufferingFollowsTheTopDevice) {
+  static ULONG flags;
+  for (ULONG kind : {DO_BUFFERED_IO, DO_DIRECT_IO, 0}) {
+    flags = kind;
+    ExpectClean([] {
+      TwoLoad(flags);
+      OnLower = Transfer;
+      HANDLE handle = OpenLow();
+      std::vector<uint8_t> bytes;
+      EXPECT_EQ(FileRead(handle, 4, &bytes), STATUS_SUCCESS);
+      EXPECT_EQ(std::string(bytes.begin(), bytes.end()), Text);
+      ULONG_PTR written = 0;
+      EXPECT_EQ(FileWrite(handle, {'a', 'b', 'c', 'd'}, &written), STATUS_SUCCESS);
+      EXPECT_EQ(written, 4u);
+      OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
+        EXPECT_EQ(Irp->MdlAddress, nullptr);
+        EXPECT_EQ(Irp->AssociatedIrp.SystemBuffer, nullptr);
+        return Succeed(Device, Irp);
+      };
+      EXPECT_EQ(FileRead(handle, 0, &bytes), STATUS_SUCCESS);
+      FileClose(handle);
+      TwoUnload();
+    });
+  }
+}
+
+struct CopyCase {
+  NTSTATUS Status;
+  const char *Result;
+};
+
+static const CopyCase *Copy;
+
+TEST(Files, OutputIsCopiedUnlessAnError) {
+  static const CopyCase cases[] = {
+      {STATUS_SUCCESS, "ab"},
+      {STATUS_BUFFER_OVERFLOW, "ab"},
+      {STATUS_UNSUCCESSFUL, ""},
+  };
+  for (const CopyCase &one : cases) {
+    Copy = &one;
+    ExpectClean([] {
+      TwoLoad();
+      OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
+        memcpy(Irp->AssociatedIrp.SystemBuffer, Text, 4);
+        return CompleteWith(Irp, Copy->Status, 2);
+      };
+      HANDLE handle = OpenLow();
+      std::vector<uint8_t> bytes;
+      EXPECT_EQ(FileRead(handle, 4, &bytes), Copy->Status);
+      EXPECT_EQ(std::string(bytes.begin(), bytes.end()), Copy->Result);
+      FileClose(handle);
+      TwoUnload();
+    });
+  }
+}
+
+static ULONG Code(unsigned Method) {
+  return CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, Method, FILE_ANY_ACCESS);
+}
+
+TEST(Files, DeviceControlByItsMethod) {
+  static unsigned method;
+  for (unsigned one : {METHOD_BUFFERED, METHOD_IN_DIRECT, METHOD_OUT_DIRECT, METHOD_NEITHER}) {
+    method = one;
+    ExpectClean([] {
+      TwoLoad();
+      OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
+        auto &parameters = IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl;
+        EXPECT_EQ(parameters.InputBufferLength, 2u);
+        EXPECT_EQ(parameters.OutputBufferLength, 4u);
+        bool direct = method == METHOD_IN_DIRECT || method == METHOD_OUT_DIRECT;
+        void *in = method == METHOD_NEITHER ? parameters.Type3InputBuffer
+                                            : Irp->AssociatedIrp.SystemBuffer;
+        void *out = method == METHOD_BUFFERED ? in
+                    : direct                  ? MmGetMdlVirtualAddress(Irp->MdlAddress)
+                                              : Irp->UserBuffer;
+        EXPECT_EQ(memcmp(in, "in", 2), 0);
+        memcpy(out, Text, 4);
+        return CompleteWith(Irp, STATUS_SUCCESS, 3);
+      };
+      HANDLE handle = OpenLow();
+      FileRequest request;
+      request.Major = IRP_MJ_DEVICE_CONTROL;
+      request.ControlCode = Code(method);
+      request.Buffer = {'i', 'n'};
+      request.OutputBytes = 4;
+      FileSend(handle, &request);
+      EXPECT_EQ(FileWait(&request), STATUS_SUCCESS);
+      EXPECT_EQ(std::string(request.Buffer.begin(), request.Buffer.end()), "abc");
+      FileClose(handle);
+      TwoUnload();
+    });
+  }
+}
+
+// ---- cancel ----
+
+TEST(Files, CancelOneAndAll) {
+  ExpectCleanOnBoth([] {
+    TwoLoad();
+    OnLower = HoldCancellable;
+    HANDLE handle = OpenLow();
+    static unsigned done;
+    done = 0;
+    std::vector<FileRequest> requests(4);
+    for (FileRequest &request : requests) {
+      request.Buffer.resize(1);
+      request.OnDone = [](FileRequest *, void *Context) { ++*static_cast<unsigned *>(Context); };
+      request.Context = &done;
+      EXPECT_EQ(FileSend(handle, &request), STATUS_PENDING);
+    }
+    EXPECT_TRUE(FileCancel(&requests[1]));
+    EXPECT_FALSE(FileCancel(&requests[1]));
+    EXPECT_TRUE(FileDone(&requests[1]));
+    EXPECT_FALSE(FileDone(&requests[0]));
+    FileCancelAll(handle);
+    for (FileRequest &request : requests) {
+      EXPECT_EQ(FileWait(&request), STATUS_CANCELLED);
+    }
+    EXPECT_EQ(done, 4u);
+    FileClose(handle);
+    TwoUnload();
+  });
+}
+
+// ---- many at once ----
+
+// A driver that queues its requests under the cancel spin lock, and a thread that serves them while
+// their senders cancel.
+static LIST_ENTRY Queue;
+static bool Stopping;
+
+static void CancelQueued(PDEVICE_OBJECT, PIRP Irp) ANALYSIS_OFF {
+  RemoveEntryList(&Irp->Tail.Overlay.ListEntry);
+  IoReleaseCancelSpinLock(Irp->CancelIrql);
+  CompleteWith(Irp, STATUS_CANCELLED);
+}
+
+static NTSTATUS Enqueue(PDEVICE_OBJECT, PIRP Irp) {
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  IoMarkIrpPending(Irp);
+  IoSetCancelRoutine(Irp, CancelQueued);
+  InsertTailList(&Queue, &Irp->Tail.Overlay.ListEntry);
+  IoReleaseCancelSpinLock(irql);
+  return STATUS_PENDING;
+}
+
+// Whether there may be more to come.
+static bool ServeOne() {
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  PIRP irp = nullptr;
+  for (PLIST_ENTRY entry = Queue.Flink; entry != &Queue && !irp; entry = entry->Flink) {
+    irp = CONTAINING_RECORD(entry, IRP, Tail.Overlay.ListEntry);
+    if (!IoSetCancelRoutine(irp, nullptr)) {
+      irp = nullptr;  // its cancel routine waits for the lock
+    }
+  }
+  if (irp) {
+    RemoveEntryList(&irp->Tail.Overlay.ListEntry);
+  }
+  bool more = irp || !Stopping;
+  IoReleaseCancelSpinLock(irql);
+  if (irp) {
+    CompleteWith(irp, STATUS_SUCCESS, 1);
+  }
+  return more;
+}
+
+static void SendAndCancel(unsigned Number) {
+  HANDLE handle = OpenLow();
+  for (unsigned round = 0; round < 50; ++round) {
+    FileRequest requests[3];
+    for (FileRequest &request : requests) {
+      request.Buffer.resize(1);
+      FileSend(handle, &request);
+    }
+    if ((round + Number) % 3 == 0) {
+      FileCancelAll(handle);
+    } else {
+      FileCancel(&requests[round % 3]);
+    }
+    for (FileRequest &request : requests) {
+      NTSTATUS status = FileWait(&request);
+      EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_CANCELLED);
+    }
+  }
+  FileClose(handle);
+}
+
+static void ManyAtOnce() {
+  TwoLoad();
+  InitializeListHead(&Queue);
+  Stopping = false;
+  OnLower = Enqueue;
+  PKTHREAD server = ThreadStart("server", [] {
+    LARGE_INTEGER nap = {};
+    nap.QuadPart = -10;
+    KEVENT never;
+    KeInitializeEvent(&never, NotificationEvent, FALSE);
+    while (ServeOne()) {
+      KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &nap);
+    }
+  });
+  PKTHREAD senders[3];
+  for (unsigned i = 0; i < 3; ++i) {
+    senders[i] = ThreadStart("sender", [i] { SendAndCancel(i); });
+  }
+  for (PKTHREAD sender : senders) {
+    ThreadJoin(sender);
+  }
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  Stopping = true;
+  IoReleaseCancelSpinLock(irql);
+  ThreadJoin(server);
+  TwoUnload();
+}
+
+TEST(Files, ManySendersAndCancels) {
+  ExpectCleanOnBoth(ManyAtOnce);
+  RunOptions plain;
+  plain.Verifier = false;
+  ExpectClean(ManyAtOnce, plain);
+  plain.Executor = ExecutorKind::Threads;
+  ExpectClean(ManyAtOnce, plain);
+  RunOptions random;
+  random.Schedule.How = SchedulePolicy::Kind::Random;
+  for (random.Schedule.Seed = 1; random.Schedule.Seed <= 20; ++random.Schedule.Seed) {
+    ExpectClean(ManyAtOnce, random);
+  }
+}
+
+// ---- what the verifier stops ----
+
+static PIRP Kept;
+
+static const BadRoutine BadDrivers[] = {
+    {"more bytes than room", "packet.information",
+     [] {
+       TwoLoad();
+       OnLower = [](PDEVICE_OBJECT, PIRP Irp) { return CompleteWith(Irp, STATUS_SUCCESS, 5); };
+       std::vector<uint8_t> bytes;
+       FileRead(OpenLow(), 4, &bytes);
+     }},
+    {"handle left", "leak.file",
+     [] {
+       TwoLoad();
+       OpenLow();
+     }},
+    {"completed again after its end", "packet.double-completion",
+     [] {
+       TwoLoad();
+       OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
+         Kept = Irp;
+         return Succeed(Device, Irp);
+       };
+       FileWrite(OpenLow(), {1});
+       IofCompleteRequest(Kept, IO_NO_INCREMENT);
+     }},
+    {"last dereference at raised level", "irql.too-high",
+     [] {
+       TwoLoad();
+       HANDLE handle = OpenLow();
+       PFILE_OBJECT file = FileObject(handle);
+       ObReferenceObject(file);
+       FileClose(handle);
+       IrqlRaise(DISPATCH_LEVEL);
+       ObDereferenceObject(file);
+     }},
+};
+
+TEST(Files, BadDriversAreStopped) {
+  for (const BadRoutine &bad : BadDrivers) {
+    ExpectStopped(bad);
+  }
+}

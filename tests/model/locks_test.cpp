@@ -1,0 +1,201 @@
+#include "platform/model/cancel_lock.h"
+#include "platform/model/irql.h"
+#include "tests/model/model_run.h"
+
+static KSPIN_LOCK one;
+static KSPIN_LOCK two;
+static KSPIN_LOCK three;
+
+static void InitializeLocks() {
+  KeInitializeSpinLock(&one);
+  KeInitializeSpinLock(&two);
+  KeInitializeSpinLock(&three);
+}
+
+static void TakeBoth(PKSPIN_LOCK first, PKSPIN_LOCK second) {
+  KIRQL outer = KeAcquireSpinLockRaiseToDpc(first);
+  KIRQL inner = KeAcquireSpinLockRaiseToDpc(second);
+  KeReleaseSpinLock(second, inner);
+  KeReleaseSpinLock(first, outer);
+}
+
+TEST(Locks, RaiseAndRestoreExactly) {
+  ExpectClean([] {
+    InitializeLocks();
+    KIRQL irql;
+    KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
+    EXPECT_EQ(outer, PASSIVE_LEVEL);
+    IoAcquireCancelSpinLock(&irql);
+    EXPECT_EQ(irql, DISPATCH_LEVEL);
+    EXPECT_TRUE(CancelLockHeldByMe());
+    KeAcquireSpinLockAtDpcLevel(&two);
+    EXPECT_EQ(VerifierLocksHeld(), 3u);
+    IoReleaseCancelSpinLock(irql);  // not the last one taken
+    EXPECT_FALSE(CancelLockHeldByMe());
+    KeReleaseSpinLockFromDpcLevel(&two);
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    KeReleaseSpinLock(&one, outer);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+  });
+}
+
+static const BadRoutine badRoutines[] = {
+    {"recursion", "lock.recursion",
+     [] {
+       KeAcquireSpinLockRaiseToDpc(&one);
+       KeAcquireSpinLockRaiseToDpc(&one);
+     }},
+    {"cancel lock recursion", "lock.recursion",
+     [] {
+       KIRQL irql;
+       IoAcquireCancelSpinLock(&irql);
+       IoAcquireCancelSpinLock(&irql);
+     }},
+    {"never initialised", "lock.uninitialized",
+     [] {
+       KSPIN_LOCK fresh = {0};
+       KeAcquireSpinLockRaiseToDpc(&fresh);
+     }},
+    {"a copy of a lock", "lock.uninitialized",
+     [] {
+       KSPIN_LOCK copy = one;
+       KeAcquireSpinLockRaiseToDpc(&copy);
+     }},
+    {"initialised while held", "lock.reinitialized",
+     [] {
+       KeAcquireSpinLockRaiseToDpc(&one);
+       KeInitializeSpinLock(&one);
+     }},
+    {"released without having it", "lock.release-unheld",
+     [] { KeReleaseSpinLock(&one, PASSIVE_LEVEL); }},
+    {"released by another thread", "lock.release-by-other",
+     [] {
+       KeAcquireSpinLockRaiseToDpc(&one);
+       ThreadStart("other", [] { KeReleaseSpinLock(&one, PASSIVE_LEVEL); });
+       ThreadSettle();
+     }},
+    {"taken raising, released at DPC level", "lock.wrong-release",
+     [] {
+       KeAcquireSpinLockRaiseToDpc(&one);
+       KeReleaseSpinLockFromDpcLevel(&one);
+     }},
+    {"DPC-level acquisition at passive level", "irql.too-low",
+     [] { KeAcquireSpinLockAtDpcLevel(&one); }},
+    {"inner lock released with the outer's level", "irql.wrong-restore",
+     [] {
+       KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
+       KeAcquireSpinLockRaiseToDpc(&two);
+       KeReleaseSpinLock(&two, outer);
+     }},
+    {"outer lock released first", "irql.dropped-under-lock",
+     [] {
+       KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
+       KeAcquireSpinLockRaiseToDpc(&two);
+       KeReleaseSpinLock(&one, outer);
+     }},
+    {"learned order turned round", "lock.order-cycle",
+     [] {
+       TakeBoth(&one, &two);
+       TakeBoth(&two, &three);
+       TakeBoth(&three, &one);
+     }},
+    {"declared order turned round", "lock.order",
+     [] {
+       VerifierDeclareOrder(&one, CancelLock());
+       KIRQL irql;
+       IoAcquireCancelSpinLock(&irql);
+       KeAcquireSpinLockRaiseToDpc(&one);
+     }},
+    {"declaration against itself", "lock.order",
+     [] {
+       VerifierDeclareOrder(&one, &two);
+       VerifierDeclareOrder(&two, &one);
+     }},
+    {"held lock in freed pool", "lock.freed-held",
+     [] {
+       auto *lock = static_cast<PKSPIN_LOCK>(
+           ExAllocatePoolWithTag(NonPagedPoolNx, 64, FourCharacters("Lock")));
+       KeInitializeSpinLock(lock + 1);
+       KeAcquireSpinLockRaiseToDpc(lock + 1);
+       ExFreePoolWithTag(lock, 0);
+     }},
+    {"wait with a lock held", "lock.held-across",
+     [] {
+       KEVENT event;
+       KeInitializeEvent(&event, NotificationEvent, TRUE);
+       KeAcquireSpinLockRaiseToDpc(&one);
+       KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+     }},
+    {"wait at raised level", "irql.too-high",
+     [] {
+       KEVENT event;
+       KeInitializeEvent(&event, NotificationEvent, TRUE);
+       IrqlRaise(DISPATCH_LEVEL);
+       KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+     }},
+    {"run ends with a lock", "lock.held-at-end", [] { KeAcquireSpinLockRaiseToDpc(&one); }},
+    {"run ends raised", "irql.not-restored", [] { IrqlRaise(APC_LEVEL); }},
+    {"lowered under a lock", "irql.wrong-restore",
+     [] {
+       KeAcquireSpinLockRaiseToDpc(&one);
+       IrqlLower(PASSIVE_LEVEL);
+     }},
+    {"the test's thread ends as a system thread", "thread.not-system",
+     [] { PsTerminateSystemThread(STATUS_SUCCESS); }},
+    {"thread ends with a lock", "lock.held-across",
+     [] {
+       HANDLE thread;
+       auto body = [](PVOID) { KeAcquireSpinLockRaiseToDpc(&one); };
+       PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, body, nullptr);
+       ThreadSettle();
+     }},
+};
+
+TEST(Locks, MisuseIsStopped) {
+  for (const BadRoutine &bad : badRoutines) {
+    // Fresh words for each: an abandoned run leaves its locks as they were.
+    one = two = three = {0};
+    static void (*body)();
+    body = bad.Body;
+    ExpectStopped({bad.Name, bad.Rule, [] {
+                     InitializeLocks();
+                     body();
+                   }});
+  }
+}
+
+TEST(Locks, OrderIsForgottenWithTheLock) {
+  ExpectClean([] {
+    InitializeLocks();
+    TakeBoth(&one, &two);
+    KeInitializeSpinLock(&two);
+    TakeBoth(&two, &one);
+  });
+}
+
+TEST(Locks, ExcludeEachOtherInEverySchedule) {
+  ExploreOptions options;
+  options.Preemptions = 3;
+  ExploreResult result = ModelExplore(options, [] {
+    InitializeLocks();
+    int inside = 0;
+    int total = 0;
+    auto body = [&] {
+      KIRQL irql = KeAcquireSpinLockRaiseToDpc(&one);
+      EXPECT_EQ(++inside, 1);
+      KiInterlockedPoint(&total);
+      ++total;
+      --inside;
+      KeReleaseSpinLock(&one, irql);
+    };
+    PKTHREAD a = ThreadStart("a", body);
+    PKTHREAD b = ThreadStart("b", body);
+    PKTHREAD c = ThreadStart("c", body);
+    ExploreWindow(true);
+    ThreadJoin(a);
+    ThreadJoin(b);
+    ThreadJoin(c);
+    EXPECT_EQ(total, 3);
+  });
+  EXPECT_TRUE(result.Exhausted) << result.Failure.Text;
+}

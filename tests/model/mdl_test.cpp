@@ -1,0 +1,144 @@
+#include "tests/model/two_drivers.h"
+
+static const ULONG Tag = FourCharacters("Test");
+
+TEST(Mdl, NonPagedPoolAndPartial) {
+  ExpectClean([] {
+    char *pool = static_cast<char *>(ExAllocatePoolWithTag(NonPagedPoolNx, 6000, Tag));
+    PMDL whole = IoAllocateMdl(pool, 6000, FALSE, FALSE, nullptr);
+    EXPECT_EQ(MmGetMdlVirtualAddress(whole), pool);
+    EXPECT_EQ(MmGetMdlByteCount(whole), 6000u);
+    MmBuildMdlForNonPagedPool(whole);
+    EXPECT_EQ(whole->MappedSystemVa, pool);
+
+    PMDL part = IoAllocateMdl(pool + 4100, 100, FALSE, FALSE, nullptr);
+    IoBuildPartialMdl(whole, part, pool + 4100, 100);
+    EXPECT_EQ(part->MappedSystemVa, pool + 4100);
+    EXPECT_EQ(part->MdlFlags, MDL_PARTIAL | MDL_SOURCE_IS_NONPAGED_POOL);
+    IoBuildPartialMdl(whole, part, pool + 5900, 0);  // to the end
+    EXPECT_EQ(MmGetMdlByteCount(part), 100u);
+    IoFreeMdl(part);
+    IoFreeMdl(whole);
+
+    PMDL empty = IoAllocateMdl(pool, 0, FALSE, FALSE, nullptr);
+    ASSERT_NE(empty, nullptr);
+    EXPECT_EQ(MmGetMdlByteCount(empty), 0u);
+    IoFreeMdl(empty);
+    ExFreePoolWithTag(pool, Tag);
+    EXPECT_EQ(MdlCount(), 0u);
+  });
+}
+
+TEST(Mdl, ChainOnAPacket) {
+  ExpectClean([] {
+    char bytes[3];
+    PIRP irp = IoAllocateIrp(1, FALSE);
+    PMDL first = IoAllocateMdl(bytes, 1, FALSE, FALSE, irp);
+    PMDL second = IoAllocateMdl(bytes + 1, 1, TRUE, FALSE, irp);
+    PMDL third = IoAllocateMdl(bytes + 2, 1, TRUE, FALSE, irp);
+    EXPECT_EQ(irp->MdlAddress, first);
+    EXPECT_EQ(first->Next, second);
+    EXPECT_EQ(second->Next, third);
+    for (PMDL mdl : {first, second, third}) {
+      IoFreeMdl(mdl);
+    }
+    IoFreeIrp(irp);
+  });
+}
+
+// A user's pages: mapped on demand, a partial MDL over them has a mapping of its own.
+TEST(Mdl, UserPagesAreMappedAndMayFail) {
+  ExpectClean([] {
+    TwoLoad(DO_DIRECT_IO);
+    OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
+      PMDL mdl = Irp->MdlAddress;
+      EXPECT_EQ(mdl->MdlFlags, MDL_PAGES_LOCKED);
+      FaultArm({.Kinds = FaultMapping});
+      EXPECT_EQ(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0),
+                nullptr);
+      EXPECT_TRUE(FaultDisarm());
+
+      char *user = static_cast<char *>(MmGetMdlVirtualAddress(mdl));
+      PMDL part = IoAllocateMdl(user + 2, 2, FALSE, FALSE, nullptr);
+      IoBuildPartialMdl(mdl, part, user + 2, 2);
+      void *mapped = MmMapLockedPagesSpecifyCache(part, KernelMode, MmCached, nullptr, FALSE, 0);
+      EXPECT_EQ(part->MdlFlags,
+                MDL_PARTIAL | MDL_PARTIAL_HAS_BEEN_MAPPED | MDL_MAPPED_TO_SYSTEM_VA);
+      memcpy(mapped, "cd", 2);
+      IoFreeMdl(part);
+      memcpy(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0), "ab", 2);
+      return CompleteWith(Irp, STATUS_SUCCESS, 4);
+    };
+    HANDLE handle;
+    FileOpen("\\Device\\Low", Account::User, &handle);
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(FileRead(handle, 4, &bytes), STATUS_SUCCESS);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "abcd");
+    FileClose(handle);
+    TwoUnload();
+  });
+}
+
+static char Bytes[PAGE_SIZE];
+
+static const BadRoutine BadUses[] = {
+    {"freed twice", "mdl.double-free",
+     [] {
+       PMDL mdl = IoAllocateMdl(Bytes, 1, FALSE, FALSE, nullptr);
+       IoFreeMdl(mdl);
+       IoFreeMdl(mdl);
+     }},
+    {"left", "leak.mdl", [] { IoAllocateMdl(Bytes, 1, FALSE, FALSE, nullptr); }},
+    {"built over paged pool", "mdl.paged",
+     [] {
+       PVOID paged = ExAllocatePoolWithTag(PagedPool, 8, Tag);
+       MmBuildMdlForNonPagedPool(IoAllocateMdl(paged, 8, FALSE, FALSE, nullptr));
+     }},
+    {"mapped though nonpaged", "mdl.already-mapped",
+     [] {
+       PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, nullptr);
+       MmBuildMdlForNonPagedPool(mdl);
+       MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0);
+     }},
+    {"mapped without locked pages", "mdl.not-locked",
+     [] {
+       PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, nullptr);
+       MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0);
+     }},
+    {"partial outside of the source", "mdl.outside",
+     [] {
+       PMDL source = IoAllocateMdl(Bytes, 8, FALSE, FALSE, nullptr);
+       PMDL target = IoAllocateMdl(Bytes, 16, FALSE, FALSE, nullptr);
+       MmBuildMdlForNonPagedPool(source);
+       IoBuildPartialMdl(source, target, Bytes + 4, 5);
+     }},
+    {"freed under a packet", "mdl.in-use",
+     [] {
+       TwoLoad();
+       OnLower = HoldIt;
+       PIRP irp = IoAllocateIrp(2, FALSE);
+       PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, irp);
+       MmBuildMdlForNonPagedPool(mdl);
+       IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+       IofCallDriver(Two.Upper, irp);
+       IoFreeMdl(mdl);
+     }},
+    {"mapping that may not fail", "bugcheck",
+     [] {
+       TwoLoad(DO_DIRECT_IO);
+       OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
+         FaultArm({.Kinds = FaultMapping});
+         MmMapLockedPagesSpecifyCache(Irp->MdlAddress, KernelMode, MmCached, nullptr, TRUE, 0);
+         return Succeed(Device, Irp);
+       };
+       HANDLE handle;
+       FileOpen("\\Device\\Low", Account::User, &handle);
+       FileWrite(handle, {1});
+     }},
+};
+
+TEST(Mdl, BadUsesAreStopped) {
+  for (const BadRoutine &bad : BadUses) {
+    ExpectStopped(bad);
+  }
+}

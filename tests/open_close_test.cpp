@@ -1,0 +1,182 @@
+// Opens, closes and cleanups of both sides, and the serializer that orders them.
+#include <gtest/gtest.h>
+
+#include "tests/support/world.h"
+
+TEST(OpenClose, ThePortSeesOneOpenForBothSides) {
+  for (bool zkFirst : {false, true}) {
+    RunWorld([=](World *world) {
+      LowerPort *lower = &world->Lower;
+      PortExtension *port = WorldPort(world);
+      EXPECT_EQ(zkFirst ? OpenZk(world) : OpenClient(world), STATUS_SUCCESS);
+      EXPECT_EQ(port->LowerOpenContext, &lower->OpenContext);
+      EXPECT_EQ(zkFirst ? OpenClient(world) : OpenZk(world), STATUS_SUCCESS);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 1u);
+      EXPECT_EQ(port->OpenCount, 2);
+      EXPECT_EQ(port->StateFlags, static_cast<ULONG>(PSF_ZK_OPEN | PSF_CLIENT_OPEN));
+      zkFirst ? CloseZk(world) : CloseClient(world);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CLEANUP), 0u);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CLOSE), 0u);
+      zkFirst ? CloseClient(world) : CloseZk(world);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CLEANUP), 1u);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CLOSE), 1u);
+      EXPECT_EQ(port->OpenCount, 0);
+      EXPECT_EQ(port->StateFlags, 0u);
+      EXPECT_EQ(port->LowerOpenContext, nullptr);
+      EXPECT_EQ(port->Header.OpenRefs, 1);
+      EXPECT_EQ(port->Control->Header.OpenRefs, 1);
+    });
+  }
+}
+
+// The grant of the second side brings the port's own context to its requests.
+TEST(OpenClose, AGrantedClientCarriesTheContextOfZksOpen) {
+  RunWorld([](World *world) {
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    Io io;
+    StartControl(world->Client, &io, CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_BUFFERED, 0));
+    EXPECT_EQ(FileWait(&io), STATUS_SUCCESS);
+    EXPECT_EQ(LowerLast(&world->Lower, IRP_MJ_DEVICE_CONTROL).FsContext, &world->Lower.OpenContext);
+  });
+}
+
+// A second open of a side is refused, and the refusal still flushes the first holder's pipe.
+TEST(OpenClose, ARefusedSecondOpenFlushesTheFirstHoldersReads) {
+  RunWorld([](World *world) {
+    GoNormal(world);
+    Io clientRead, zkRead;
+    EXPECT_EQ(StartRead(world->Client, &clientRead, 10), STATUS_PENDING);
+    HANDLE second = nullptr;
+    EXPECT_EQ(FileOpen("\\DosDevices\\COM3", Account::User, &second), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(FileWait(&clientRead), STATUS_CANCELLED);
+    EXPECT_EQ(StartRead(world->Zk, &zkRead, 100), STATUS_PENDING);
+    EXPECT_EQ(FileOpen("\\DosDevices\\VORLIX_COM3", Account::LocalSystem, &second),
+              STATUS_ACCESS_DENIED);
+    EXPECT_EQ(FileWait(&zkRead), STATUS_CANCELLED);
+    EXPECT_EQ(WorldPort(world)->Header.OpenRefs, 2);
+    EXPECT_EQ(WorldPort(world)->OpenCount, 2);
+  });
+}
+
+// Success of the port's open is exactly 0.
+TEST(OpenClose, AFailedOpenLeavesThePortAsItWas) {
+  RunWorld([](World *world) {
+    for (NTSTATUS status : {STATUS_NO_SUCH_DEVICE, STATUS_DEVICE_BUSY}) {
+      world->Lower.Result[IRP_MJ_CREATE] = status;
+      EXPECT_EQ(OpenClient(world), status);
+      EXPECT_EQ(WorldPort(world)->OpenCount, 0);
+      EXPECT_EQ(WorldPort(world)->Header.OpenRefs, 1);
+      EXPECT_EQ(WorldPort(world)->StateFlags, 0u);
+    }
+    world->Lower.Result[IRP_MJ_CREATE] = STATUS_SUCCESS;
+    EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), 3u);
+  });
+}
+
+TEST(OpenClose, AnOpenWaitsBehindTheOneUnderWay) {
+  for (bool atDispatch : {false, true}) {
+    RunWorld([=](World *world) {
+      LowerPort *lower = &world->Lower;
+      lower->AtDispatchLevel = atDispatch;
+      lower->How[IRP_MJ_CREATE] = Behaviour::Pend;
+      NTSTATUS clientStatus = STATUS_PENDING;
+      NTSTATUS zkStatus = STATUS_PENDING;
+      PKTHREAD client = ThreadStart("client", [&] { clientStatus = OpenClient(world); });
+      ThreadSettle();
+      PKTHREAD zk = ThreadStart("zk", [&] { zkStatus = OpenZk(world); });
+      ThreadSettle();
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 1u);
+      EXPECT_EQ(zkStatus, STATUS_PENDING);
+      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE));
+      ThreadJoin(client);
+      ThreadJoin(zk);
+      EXPECT_EQ(clientStatus, STATUS_SUCCESS);
+      EXPECT_EQ(zkStatus, STATUS_SUCCESS);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 1u);
+      EXPECT_EQ(WorldPort(world)->StateFlags, static_cast<ULONG>(PSF_ZK_OPEN | PSF_CLIENT_OPEN));
+    });
+  }
+}
+
+// Items that finish at once behind a pended one run one after the other, not one inside the other.
+TEST(Serializer, ALongQueueRunsFlat) {
+  RunWorld([](World *world) {
+    constexpr int Count = 300;
+    LowerPort *lower = &world->Lower;
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    lower->How[IRP_MJ_CLOSE] = Behaviour::Pend;
+    PKTHREAD closer = ThreadStart("zk close", [&] { CloseZk(world); });
+    ThreadSettle();
+    std::vector<PKTHREAD> openers;
+    int granted = 0;
+    int refused = 0;
+    for (int i = 0; i < Count; ++i) {
+      openers.push_back(ThreadStart("opener", [&] {
+        HANDLE handle;
+        if (FileOpen("\\DosDevices\\COM3", Account::User, &handle) == STATUS_SUCCESS) {
+          world->Client = handle;
+          ++granted;
+        } else {
+          ++refused;
+        }
+      }));
+    }
+    ThreadSettle();
+    EXPECT_EQ(granted + refused, 0);
+    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CLOSE));
+    for (PKTHREAD opener : openers) {
+      ThreadJoin(opener);
+    }
+    ThreadJoin(closer);
+    lower->How[IRP_MJ_CLOSE] = Behaviour::Inline;
+    EXPECT_EQ(granted, 1);
+    EXPECT_EQ(refused, Count - 1);
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 2u);  // ZK's, and that of the one that got in
+  });
+}
+
+TEST(OpenClose, CleanupReachesThePortWhenOneSideHasIt) {
+  RunWorld([](World *world) {
+    GoNormal(world);
+    Io read;
+    EXPECT_EQ(StartRead(world->Client, &read, 10), STATUS_PENDING);
+    HANDLE client = world->Client;
+    world->Client = nullptr;
+    FileClose(client);  // with the read outstanding: cleanup ends it, then the close goes out
+    EXPECT_EQ(FileWait(&read), STATUS_CANCELLED);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLEANUP), 0u);
+    EXPECT_EQ(WorldPort(world)->OpenCount, 1);
+    EXPECT_EQ(WorldPort(world)->ProxyState, static_cast<ULONG>(PROXY_FOR_ZK));
+  });
+}
+
+// A close that the port fails leaves the device open for good: nobody else gets in.
+TEST(OpenClose, AFailedCloseLeavesTheDeviceOpen) {
+  RunWorld([](World *world) {
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    world->Lower.Result[IRP_MJ_CLOSE] = STATUS_IO_DEVICE_ERROR;
+    CloseClient(world);
+    EXPECT_EQ(WorldPort(world)->OpenCount, 1);
+    EXPECT_EQ(OpenClient(world), STATUS_ACCESS_DENIED);
+    world->Client = nullptr;
+  });
+}
+
+TEST(OpenClose, ZksCloseEndsWhatItSet) {
+  for (bool clientStays : {false, true}) {
+    RunWorld([=](World *world) {
+      PortExtension *port = WorldPort(world);
+      GoNormal(world, clientStays);
+      EXPECT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 3), STATUS_SUCCESS);
+      EXPECT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+      CloseZk(world);
+      EXPECT_EQ(port->Mode, static_cast<ULONG>(MODE_IDLE));
+      EXPECT_EQ(port->MessageLevel, 0u);
+      EXPECT_EQ(port->HoldClientRequests, 0);
+      EXPECT_EQ(port->ProxyState, static_cast<ULONG>(PROXY_OFF));
+      EXPECT_EQ(port->StateFlags, clientStays ? static_cast<ULONG>(PSF_CLIENT_OPEN) : 0u);
+    });
+  }
+}

@@ -1,0 +1,313 @@
+// The life of a port under the Plug and Play manager: start, stop, the raw child, removal.
+#include <gtest/gtest.h>
+
+#include "driver/event_log.h"
+#include "tests/support/world.h"
+
+static const GUID PortInterface = {
+    0x2046FBBA, 0x7912, 0x40B2, {0xAD, 0xCB, 0x73, 0x16, 0x13, 0x4A, 0xEB, 0x5E}};
+static const GUID ControlInterface = {
+    0x57089BA1, 0x471C, 0x4885, {0x9A, 0xCC, 0x8E, 0x40, 0x7B, 0x33, 0xBD, 0xE5}};
+
+TEST(Pnp, TheControlDeviceIsARawChild) {
+  RunWorld([](World *world) {
+    std::vector<PDEVICE_OBJECT> children = PnpChildren(world->Node);
+    ASSERT_EQ(children.size(), 1u);
+    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+    EXPECT_EQ(children[0], control);
+    EXPECT_EQ(InterfacesEnabled(PortInterface).size(), 1u);
+    EXPECT_EQ(InterfacesEnabled(ControlInterface).size(), 1u);
+
+    auto id = [&](BUS_QUERY_ID_TYPE type, size_t bytes) {
+      ULONG_PTR information = 0;
+      NTSTATUS status = SendPacket(
+          control, IRP_MJ_PNP, IRP_MN_QUERY_ID,
+          [=](PIO_STACK_LOCATION stack) { stack->Parameters.QueryId.IdType = type; }, &information);
+      EXPECT_EQ(status, STATUS_SUCCESS);
+      std::u16string text;
+      if (information != 0) {
+        text.assign(reinterpret_cast<const char16_t *>(information), bytes / 2);
+        ExFreePoolWithTag(reinterpret_cast<PVOID>(information), 0);
+      }
+      return text;
+    };
+    EXPECT_EQ(id(BusQueryDeviceID, 36), std::u16string(u"VORLIX\\VXRawPDO\0\0\0", 18));
+    EXPECT_EQ(id(BusQueryHardwareIDs, 32), std::u16string(u"VORLIX_RAWPDO\0\0\0", 16));
+    EXPECT_EQ(id(BusQueryCompatibleIDs, 0), u"");
+    EXPECT_EQ(id(BusQueryInstanceID, 10), std::u16string(u"0000\0", 5));
+
+    DEVICE_CAPABILITIES capabilities = {};
+    capabilities.UniqueID = 1;
+    capabilities.Address = 77;
+    EXPECT_EQ(SendPacket(control, IRP_MJ_PNP, IRP_MN_QUERY_CAPABILITIES,
+                         [&](PIO_STACK_LOCATION stack) {
+                           stack->Parameters.DeviceCapabilities.Capabilities = &capabilities;
+                         }),
+              STATUS_SUCCESS);
+    EXPECT_EQ(capabilities.Size, 64u);
+    EXPECT_TRUE(capabilities.RawDeviceOK && capabilities.SilentInstall &&
+                capabilities.SurpriseRemovalOK && !capabilities.UniqueID);
+    EXPECT_EQ(capabilities.Address, 77u);
+    EXPECT_EQ(capabilities.SystemWake, static_cast<int>(WorldPort(world)->SystemWake));
+    EXPECT_EQ(capabilities.DeviceWake, static_cast<int>(WorldPort(world)->DeviceWake));
+  });
+}
+
+// Requests of the child that get no memory, or that it does not know, answer as the manager
+// expects.
+TEST(Pnp, RawChildAnswersUnderPressure) {
+  RunWorld([](World *world) {
+    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+    for (UCHAR minor : {IRP_MN_QUERY_ID, IRP_MN_QUERY_BUS_INFORMATION}) {
+      FaultArm({FaultPool, FourCharacters("ZK21"), 1, false});
+      ULONG_PTR information = 0;
+      EXPECT_EQ(SendPacket(control, IRP_MJ_PNP, minor, nullptr, &information),
+                STATUS_INSUFFICIENT_RESOURCES);
+      EXPECT_EQ(information, 0u);
+      EXPECT_TRUE(FaultDisarm());
+    }
+    EXPECT_EQ(PnpSend(control, IRP_MN_QUERY_DEVICE_TEXT), STATUS_NOT_SUPPORTED);
+    ULONG_PTR relations = 0;
+    EXPECT_EQ(SendPacket(
+                  control, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
+                  [](PIO_STACK_LOCATION stack) {
+                    stack->Parameters.QueryDeviceRelations.Type = TargetDeviceRelation;
+                  },
+                  &relations),
+              STATUS_SUCCESS);
+    auto *target = reinterpret_cast<PDEVICE_RELATIONS>(relations);
+    ASSERT_NE(target, nullptr);
+    EXPECT_EQ(target->Count, 1u);
+    EXPECT_EQ(target->Objects[0], control);
+    ObDereferenceObject(target->Objects[0]);
+    ExFreePoolWithTag(target, 0);
+  });
+}
+
+TEST(Pnp, RelationsWithoutMemoryFailHere) {
+  RunWorld([](World *world) {
+    size_t below = LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS);
+    FaultArm({FaultPool, FourCharacters("ZK21"), 1, false});
+    EXPECT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_DEVICE_RELATIONS),
+              STATUS_INSUFFICIENT_RESOURCES);
+    FaultDisarm();
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS), below);
+  });
+}
+
+TEST(Pnp, AFailedStartLeavesThePortClosed) {
+  WorldOptions options;
+  options.Start = false;
+  RunWorld(
+      [](World *world) {
+        world->Lower.StartResult = STATUS_IO_DEVICE_ERROR;
+        EXPECT_EQ(PnpStart(world->Node), STATUS_IO_DEVICE_ERROR);
+        EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_FALSE(WorldPort(world)->StartedOnce);
+      },
+      options);
+}
+
+TEST(Pnp, CancelledQueriesGiveThePortBack) {
+  RunWorld([](World *world) {
+    EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
+    EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(PnpCancelStop(world->Node), STATUS_SUCCESS);
+    EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+    EXPECT_EQ(PnpQueryStop(world->Node), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(PnpCancelStop(world->Node), STATUS_SUCCESS);
+    Io write;
+    EXPECT_EQ(StartWrite(world->Client, &write, "x"), STATUS_SUCCESS);
+  });
+}
+
+// While a removal is queried, requests wait; they go on when it is cancelled, each on the device
+// where it arrived, and a later stop does not wait for them.
+TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
+  RunWorld([](World *world) {
+    PortExtension *port = WorldPort(world);
+    GoNormal(world);
+    ASSERT_EQ(PnpSend(port->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS);
+    Io write, cancelled, zkRead, command;
+    EXPECT_EQ(StartWrite(world->Client, &write, "later"), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &cancelled, "never"), STATUS_PENDING);
+    EXPECT_EQ(StartRead(world->Zk, &zkRead, 100), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Zk, &command, MakeFrame(FRAME_CONTROL, 9, COMMAND_GET_MODE)),
+              STATUS_PENDING);
+    EXPECT_EQ(port->RequestCount, 5);
+    EXPECT_TRUE(FileCancel(&cancelled));
+    EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
+    EXPECT_EQ(LowerWritten(&world->Lower), "");
+    ASSERT_EQ(PnpSend(port->Header.Device, IRP_MN_CANCEL_REMOVE_DEVICE), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&command), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&zkRead), STATUS_SUCCESS);
+    EXPECT_EQ(DecodeFrame(zkRead).Payload, "later");  // ZK's read stayed ZK's
+    EXPECT_EQ(NextFrame(world).Header.Tag, 9u);
+    EXPECT_EQ(port->RequestCount, 1);
+    CloseClient(world);
+    CloseZk(world);
+    EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
+    EXPECT_EQ(PnpStop(world->Node), STATUS_SUCCESS);
+    EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
+    EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+  });
+}
+
+// A query parks closes and cleanups too; the removal completes them unrun.
+TEST(Pnp, ARemovalEndsWhatTheQueryParked) {
+  RunReport report = ModelRun({}, [] {
+    World world;
+    WorldLoad(&world);
+    ASSERT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+    GoNormal(&world);
+    PDEVICE_OBJECT filter = WorldPort(&world)->Header.Device;
+    ASSERT_EQ(PnpSend(filter, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS);
+    Io write;
+    EXPECT_EQ(StartWrite(world.Client, &write, "x"), STATUS_PENDING);
+    PKTHREAD closer = ThreadStart("closer", [&] {
+      CloseClient(&world);
+      CloseZk(&world);
+    });
+    ThreadSettle();
+    PnpRemove(world.Node, true);
+    world.Node = nullptr;
+    EXPECT_EQ(FileWait(&write), STATUS_DELETE_PENDING);
+    ThreadJoin(closer);
+    EXPECT_EQ(LowerCount(&world.Lower, IRP_MJ_CLEANUP), 0u);
+    EXPECT_EQ(LowerWritten(&world.Lower), "");
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+enum class Ending { Removal, Surprise };
+
+// Everything that can wait in a port, waiting, when the port goes; then handles closed long after.
+static void RemoveBusyPort(Ending How, ULONG Buffering, bool Locked) {
+  WorldOptions options;
+  options.Buffering = Buffering;
+  RunReport report = ModelRun({}, [&] {
+    World world;
+    WorldLoad(&world, options);
+    ASSERT_EQ(WorldAdd(&world, options), STATUS_SUCCESS);
+    LowerPort *lower = &world.Lower;
+    lower->How[IRP_MJ_READ] = Behaviour::Pend;
+    GoNormal(&world);
+    Io clientReads[2], zkReads[2], parked[2], late, lateZk;
+    for (Io &read : clientReads) {
+      EXPECT_EQ(StartRead(world.Client, &read, 10), STATUS_PENDING);
+    }
+    for (Io &read : zkReads) {
+      EXPECT_EQ(StartRead(world.Zk, &read, 100), STATUS_PENDING);
+    }
+    if (Locked) {
+      ASSERT_EQ(SendCommand(&world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+      for (Io &write : parked) {
+        EXPECT_EQ(StartWrite(world.Client, &write, "p"), STATUS_PENDING);
+      }
+    }
+    PDEVICE_OBJECT filter = WorldPort(&world)->Header.Device;
+    if (How == Ending::Surprise) {
+      PnpSurpriseRemove(world.Node);
+      EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), nullptr);
+      EXPECT_NE(NameLookup("\\Device\\VORLIX1"), nullptr);
+      EXPECT_EQ(StartWrite(world.Client, &late, "late"), STATUS_DELETE_PENDING);
+      EXPECT_EQ(PnpSend(filter, IRP_MN_QUERY_DEVICE_TEXT), STATUS_SUCCESS);
+    }
+    uint64_t changes = InterfaceStateChanges();
+    PnpRemove(world.Node, true);
+    world.Node = nullptr;
+    EXPECT_EQ(InterfaceStateChanges() - changes, How == Ending::Surprise ? 1u : 2u);
+    // The port ends the read that is with it, which answers the oldest of the client's.
+    for (Io &read : clientReads) {
+      NTSTATUS status = FileWait(&read);
+      EXPECT_TRUE(status == STATUS_CANCELLED || status == STATUS_DEVICE_NOT_CONNECTED ||
+                  status == STATUS_DELETE_PENDING)
+          << std::hex << status;
+    }
+    FileWait(&zkReads[0]);
+    FileWait(&zkReads[1]);
+    if (Locked) {
+      EXPECT_EQ(FileWait(&parked[0]), STATUS_CANCELLED);
+      EXPECT_EQ(FileWait(&parked[1]), STATUS_CANCELLED);
+    }
+    EXPECT_FALSE(NT_SUCCESS(StartRead(world.Zk, &lateZk, 10)));
+    CloseClient(&world);
+    CloseZk(&world);
+    EXPECT_EQ(DeviceCount(world.Driver), 0u);
+    EXPECT_EQ(LowerWritten(lower), "");
+    // The same name comes back.
+    World again;
+    again.Driver = world.Driver;
+    again.PortDriver = world.PortDriver;
+    EXPECT_EQ(WorldAdd(&again, options), STATUS_SUCCESS);
+    EXPECT_EQ(OpenZk(&again), STATUS_SUCCESS);
+    CloseZk(&again);
+    PnpRemove(again.Node);
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+TEST(Pnp, RemovalOfABusyPort) {
+  for (Ending how : {Ending::Removal, Ending::Surprise}) {
+    for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
+      for (bool locked : {false, true}) {
+        SCOPED_TRACE(testing::Message() << static_cast<int>(how) << buffering << locked);
+        RemoveBusyPort(how, buffering, locked);
+      }
+    }
+  }
+}
+
+// A request down at the port holds the removal until the port gives it back.
+TEST(Pnp, ARemovalWaitsForWhatIsDown) {
+  RunReport report = ModelRun({}, [] {
+    World world;
+    WorldLoad(&world);
+    ASSERT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+    world.Lower.How[IRP_MJ_FLUSH_BUFFERS] = Behaviour::Deaf;
+    PDEVICE_OBJECT filter = WorldPort(&world)->Header.Device;
+    NTSTATUS flushed = STATUS_PENDING;
+    PKTHREAD flusher = ThreadStart(
+        "flush", [&] { flushed = SendPacket(filter, IRP_MJ_FLUSH_BUFFERS, 0, nullptr); });
+    ThreadSettle();
+    bool gone = false;
+    PKTHREAD remover = ThreadStart("remove", [&] {
+      PnpSurpriseRemove(world.Node);
+      gone = true;
+    });
+    ThreadSettle();
+    EXPECT_FALSE(gone);
+    EXPECT_EQ(LowerCount(&world.Lower, IRP_MJ_PNP, IRP_MN_SURPRISE_REMOVAL), 0u);
+    EXPECT_TRUE(LowerFinish(&world.Lower, IRP_MJ_FLUSH_BUFFERS));
+    ThreadJoin(flusher);
+    ThreadJoin(remover);
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(flushed, STATUS_SUCCESS);
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+TEST(Pnp, TwoPortsLiveApart) {
+  RunWorld([](World *world) {
+    World other;
+    other.Driver = world->Driver;
+    other.PortDriver = world->PortDriver;
+    other.Lower.Name = "COM4";
+    ASSERT_EQ(WorldAdd(&other), STATUS_SUCCESS);
+    GoNormal(world);
+    GoNormal(&other);
+    Io write;
+    StartWrite(other.Client, &write, "four");
+    EXPECT_EQ(NextFrame(&other).Payload, "four");
+    EXPECT_EQ(LowerWritten(&world->Lower), "");
+    CloseClient(&other);
+    CloseZk(&other);
+    PnpRemove(other.Node);
+    StartWrite(world->Client, &write, "three");
+    EXPECT_EQ(NextFrame(world).Payload, "three");
+  });
+}

@@ -1,0 +1,439 @@
+// Races whose both orders must end well: a scenario is run under every schedule with a few
+// preemptions, and counts how it ended, so that a race that was never really run fails the test.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+
+#include "platform/model/irql.h"
+#include "tests/support/world.h"
+
+// Runs the scenario under every schedule and returns how often each outcome was seen. The scenario
+// opens the window itself and returns its outcome.
+static std::map<std::string, uint64_t> Outcomes(const std::function<std::string(World *)> &Scenario,
+                                                unsigned Preemptions = 2,
+                                                const WorldOptions &Options = {}) {
+  std::map<std::string, uint64_t> outcomes;
+  ExploreWorld([&](World *world) { ++outcomes[Scenario(world)]; }, Preemptions, Options);
+  return outcomes;
+}
+
+static std::string Name(NTSTATUS Status) {
+  switch (Status) {
+  case STATUS_SUCCESS:
+    return "success";
+  case STATUS_CANCELLED:
+    return "cancelled";
+  case STATUS_DELETE_PENDING:
+    return "refused";
+  default:
+    return std::to_string(static_cast<ULONG>(Status));
+  }
+}
+
+// Runs two parties against each other inside the window.
+static void Against(const std::function<void()> &One, const std::function<void()> &Other) {
+  PKTHREAD one = ThreadStart("one", One);
+  PKTHREAD other = ThreadStart("other", Other);
+  ExploreWindow(true);
+  ThreadJoin(one);
+  ThreadJoin(other);
+  ExploreWindow(false);
+}
+
+static void ExpectOutcomes(const std::map<std::string, uint64_t> &Seen,
+                           const std::vector<std::string> &Expected) {
+  for (const std::string &outcome : Expected) {
+    EXPECT_TRUE(Seen.count(outcome)) << "never seen: " << outcome;
+  }
+  for (const auto &[outcome, count] : Seen) {
+    EXPECT_TRUE(std::find(Expected.begin(), Expected.end(), outcome) != Expected.end())
+        << "seen " << count << " times: " << outcome;
+  }
+}
+
+// --- Cancel against completion --------------------------------------------------------------
+
+// The current reader, and one queued behind it.
+TEST(Races, CancelAgainstDelivery) {
+  for (int victim : {0, 1}) {
+    auto seen = Outcomes([=](World *world) {
+      GoNormal(world);
+      Io reads[2], writes[2];
+      for (Io &read : reads) {
+        StartRead(world->Zk, &read, 64);
+      }
+      Against([&] { FileCancel(&reads[victim]); },
+              [&] {
+                StartWrite(world->Client, &writes[0], "a");
+                StartWrite(world->Client, &writes[1], "b");
+              });
+      NTSTATUS status = FileWait(&reads[victim]);
+      // Nothing is lost: what the cancelled read did not take the next one gets.
+      std::string got;
+      for (Io &read : reads) {
+        if (FileWait(&read) == STATUS_SUCCESS) {
+          got += DecodeFrame(read).Payload;
+        }
+      }
+      if (status == STATUS_CANCELLED) {
+        got += NextFrame(world).Payload;
+      }
+      EXPECT_EQ(got, "ab");
+      return Name(status);
+    });
+    ExpectOutcomes(seen, {"cancelled", "success"});
+  }
+}
+
+TEST(Races, CancelAgainstFlush) {
+  for (int victim : {0, 1}) {
+    auto seen = Outcomes([=](World *world) {
+      GoNormal(world);
+      Io reads[2];
+      for (Io &read : reads) {
+        StartRead(world->Client, &read, 8);
+      }
+      bool called = false;
+      Against([&] { called = FileCancel(&reads[victim]); }, [&] { CloseClient(world); });
+      EXPECT_EQ(FileWait(&reads[0]), STATUS_CANCELLED);
+      EXPECT_EQ(FileWait(&reads[1]), STATUS_CANCELLED);
+      return std::string(called ? "routine called" : "flushed first");
+    });
+    ExpectOutcomes(seen, {"routine called", "flushed first"});
+  }
+}
+
+TEST(Races, CancelAgainstHandDown) {
+  WorldOptions options;
+  options.Buffering = DO_DIRECT_IO;
+  auto seen = Outcomes(
+      [](World *world) {
+        GoNormal(world);
+        world->Lower.How[IRP_MJ_READ] = Behaviour::Pend;
+        Io read;
+        StartRead(world->Client, &read, 8);
+        Against([&] { FileCancel(&read); }, [&] { CloseZk(world); });
+        if (FileDone(&read)) {
+          return Name(FileWait(&read));
+        }
+        LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_SUCCESS, "x");
+        return "port " + Name(FileWait(&read));
+      },
+      2, options);
+  ExpectOutcomes(seen, {"cancelled"});  // at the port, too, a cancel finds its request
+}
+
+TEST(Races, CancelAgainstUnlock) {
+  auto seen = Outcomes([](World *world) {
+    GoNormal(world);
+    SendCommand(world, COMMAND_LOCK_STREAM);
+    Io write;
+    StartWrite(world->Client, &write, "x");
+    Against([&] { FileCancel(&write); }, [&] { SendCommand(world, COMMAND_UNLOCK_STREAM); });
+    NTSTATUS status = FileWait(&write);
+    EXPECT_EQ(LowerWritten(&world->Lower), status == STATUS_SUCCESS ? "x" : "");
+    return Name(status);
+  });
+  ExpectOutcomes(seen, {"cancelled", "success"});
+}
+
+TEST(Races, CancelOfAPnpHeldRequestAgainstItsRestart) {
+  auto seen = Outcomes([](World *world) {
+    OpenClient(world);
+    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
+    PnpSend(filter, IRP_MN_QUERY_REMOVE_DEVICE);
+    Io write;
+    StartWrite(world->Client, &write, "x");
+    Against([&] { FileCancel(&write); }, [&] { PnpSend(filter, IRP_MN_CANCEL_REMOVE_DEVICE); });
+    return Name(FileWait(&write));
+  });
+  ExpectOutcomes(seen, {"cancelled", "success"});
+}
+
+// A tracked request that completes while its device is being cleaned up.
+TEST(Races, CleanupAgainstACompletionBelow) {
+  auto seen = Outcomes([](World *world) {
+    LowerPort *lower = &world->Lower;
+    lower->How[IRP_MJ_FLUSH_BUFFERS] = Behaviour::Pend;
+    OpenClient(world);
+    NTSTATUS status = STATUS_PENDING;
+    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
+    PKTHREAD flusher = ThreadStart(
+        "flush", [&] { status = SendPacket(filter, IRP_MJ_FLUSH_BUFFERS, 0, nullptr); });
+    ThreadSettle();
+    Against([&] { CloseClient(world); }, [&] { LowerFinish(lower, IRP_MJ_FLUSH_BUFFERS); });
+    ThreadJoin(flusher);
+    return Name(status);
+  });
+  ExpectOutcomes(seen, {"cancelled", "success"});
+}
+
+// --- The engine -----------------------------------------------------------------------------
+
+// A stop cancels the read in flight while the port completes it. The block goes to ZK in either
+// order, and the client's read keeps waiting for the next one when it did not get this one.
+TEST(Races, StopAgainstCompletionOfTheProxyRead) {
+  auto seen = Outcomes([](World *world) {
+    LowerPort *lower = &world->Lower;
+    lower->How[IRP_MJ_READ] = Behaviour::Pend;
+    GoNormal(world);
+    Io read;
+    StartRead(world->Client, &read, 8);
+    bool fed = false;
+    Against([&] { SendCommand(world, COMMAND_LOCK_STREAM); },
+            [&] { fed = LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "data"); });
+    bool answered = FileDone(&read);
+    SendCommand(world, COMMAND_UNLOCK_STREAM);
+    if (!answered) {
+      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "more"));
+    }
+    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+    return std::string(fed ? "completed" : "stopped") + (answered ? ", answered" : ", kept");
+  });
+  ExpectOutcomes(seen, {"completed, answered", "completed, kept", "stopped, kept"});
+}
+
+// The lock comes and goes while a read is in flight: one decision a completion, no request lost.
+TEST(Races, LockAndUnlockAgainstDelivery) {
+  ExploreWorld(
+      [](World *world) {
+        LowerPort *lower = &world->Lower;
+        GoNormal(world);
+        Io read;
+        StartRead(world->Client, &read, 8);
+        Against(
+            [&] {
+              SendCommand(world, COMMAND_LOCK_STREAM);
+              SendCommand(world, COMMAND_UNLOCK_STREAM);
+            },
+            [&] { LowerFeed(lower, "1"); });
+        ThreadSettle();
+        if (!FileDone(&read)) {
+          LowerFeed(lower, "2");
+        }
+        EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+      },
+      1);
+}
+
+// The client closes while its read is being answered: the request in the engine is not left for
+// the next client.
+TEST(Races, ClientCloseAgainstDelivery) {
+  ExploreWorld(
+      [](World *world) {
+        LowerPort *lower = &world->Lower;
+        GoNormal(world);
+        Io read, next;
+        StartRead(world->Client, &read, 8);
+        Against([&] { CloseClient(world); }, [&] { LowerFeed(lower, "old"); });
+        FileWait(&read);
+        ThreadSettle();  // the close goes out when the read is back
+        EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+        // What the engine had read belongs to the one that left; what the port still has does not.
+        std::string expected = lower->Input.empty() ? "new" : "old";
+        StartRead(world->Client, &next, 8);
+        LowerFeed(lower, "new");
+        EXPECT_EQ(FileWait(&next), STATUS_SUCCESS);
+        EXPECT_EQ(next.Text(), expected);
+      },
+      2);
+}
+
+// A mode change brought by an open that completes at DISPATCH_LEVEL cannot wait for the read in
+// flight; the engine ends the stop from the completion, and restarts when it was asked to.
+TEST(Races, AStopThatMayNotWait) {
+  for (Behaviour below : {Behaviour::Pend, Behaviour::Deaf}) {
+    RunWorld([=](World *world) {
+      LowerPort *lower = &world->Lower;
+      PortExtension *port = WorldPort(world);
+      lower->AtDispatchLevel = true;
+      lower->How[IRP_MJ_READ] = below;
+      GoNormal(world);
+      Io clientRead;
+      EXPECT_EQ(StartRead(world->Client, &clientRead, 8), STATUS_PENDING);
+      // Lock and unlock from DISPATCH_LEVEL, as a queued control frame would run there.
+      KIRQL irql = IrqlRaise(DISPATCH_LEVEL);
+      ProxyReadStop(&port->Engine);
+      ProxyReadRestart(&port->Engine);
+      IrqlLower(irql);
+      ThreadSettle();
+      if (below == Behaviour::Deaf) {
+        EXPECT_EQ(LowerHeldCount(lower), 1u);
+        EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_CANCELLED));
+        ThreadSettle();
+      }
+      // The client's read was kept, and the engine reads for it again.
+      EXPECT_FALSE(FileDone(&clientRead));
+      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "again"));
+      EXPECT_EQ(FileWait(&clientRead), STATUS_SUCCESS);
+      EXPECT_EQ(clientRead.Text(), "again");
+    });
+  }
+}
+
+// --- Removal --------------------------------------------------------------------------------
+
+// Ends a world whose port was removed inside the scenario.
+static void RemoveAgainst(World *World, bool Surprise, const std::function<void()> &Other) {
+  Against(
+      [&] {
+        if (Surprise) {
+          PnpSurpriseRemove(World->Node);
+        }
+        PnpRemove(World->Node, true);
+        World->Node = nullptr;
+      },
+      Other);
+}
+
+// A read that passes the gate just before the removal's flush has somebody to end it.
+TEST(Races, RemovalAgainstASubmission) {
+  for (bool zk : {false, true}) {
+    for (bool surprise : {false, true}) {
+      auto seen = Outcomes([=](World *world) {
+        world->Lower.How[IRP_MJ_READ] = Behaviour::Pend;
+        GoNormal(world);
+        Io read;
+        RemoveAgainst(world, surprise,
+                      [&] { StartRead(zk ? world->Zk : world->Client, &read, 64); });
+        NTSTATUS status = FileWait(&read);
+        return status == STATUS_SUCCESS ? "frame " + std::to_string(DecodeFrame(read).Header.Code)
+                                        : Name(status);
+      });
+      EXPECT_TRUE(seen.count("cancelled"));
+      EXPECT_TRUE(seen.count("refused"));
+    }
+  }
+}
+
+// The same for a write that the stream lock parks.
+TEST(Races, RemovalAgainstParking) {
+  auto seen = Outcomes([](World *world) {
+    GoNormal(world);
+    SendCommand(world, COMMAND_LOCK_STREAM);
+    Io write;
+    RemoveAgainst(world, false, [&] { StartWrite(world->Client, &write, "x"); });
+    return Name(FileWait(&write));
+  });
+  // Once the hold is swept, a late write goes to a port that is not there any more.
+  EXPECT_TRUE(seen.count("cancelled"));
+  EXPECT_TRUE(seen.count("refused"));
+}
+
+// A request that the gate parks while the removal that follows sweeps.
+TEST(Races, RemovalAgainstTheGate) {
+  auto seen = Outcomes([](World *world) {
+    OpenClient(world);
+    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
+    PnpSend(filter, IRP_MN_QUERY_REMOVE_DEVICE);
+    Io write;
+    RemoveAgainst(world, false, [&] { StartWrite(world->Client, &write, "x"); });
+    return Name(FileWait(&write));
+  });
+  ExpectOutcomes(seen, {"refused"});
+}
+
+TEST(Races, CancelOfAQueryAgainstTheGate) {
+  auto seen = Outcomes([](World *world) {
+    OpenClient(world);
+    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
+    PnpSend(filter, IRP_MN_QUERY_REMOVE_DEVICE);
+    Io write;
+    NTSTATUS returned = STATUS_SUCCESS;
+    Against([&] { PnpSend(filter, IRP_MN_CANCEL_REMOVE_DEVICE); },
+            [&] { returned = StartWrite(world->Client, &write, "x"); });
+    EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
+    return std::string(returned == STATUS_PENDING ? "parked" : "passed");
+  });
+  ExpectOutcomes(seen, {"parked", "passed"});
+}
+
+// Closes come at every moment of a removal, and long after it.
+TEST(Races, RemovalAgainstCloses) {
+  for (bool surprise : {false, true}) {
+    ExploreWorld(
+        [=](World *world) {
+          GoNormal(world);
+          RemoveAgainst(world, surprise, [&] {
+            CloseZk(world);
+            CloseClient(world);
+          });
+        },
+        1);
+  }
+}
+
+TEST(Races, RemovalAgainstCommands) {
+  ExploreWorld(
+      [](World *world) {
+        world->Lower.How[IRP_MJ_READ] = Behaviour::Pend;
+        GoNormal(world);
+        Io read;
+        StartRead(world->Client, &read, 8);
+        RemoveAgainst(world, false, [&] {
+          SendCommand(world, COMMAND_LOCK_STREAM);
+          SendCommand(world, COMMAND_UNLOCK_STREAM);
+        });
+        FileWait(&read);
+      },
+      1);
+}
+
+TEST(Races, CancelAgainstRemoval) {
+  ExploreWorld([](World *world) {
+    GoNormal(world);
+    Io read;
+    StartRead(world->Zk, &read, 64);
+    RemoveAgainst(world, false, [&] { FileCancel(&read); });
+    FileWait(&read);
+  });
+}
+
+// --- The serializer -------------------------------------------------------------------------
+
+TEST(Races, CloseAgainstAQueuedOpen) {
+  auto seen = Outcomes([](World *world) {
+    OpenClient(world);
+    HANDLE old = world->Client;
+    world->Client = nullptr;
+    NTSTATUS status = STATUS_PENDING;
+    Against([&] { FileClose(old); }, [&] { status = OpenClient(world); });
+    return Name(status);
+  });
+  ExpectOutcomes(seen, {"success", Name(STATUS_ACCESS_DENIED)});
+}
+
+TEST(Races, BothSidesOpenAndCloseAtOnce) {
+  ExploreWorld([](World *world) {
+    Against(
+        [&] {
+          EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+          CloseZk(world);
+        },
+        [&] {
+          EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+          CloseClient(world);
+        });
+    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
+    EXPECT_EQ(WorldPort(world)->StateFlags, 0u);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), LowerCount(&world->Lower, IRP_MJ_CLOSE));
+  });
+}
+
+// ZK leaves while a client read is on its way into the pipe: it must not be left waiting there.
+TEST(Races, ZksCloseAgainstAClientRead) {
+  auto seen = Outcomes([](World *world) {
+    LowerPort *lower = &world->Lower;
+    lower->How[IRP_MJ_READ] = Behaviour::Pend;
+    GoNormal(world);
+    Io read;
+    Against([&] { CloseZk(world); }, [&] { StartRead(world->Client, &read, 8); });
+    ThreadSettle();
+    EXPECT_EQ(LowerHeldCount(lower), 1u);
+    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "x"));
+    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+    return std::string("answered");
+  });
+  ExpectOutcomes(seen, {"answered"});
+}

@@ -1,0 +1,332 @@
+#include "tests/support/lower_port.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/model/irql.h"
+
+static LowerPort *Next;
+
+struct LowerExtension {
+  LowerPort *Port;
+};
+
+static LowerPort *PortOfDevice(PDEVICE_OBJECT Device) {
+  return static_cast<LowerExtension *>(Device->DeviceExtension)->Port;
+}
+
+void LowerNext(LowerPort *Port) {
+  Next = Port;
+}
+
+static char *BufferOf(PIRP Irp) {
+  PMDL mdl = Irp->MdlAddress;
+  if (mdl == nullptr) {
+    return static_cast<char *>(Irp->AssociatedIrp.SystemBuffer);
+  }
+  if ((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) != 0) {
+    return static_cast<char *>(mdl->MappedSystemVa);
+  }
+  return static_cast<char *>(
+      MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority));
+}
+
+static void Record(LowerPort *Port, PIRP Irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  LowerSeen seen = {};
+  seen.Major = stack->MajorFunction;
+  seen.Minor = stack->MinorFunction;
+  seen.Cancel = Irp->Cancel;
+  if (stack->FileObject != nullptr) {
+    seen.HasFile = true;
+    seen.FsContext = ReadPointerAcquire(&stack->FileObject->FsContext);
+  }
+  if (seen.Major == IRP_MJ_READ || seen.Major == IRP_MJ_WRITE) {
+    seen.Length = stack->Parameters.Read.Length;
+    if (seen.Major == IRP_MJ_WRITE && seen.Length != 0) {
+      seen.Bytes.assign(BufferOf(Irp), seen.Length);
+    }
+  }
+  if (seen.Major == IRP_MJ_DEVICE_CONTROL) {
+    seen.ControlCode = stack->Parameters.DeviceIoControl.IoControlCode;
+  }
+  std::lock_guard<std::mutex> guard(Port->Mutex);
+  Port->Seen.push_back(seen);
+}
+
+static void Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::string &Bytes,
+                     bool AtDispatchLevel) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  ULONG_PTR information = 0;
+  if (stack->MajorFunction == IRP_MJ_READ) {
+    information = std::min<size_t>(Bytes.size(), stack->Parameters.Read.Length);
+    if (information != 0) {
+      memcpy(BufferOf(Irp), Bytes.data(), information);
+    }
+  } else if (stack->MajorFunction == IRP_MJ_WRITE && NT_SUCCESS(Status)) {
+    information = stack->Parameters.Write.Length;
+  } else if (stack->MajorFunction == IRP_MJ_CREATE && Status == STATUS_SUCCESS) {
+    WritePointerRelease(&stack->FileObject->FsContext, &Port->OpenContext);
+  }
+  Irp->IoStatus.Status = Status;
+  Irp->IoStatus.Information = information;
+  if (AtDispatchLevel) {
+    KIRQL irql = IrqlRaise(DISPATCH_LEVEL);
+    IofCompleteRequest(Irp, IO_NO_INCREMENT);
+    IrqlLower(irql);
+  } else {
+    IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  }
+}
+
+static void CancelHeld(PDEVICE_OBJECT Device, PIRP Irp) {
+  RemoveEntryList(&Irp->Tail.Overlay.ListEntry);
+  IoReleaseCancelSpinLock(Irp->CancelIrql);
+  Complete(PortOfDevice(Device), Irp, STATUS_CANCELLED, "", false);
+}
+
+static NTSTATUS Hold(LowerPort *Port, PIRP Irp, bool Cancellable) {
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  NTSTATUS refusal = Port->Removed                ? STATUS_DELETE_PENDING
+                     : Cancellable && Irp->Cancel ? STATUS_CANCELLED
+                                                  : STATUS_SUCCESS;
+  if (refusal != STATUS_SUCCESS) {
+    IoReleaseCancelSpinLock(irql);
+    Complete(Port, Irp, refusal, "", false);
+    return refusal;
+  }
+  IoMarkIrpPending(Irp);
+  InsertTailList(&Port->Held, &Irp->Tail.Overlay.ListEntry);
+  if (Cancellable) {
+    IoSetCancelRoutine(Irp, CancelHeld);
+  }
+  IoReleaseCancelSpinLock(irql);
+  return STATUS_PENDING;
+}
+
+static std::string TakeInput(LowerPort *Port, ULONG Length) {
+  std::lock_guard<std::mutex> guard(Port->Mutex);
+  std::string bytes = Port->Input.substr(0, Length);
+  Port->Input.erase(0, bytes.size());
+  return bytes;
+}
+
+static PIRP TakeHeld(LowerPort *Port, UCHAR Major) {
+  PIRP found = nullptr;
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  for (PLIST_ENTRY link = Port->Held.Flink; link != &Port->Held; link = link->Flink) {
+    PIRP irp = CONTAINING_RECORD(link, IRP, Tail.Overlay.ListEntry);
+    if (IoGetCurrentIrpStackLocation(irp)->MajorFunction == Major) {
+      RemoveEntryList(link);
+      IoSetCancelRoutine(irp, nullptr);
+      found = irp;
+      break;
+    }
+  }
+  IoReleaseCancelSpinLock(irql);
+  return found;
+}
+
+static NTSTATUS ServeQueuedRead(LowerPort *Port, PIRP Irp) {
+  std::string bytes = TakeInput(Port, IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length);
+  if (bytes.empty()) {
+    return Hold(Port, Irp, true);
+  }
+  Complete(Port, Irp, STATUS_SUCCESS, bytes, false);
+  return STATUS_SUCCESS;
+}
+
+static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
+  LowerPort *port = PortOfDevice(Device);
+  UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
+  Record(port, Irp);
+  switch (port->How[major]) {
+  case Behaviour::Pend:
+    return Hold(port, Irp, true);
+  case Behaviour::Deaf:
+    return Hold(port, Irp, false);
+  case Behaviour::Queue:
+    return ServeQueuedRead(port, Irp);
+  default: {
+    NTSTATUS status = port->Result[major];
+    Complete(port, Irp, status, "", false);
+    return status;
+  }
+  }
+}
+
+static NTSTATUS LowerPower(PDEVICE_OBJECT Device, PIRP Irp) {
+  LowerPort *port = PortOfDevice(Device);
+  Record(port, Irp);
+  PoStartNextPowerIrp(Irp);
+  IoSkipCurrentIrpStackLocation(Irp);
+  return PoCallDriver(port->Lower, Irp);
+}
+
+static void DeleteName(LowerPort *Port) {
+  if (Port->MakesName) {
+    std::u16string link = u"\\DosDevices\\";
+    link.append(Port->Name.begin(), Port->Name.end());
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(link.c_str()));
+    IoDeleteSymbolicLink(&name);
+  }
+}
+
+static NTSTATUS LowerPnp(PDEVICE_OBJECT Device, PIRP Irp) {
+  LowerPort *port = PortOfDevice(Device);
+  UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
+  Record(port, Irp);
+  if (port->How[IRP_MJ_PNP] == Behaviour::Deaf &&
+      (minor == IRP_MN_START_DEVICE || minor == IRP_MN_QUERY_CAPABILITIES)) {
+    return Hold(port, Irp, false);
+  }
+  if (minor == IRP_MN_START_DEVICE && port->StartResult != STATUS_SUCCESS) {
+    Complete(port, Irp, port->StartResult, "", false);
+    return port->StartResult;
+  }
+  PDEVICE_OBJECT lower = port->Lower;
+  if (minor != IRP_MN_REMOVE_DEVICE) {
+    if (minor != IRP_MN_QUERY_CAPABILITIES && minor != IRP_MN_QUERY_DEVICE_RELATIONS) {
+      Irp->IoStatus.Status = STATUS_SUCCESS;
+    }
+    IoSkipCurrentIrpStackLocation(Irp);
+    return IofCallDriver(lower, Irp);
+  }
+  // What is still held ends here; a driver that goes keeps nothing.
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  port->Removed = true;
+  IoReleaseCancelSpinLock(irql);
+  for (UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_DEVICE_CONTROL, IRP_MJ_FLUSH_BUFFERS}) {
+    while (LowerFinish(port, major, STATUS_DEVICE_NOT_CONNECTED)) {
+    }
+  }
+  DeleteName(port);
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  IoSkipCurrentIrpStackLocation(Irp);
+  NTSTATUS status = IofCallDriver(lower, Irp);
+  IoDetachDevice(lower);
+  IoDeleteDevice(Device);
+  return status;
+}
+
+static NTSTATUS MakeName(LowerPort *Port, PUNICODE_STRING DeviceName) {
+  std::u16string link = u"\\DosDevices\\";
+  link.append(Port->Name.begin(), Port->Name.end());
+  UNICODE_STRING name;
+  RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(link.c_str()));
+  return IoCreateSymbolicLink(&name, DeviceName);
+}
+
+static NTSTATUS LowerAddDevice(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
+  LowerPort *port = Next;
+  std::u16string text = u"\\Device\\Lower";
+  text.append(port->Name.begin(), port->Name.end());
+  UNICODE_STRING name;
+  RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(text.c_str()));
+  PDEVICE_OBJECT device;
+  NTSTATUS status = IoCreateDevice(Driver, sizeof(LowerExtension), &name, FILE_DEVICE_SERIAL_PORT,
+                                   0, FALSE, &device);
+  if (!NT_SUCCESS(status)) {
+    return status;
+  }
+  static_cast<LowerExtension *>(device->DeviceExtension)->Port = port;
+  port->Device = device;
+  port->Removed = false;
+  InitializeListHead(&port->Held);
+  status = port->MakesName ? MakeName(port, &name) : STATUS_SUCCESS;
+  if (!NT_SUCCESS(status)) {
+    IoDeleteDevice(device);
+    return status;
+  }
+  port->Lower = IoAttachDeviceToDeviceStack(device, Pdo);
+  if (port->Lower == nullptr) {
+    DeleteName(port);
+    IoDeleteDevice(device);
+    return STATUS_UNSUCCESSFUL;
+  }
+  device->Flags |= port->BufferingFlags | port->ExtraFlags;
+  device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+  return STATUS_SUCCESS;
+}
+
+static void LowerUnload(PDRIVER_OBJECT) {
+}
+
+NTSTATUS LowerEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
+  for (PDRIVER_DISPATCH &routine : Driver->MajorFunction) {
+    routine = LowerDispatch;
+  }
+  Driver->MajorFunction[IRP_MJ_PNP] = LowerPnp;
+  Driver->MajorFunction[IRP_MJ_POWER] = LowerPower;
+  Driver->DriverExtension->AddDevice = LowerAddDevice;
+  Driver->DriverUnload = LowerUnload;
+  return STATUS_SUCCESS;
+}
+
+size_t LowerCount(LowerPort *Port, UCHAR Major, int Minor) {
+  std::lock_guard<std::mutex> guard(Port->Mutex);
+  return static_cast<size_t>(
+      std::count_if(Port->Seen.begin(), Port->Seen.end(), [=](const LowerSeen &Seen) {
+        return Seen.Major == Major && (Minor < 0 || Seen.Minor == Minor);
+      }));
+}
+
+LowerSeen LowerLast(LowerPort *Port, UCHAR Major) {
+  std::lock_guard<std::mutex> guard(Port->Mutex);
+  for (size_t i = Port->Seen.size(); i-- > 0;) {
+    if (Port->Seen[i].Major == Major) {
+      return Port->Seen[i];
+    }
+  }
+  return {};
+}
+
+std::string LowerWritten(LowerPort *Port) {
+  std::lock_guard<std::mutex> guard(Port->Mutex);
+  std::string bytes;
+  for (const LowerSeen &seen : Port->Seen) {
+    if (seen.Major == IRP_MJ_WRITE) {
+      bytes += seen.Bytes;
+    }
+  }
+  return bytes;
+}
+
+size_t LowerHeldCount(LowerPort *Port) {
+  size_t count = 0;
+  KIRQL irql;
+  IoAcquireCancelSpinLock(&irql);
+  for (PLIST_ENTRY link = Port->Held.Flink; link != &Port->Held; link = link->Flink) {
+    ++count;
+  }
+  IoReleaseCancelSpinLock(irql);
+  return count;
+}
+
+bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status, const std::string &Bytes) {
+  PIRP irp = TakeHeld(Port, Major);
+  if (irp == nullptr) {
+    return false;
+  }
+  Complete(Port, irp, Status, Bytes, Port->AtDispatchLevel);
+  return true;
+}
+
+void LowerFeed(LowerPort *Port, const std::string &Bytes) {
+  {
+    std::lock_guard<std::mutex> guard(Port->Mutex);
+    Port->Input += Bytes;
+  }
+  while (PIRP irp = TakeHeld(Port, IRP_MJ_READ)) {
+    std::string bytes = TakeInput(Port, IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length);
+    if (bytes.empty()) {
+      Hold(Port, irp, true);
+      return;
+    }
+    Complete(Port, irp, STATUS_SUCCESS, bytes, Port->AtDispatchLevel);
+  }
+}

@@ -1,0 +1,67 @@
+// A scripted port driver below the filter. Each major function has a behaviour; what it saw is
+// recorded, what it holds is completed when the test says so.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/model/model.h"
+
+enum class Behaviour {
+  Inline,  // completes in the dispatch routine
+  Pend,    // holds the request, cancellable, until LowerFinish
+  Deaf,    // holds it without a cancel routine
+  Queue,   // reads: served from what LowerFeed brings, held until then
+};
+
+struct LowerSeen {
+  UCHAR Major;
+  UCHAR Minor;
+  ULONG Length;  // of a read or write
+  std::string Bytes;
+  PVOID FsContext;
+  bool HasFile;
+  ULONG ControlCode;
+  bool Cancel;  // the request arrived cancelled
+};
+
+struct LowerPort {
+  PDEVICE_OBJECT Device = nullptr;
+  PDEVICE_OBJECT Lower = nullptr;
+  ULONG BufferingFlags = DO_BUFFERED_IO;
+  ULONG ExtraFlags = 0;
+  std::string Name = "COM3";
+  bool MakesName = true;  // gives the DOS name to its device
+
+  Behaviour How[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};
+  NTSTATUS Result[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};  // of inline completions
+  NTSTATUS StartResult = STATUS_SUCCESS;
+  bool AtDispatchLevel = false;  // completes held requests there
+
+  std::mutex Mutex;  // of the two below; never held across a call into the kernel
+  std::vector<LowerSeen> Seen;
+  std::string Input;
+
+  LIST_ENTRY Held;       // under the cancel spin lock
+  bool Removed = false;  // likewise: nothing is held any more
+  int OpenContext = 0;  // its address is the FsContext of an open
+};
+
+// The port that the next AddDevice of the driver serves.
+void LowerNext(LowerPort *Port);
+NTSTATUS LowerEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING Path);
+
+// How many requests of a major function were seen (of a minor one, when given).
+size_t LowerCount(LowerPort *Port, UCHAR Major, int Minor = -1);
+LowerSeen LowerLast(LowerPort *Port, UCHAR Major);
+// All bytes written, in order.
+std::string LowerWritten(LowerPort *Port);
+size_t LowerHeldCount(LowerPort *Port);
+
+// Completes the oldest held request of a major function with a status and, for a read, bytes; false
+// when there is none. Information is the number of bytes, or of a write's length on success.
+bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status = STATUS_SUCCESS,
+                 const std::string &Bytes = "");
+// Bytes for reads with Behaviour::Queue: to the oldest held read, or kept for the next.
+void LowerFeed(LowerPort *Port, const std::string &Bytes);

@@ -1,0 +1,204 @@
+#include "tests/support/world.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "driver/entry.h"
+#include "platform/model/cancel_lock.h"
+
+void WorldLoad(World *World, const WorldOptions &Options) {
+  World->Lower.BufferingFlags = Options.Buffering;
+  World->Lower.How[IRP_MJ_READ] = Behaviour::Queue;
+  World->PortDriver = DriverLoad("LowerPort", LowerEntry);
+  World->Driver = DriverLoad("Vorlix", DriverEntry);
+}
+
+static PortExtension *ExtensionAbove(PDEVICE_OBJECT Device) {
+  return static_cast<PortExtension *>(Device->AttachedDevice->DeviceExtension);
+}
+
+PortExtension *WorldPort(World *World) {
+  return ExtensionAbove(World->Lower.Device);
+}
+
+static void DeclareLockOrder(PortExtension *Port) {
+  VerifierDeclareOrder(&Port->ClientLock, CancelLock());
+  VerifierDeclareOrder(&Port->ClientPipe.Lock, CancelLock());
+  VerifierDeclareOrder(&Port->ZkPipe.Lock, CancelLock());
+  VerifierDeclareOrder(&Port->Engine.Lock, &Port->PortLock);
+}
+
+NTSTATUS WorldAdd(World *World, const WorldOptions &Options) {
+  PortSpec port;
+  port.Values = Options.Values;
+  port.Values.try_emplace("PortName", RegistryText(World->Lower.Name));
+  port.Drivers = {World->PortDriver, World->Driver};
+  LowerNext(&World->Lower);
+  World->Node = PnpAdd(port, &World->AddStatus);
+  if (World->Node == nullptr) {
+    return World->AddStatus;
+  }
+  DeclareLockOrder(WorldPort(World));
+  return Options.Start ? PnpStart(World->Node) : STATUS_SUCCESS;
+}
+
+void WorldEnd(World *World) {
+  CloseClient(World);
+  CloseZk(World);
+  if (World->Node != nullptr) {
+    PnpRemove(World->Node);
+    World->Node = nullptr;
+  }
+  DriverUnload(World->Driver);
+  DriverUnload(World->PortDriver);
+}
+
+static void Play(const std::function<void(World *)> &Scenario, const WorldOptions &Options) {
+  World world;
+  WorldLoad(&world, Options);
+  EXPECT_EQ(WorldAdd(&world, Options), STATUS_SUCCESS);
+  Scenario(&world);
+  ExploreWindow(false);
+  WorldEnd(&world);
+}
+
+void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &Options) {
+  RunReport report = ModelRun({}, [&] { Play(Scenario, Options); });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+uint64_t ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions,
+                      const WorldOptions &Options) {
+  ExploreOptions explore;
+  // A slow build (sanitizers) may ask for fewer.
+  const char *most = getenv("VORLIX_PREEMPTIONS");
+  explore.Preemptions =
+      most != nullptr ? std::min(Preemptions, static_cast<unsigned>(atoi(most))) : Preemptions;
+  ExploreResult result = ModelExplore(explore, [&] { Play(Scenario, Options); });
+  EXPECT_FALSE(result.Failure.Stopped)
+      << result.Failure.Text << "\nreplay: " << result.Failure.Replay;
+  EXPECT_TRUE(result.Exhausted || result.Failure.Stopped) << "gave up after " << result.Runs;
+  return result.Runs;
+}
+
+NTSTATUS OpenClient(World *World) {
+  return FileOpen("\\DosDevices\\" + World->Lower.Name, Account::User, &World->Client);
+}
+
+NTSTATUS OpenZk(World *World) {
+  return FileOpen("\\DosDevices\\VORLIX_" + World->Lower.Name, Account::LocalSystem, &World->Zk);
+}
+
+void CloseClient(World *World) {
+  if (World->Client != nullptr) {
+    FileClose(World->Client);
+    World->Client = nullptr;
+  }
+}
+
+void CloseZk(World *World) {
+  if (World->Zk != nullptr) {
+    FileClose(World->Zk);
+    World->Zk = nullptr;
+  }
+}
+
+void GoNormal(World *World, bool WithClient) {
+  EXPECT_EQ(OpenZk(World), STATUS_SUCCESS);
+  if (WithClient) {
+    EXPECT_EQ(OpenClient(World), STATUS_SUCCESS);
+  }
+  EXPECT_EQ(SendCommand(World, COMMAND_SET_MODE, 0, MODE_NORMAL), STATUS_SUCCESS);
+  EXPECT_EQ(NextFrame(World).Header.Code, 0u);
+}
+
+std::string Io::Text() const {
+  return std::string(Buffer.begin(), Buffer.begin() + static_cast<long>(Iosb.Information));
+}
+
+NTSTATUS StartRead(HANDLE Handle, Io *Io, size_t Length) {
+  Io->Major = IRP_MJ_READ;
+  Io->Buffer.assign(Length, 0xEE);
+  return FileSend(Handle, Io);
+}
+
+NTSTATUS StartWrite(HANDLE Handle, Io *Io, const std::string &Bytes) {
+  Io->Major = IRP_MJ_WRITE;
+  Io->Buffer.assign(Bytes.begin(), Bytes.end());
+  return FileSend(Handle, Io);
+}
+
+NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Input) {
+  Io->Major = IRP_MJ_DEVICE_CONTROL;
+  Io->ControlCode = Code;
+  Io->Buffer.assign(Input.begin(), Input.end());
+  return FileSend(Handle, Io);
+}
+
+ULONG Frame::Value() const {
+  ULONG value = 0;
+  if (Payload.size() >= sizeof(value)) {
+    memcpy(&value, Payload.data(), sizeof(value));
+  }
+  return value;
+}
+
+std::string Frame::MessageText() const {
+  std::string text;
+  for (size_t i = sizeof(ULONG); i + 3 < Payload.size(); i += 2) {
+    text += Payload[i];
+  }
+  return text;
+}
+
+Frame DecodeFrame(const Io &Read) {
+  Frame frame;
+  frame.Status = Read.Iosb.Status;
+  std::string bytes = Read.Text();
+  if (bytes.size() >= sizeof(frame.Header)) {
+    memcpy(&frame.Header, bytes.data(), sizeof(frame.Header));
+    frame.Payload = bytes.substr(sizeof(frame.Header));
+    EXPECT_EQ(frame.Header.Length, bytes.size());
+  }
+  return frame;
+}
+
+Frame NextFrame(World *World, size_t Room) {
+  Io read;
+  NTSTATUS returned = StartRead(World->Zk, &read, Room);
+  if (returned == STATUS_PENDING && !FileDone(&read)) {
+    ADD_FAILURE() << "no frame is waiting";
+    FileCancel(&read);
+    FileWait(&read);
+  }
+  return DecodeFrame(read);
+}
+
+std::string MakeFrame(ULONG Type, ULONG Tag, ULONG Code, const std::string &Payload) {
+  FrameHeader header = {};
+  header.Length = static_cast<uint32_t>(sizeof(header) + Payload.size());
+  header.Type = Type;
+  header.Tag = Tag;
+  header.Code = Code;
+  return std::string(reinterpret_cast<const char *>(&header), sizeof(header)) + Payload;
+}
+
+std::string MakeArgument(ULONG Value) {
+  return std::string(reinterpret_cast<const char *>(&Value), sizeof(Value));
+}
+
+NTSTATUS SendCommand(World *World, ULONG Command, ULONG Tag, ULONG Argument,
+                     ULONG_PTR *Information) {
+  bool takesArgument = Command == COMMAND_SET_MODE || Command == COMMAND_SET_LEVEL;
+  Io write;
+  StartWrite(World->Zk, &write,
+             MakeFrame(FRAME_CONTROL, Tag, Command, takesArgument ? MakeArgument(Argument) : ""));
+  NTSTATUS status = FileWait(&write);
+  if (Information != nullptr) {
+    *Information = write.Iosb.Information;
+  }
+  return status;
+}

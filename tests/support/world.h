@@ -1,0 +1,80 @@
+// A world to play in: the kernel model with the driver loaded over one scripted port, a client and
+// ZK. Its end checks for free that nothing was left over.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "controller/frame_format.h"
+#include "driver/extension.h"
+#include "platform/model/model.h"
+#include "tests/support/lower_port.h"
+
+struct WorldOptions {
+  ULONG Buffering = DO_BUFFERED_IO;
+  std::map<std::string, RegistryValue>
+      Values;  // of the port's key; "PortName" is COM3 unless given
+  bool Start = true;
+};
+
+struct World {
+  PDRIVER_OBJECT Driver = nullptr;
+  PDRIVER_OBJECT PortDriver = nullptr;
+  LowerPort Lower;
+  PnpNode *Node = nullptr;
+  NTSTATUS AddStatus = STATUS_SUCCESS;
+  HANDLE Client = nullptr;
+  HANDLE Zk = nullptr;
+};
+
+// Pieces of a world, for scenarios that are explored or that fail on the way.
+void WorldLoad(World *World, const WorldOptions &Options = {});
+NTSTATUS WorldAdd(World *World, const WorldOptions &Options = {});
+// Closes what is open, removes what is there, unloads.
+void WorldEnd(World *World);
+
+// The port extension of the world's filter device, to look at; its spin locks' order is declared to
+// the verifier when the port is added.
+PortExtension *WorldPort(World *World);
+
+// Runs a scenario in a world of its own and expects that nothing stopped it.
+void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &Options = {});
+// The same under every schedule with at most Preemptions preemptions inside the scenario's window.
+// Returns the number of schedules.
+uint64_t ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions = 2,
+                      const WorldOptions &Options = {});
+
+NTSTATUS OpenClient(World *World);
+NTSTATUS OpenZk(World *World);
+void CloseClient(World *World);
+void CloseZk(World *World);
+// Both open, mode NORMAL, the reply read.
+void GoNormal(World *World, bool WithClient = true);
+
+// A read or write under way.
+struct Io : FileRequest {
+  std::string Text() const;  // what a finished read brought
+};
+NTSTATUS StartRead(HANDLE Handle, Io *Io, size_t Length);
+NTSTATUS StartWrite(HANDLE Handle, Io *Io, const std::string &Bytes);
+NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Input = "");
+
+// A frame as ZK reads it; Status is the read's.
+struct Frame {
+  NTSTATUS Status = STATUS_SUCCESS;
+  FrameHeader Header = {};
+  std::string Payload;
+  ULONG Value() const;              // of a reply
+  std::string MessageText() const;  // of a driver message, as ASCII
+};
+Frame DecodeFrame(const Io &Read);
+// Reads one frame that is waiting.
+Frame NextFrame(World *World, size_t Room = 65536);
+
+std::string MakeFrame(ULONG Type, ULONG Tag, ULONG Code, const std::string &Payload = "");
+std::string MakeArgument(ULONG Value);
+// Writes a control frame and returns the write's status; Information, when given, is the write's.
+NTSTATUS SendCommand(World *World, ULONG Command, ULONG Tag = 0, ULONG Argument = 0,
+                     ULONG_PTR *Information = nullptr);
