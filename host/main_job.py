@@ -276,7 +276,8 @@ class Job:
         seen = sum(len(each) for each in self.view.seen.values()) if self.view else 0
         got = len(self.client.received) if self.client else 0
         by_zk = self.view.sent if self.view else 0
-        lost = abs(wrote + by_zk - len(self.device.received)) + abs(sent - got)
+        lost = (abs(wrote + by_zk - len(self.device.received)) + abs(sent - got)
+                + abs(wrote + sent - seen))
         return (f"client wrote {wrote} bytes, port received {len(self.device.received)}; "
                 f"port sent {sent}, client received {got}; ZK saw {seen} of {wrote + sent}, "
                 f"ZK sent {by_zk}; lost {lost}")
