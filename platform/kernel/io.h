@@ -336,22 +336,28 @@ NTKERNELAPI void IoWriteErrorLogEntry(PVOID ElEntry);
 NTKERNELAPI NTSTATUS IoOpenDeviceRegistryKey(PDEVICE_OBJECT DeviceObject, ULONG DevInstKeyType,
                                              ACCESS_MASK DesiredAccess, PHANDLE DeviceRegKey);
 
+// A packet's owner moves it through its locations; a driver that traces a packet which is on its
+// way may look at the pointer's value meanwhile, so it is read and written whole.
 FORCEINLINE PIO_STACK_LOCATION IoGetCurrentIrpStackLocation(PIRP Irp) {
-  return Irp->Tail.Overlay.CurrentStackLocation;
+  return __atomic_load_n(&Irp->Tail.Overlay.CurrentStackLocation, __ATOMIC_RELAXED);
 }
 
 FORCEINLINE PIO_STACK_LOCATION IoGetNextIrpStackLocation(PIRP Irp) {
-  return Irp->Tail.Overlay.CurrentStackLocation - 1;
+  return IoGetCurrentIrpStackLocation(Irp) - 1;
+}
+
+FORCEINLINE void IopMoveStackLocation(PIRP Irp, int Locations) {
+  Irp->CurrentLocation = static_cast<CHAR>(Irp->CurrentLocation + Locations);
+  __atomic_store_n(&Irp->Tail.Overlay.CurrentStackLocation,
+                   IoGetCurrentIrpStackLocation(Irp) + Locations, __ATOMIC_RELAXED);
 }
 
 FORCEINLINE void IoSkipCurrentIrpStackLocation(PIRP Irp) {
-  ++Irp->CurrentLocation;
-  ++Irp->Tail.Overlay.CurrentStackLocation;
+  IopMoveStackLocation(Irp, 1);
 }
 
 FORCEINLINE void IoSetNextIrpStackLocation(PIRP Irp) {
-  --Irp->CurrentLocation;
-  --Irp->Tail.Overlay.CurrentStackLocation;
+  IopMoveStackLocation(Irp, -1);
 }
 
 // Everything up to the completion routine; the next location's Control is cleared.

@@ -69,7 +69,8 @@ static void CheckTake(PKTHREAD self, PKSPIN_LOCK lock, const void *place) {
     VerifierStop("lock.recursion", lock, "%s is taken at %s by the thread that holds it",
                  LockText(lock).c_str(), PlaceText(place).c_str());
   }
-  if (word != FreeWord(lock) && !(IsHeld(word) && OwnerLives(word))) {
+  // Its owner may have let go and ended since the word was read: then the word is another by now.
+  if (word != FreeWord(lock) && !(IsHeld(word) && OwnerLives(word)) && ReadWord(lock) == word) {
     VerifierStop("lock.uninitialized", lock, "%s is taken at %s; its word is %#llx",
                  LockText(lock).c_str(), PlaceText(place).c_str(),
                  static_cast<unsigned long long>(word));

@@ -91,6 +91,7 @@ void PacketShadowLet(PacketShadow *Shadow) {
 
 void PacketFree(PIRP Irp) {
   PacketShadow *shadow = PacketShadowOf(Irp);
+  SyncRelease(&shadow->Holds);  // to who lets go last, when that is another
   {
     Guard guard(RequestMutex);
     if (shadow->Holds > 0) {
