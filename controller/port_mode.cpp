@@ -65,8 +65,8 @@ NTSTATUS SetPortFlags(PDEVICE_OBJECT Device, ULONG Flags) {
   TraceFlags(TraceCode("PU00"), Device, Flags, 0);
   ULONG state = ProxyStates.State[Flags % FLAG_COMBINATIONS];
   if (state == NO_STATE) {
-    ReportPortEvent(DriverWide.DriverObject, Device, 0, 0, EVENT_BAD_STATE_FLAGS, STATUS_UNSUCCESSFUL,
-                    port);
+    ReportPortEvent(DriverWide.DriverObject, Device, 0, 0, EVENT_BAD_STATE_FLAGS,
+                    STATUS_UNSUCCESSFUL, port);
     return STATUS_UNSUCCESSFUL;
   }
   ULONG current = PortProxyState(port);
@@ -118,7 +118,8 @@ NTSTATUS SetPortMode(PortExtension *Port, ULONG Mode) {
     break;
   default:
     status = STATUS_INVALID_PARAMETER;
-    ReportPortEvent(DriverWide.DriverObject, Port->Header.Device, 0, 0, EVENT_BAD_MODE, status, Port);
+    ReportPortEvent(DriverWide.DriverObject, Port->Header.Device, 0, 0, EVENT_BAD_MODE, status,
+                    Port);
     break;
   }
   if (status != STATUS_SUCCESS) {

@@ -51,8 +51,8 @@ static void ReadDriverParameters(PUNICODE_STRING ServiceKey) {
 
 static void DriverUnload(PDRIVER_OBJECT DriverObject) {
   UNREFERENCED_PARAMETER(DriverObject);
-  ReportEvent(DriverWide.DriverObject, nullptr, 0, 0, EVENT_DRIVER_UNLOADED, STATUS_SUCCESS, nullptr,
-              0);
+  ReportEvent(DriverWide.DriverObject, nullptr, 0, 0, EVENT_DRIVER_UNLOADED, STATUS_SUCCESS,
+              nullptr, 0);
   TraceFree();
 }
 

@@ -213,7 +213,6 @@ TEST(Stress, ThreadsShareEverything) {
       {.Executor = ExecutorKind::Threads});
 }
 
-#if GTEST_HAS_DEATH_TEST
 TEST(Stress, ThreadsStopByAborting) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(ModelRun({.Executor = ExecutorKind::Threads},
@@ -224,4 +223,3 @@ TEST(Stress, ThreadsStopByAborting) {
                         }),
                "kernel model stopped: deadlock");
 }
-#endif

@@ -45,7 +45,7 @@ struct LowerPort {
 
   LIST_ENTRY Held;       // under the cancel spin lock
   bool Removed = false;  // likewise: nothing is held any more
-  int OpenContext = 0;  // its address is the FsContext of an open
+  int OpenContext = 0;   // its address is the FsContext of an open
 };
 
 // The port that the next AddDevice of the driver serves.
