@@ -7,6 +7,7 @@
 #include "driver/pool_tags.h"
 #include "driver/requests.h"
 #include "pipes/pending_reads.h"
+#include "pipes/waiting_read.h"
 
 static NTSTATUS ClientReadDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
   UNREFERENCED_PARAMETER(Context);
@@ -17,37 +18,11 @@ static NTSTATUS ClientReadDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
   return STATUS_SUCCESS;
 }
 
-// Keeps the reference until the read is back, so that a dump shows what is down.
-static NTSTATUS SendTracked(PDEVICE_OBJECT Device, PIRP Irp) {
+// Keeps the reference until the read is back, so that a dump's request count shows it.
+static NTSTATUS SendCounted(PDEVICE_OBJECT Device, PIRP Irp) {
   IoCopyCurrentIrpStackLocationToNext(Irp);
   IoSetCompletionRoutine(Irp, ClientReadDone, Device, TRUE, TRUE, TRUE);
   return IofCallDriver(LowerDeviceOf(Device), Irp);
-}
-
-// Serves the read from waiting bytes, or has the engine read the port for it and lets it wait.
-static NTSTATUS SubmitClientRead(PDEVICE_OBJECT Device, PIRP Irp, PipeElement *Reader) {
-  PortExtension *port = PortOf(Device);
-  Pipe *pipe = &port->ClientPipe;
-  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pipe->Lock);
-  if (pipe->CurrentWriter != nullptr) {
-    return PipeSubmitReadLocked(pipe, Reader, irql);
-  }
-  KeReleaseSpinLock(&pipe->Lock, irql);
-
-  // The proxy read goes first: what it brings lands in the pipe and waits for this reader.
-  ProxyReadRequest *request;
-  NTSTATUS status = ProxyReadCreateRequest(&port->Engine, Device, Irp, PROXY_CLIENT_CLASS,
-                                           POOL_PROXY_CLIENT_REQUEST, &request);
-  if (NT_SUCCESS(status)) {
-    status = ProxyReadSubmit(&port->Engine, request);
-  }
-  if (!NT_SUCCESS(status)) {
-    Irp->IoStatus.Status = status;
-    Irp->IoStatus.Information = 0;
-    PipeCompleteElement(Reader);
-    return status;
-  }
-  return PipeSubmitRead(Reader);
 }
 
 // A read that passed the gate may have been queued after the sweep that was to end it: a removal's
@@ -75,7 +50,7 @@ static NTSTATUS ClientReadFromPipe(PDEVICE_OBJECT Device, PIRP Irp) {
     return CompleteRequest(Device, Irp, status, 0);
   }
   HoldPort(port);
-  status = SubmitClientRead(Device, Irp, reader);
+  status = SubmitWaitingRead(Device, reader, PROXY_CLIENT_CLASS, POOL_PROXY_CLIENT_REQUEST);
   if (status == STATUS_PENDING) {
     SweepLateRead(port);
   }
@@ -87,7 +62,7 @@ NTSTATUS ClientRead(PDEVICE_OBJECT Device, PIRP Irp, ULONG Mode) {
   switch (Mode) {
   case MODE_IDLE:
     if ((PortOf(Device)->Header.PacketDump & PACKET_DUMP_CLIENT_READ) != 0) {
-      return SendTracked(Device, Irp);
+      return SendCounted(Device, Irp);
     }
     return SkipToLower(Device, Irp);
   case MODE_NORMAL:

@@ -56,9 +56,6 @@ static NTSTATUS Queue(PortExtension *Port, const MessageText *Message) {
 }
 
 NTSTATUS SendZkMessage(PDEVICE_OBJECT Device, ULONG Level, PCWSTR FormatText, ...) {
-  if (Device == nullptr) {
-    return STATUS_SUCCESS;  // the control device is gone, and ZK with it
-  }
   PortExtension *port = PortOf(Device);
   if (Level > PortMessageLevel(port)) {
     return STATUS_SUCCESS;

@@ -53,7 +53,7 @@ static void TraceRelease(ULONG Code, PDEVICE_OBJECT Device) {
 
 void ReleaseHeldRequests(PDEVICE_OBJECT Device) {
   PortExtension *port = PortOf(Device);
-  HoldPort(port);  // across the dispatches, each of which may end a request
+  HoldPort(port);  // as every loop over requests that may each be the port's last
   KIRQL irql = KeAcquireSpinLockRaiseToDpc(&port->ClientLock);
   StoreStateFlags(port, PortStateFlags(port) & ~static_cast<ULONG>(PSF_LOCKED));
   StoreHold(port, FALSE);

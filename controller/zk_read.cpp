@@ -5,30 +5,7 @@
 #include "driver/pool_tags.h"
 #include "driver/requests.h"
 #include "pipes/pending_reads.h"
-
-// Serves the read from a waiting frame, or tells the engine that ZK waits and lets the read wait.
-static NTSTATUS SubmitZkRead(PDEVICE_OBJECT Device, PIRP Irp, PipeElement *Reader) {
-  PortExtension *port = PortOf(Device);
-  Pipe *pipe = &port->ZkPipe;
-  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pipe->Lock);
-  if (pipe->CurrentWriter != nullptr) {
-    return PipeSubmitReadLocked(pipe, Reader, irql);
-  }
-  KeReleaseSpinLock(&pipe->Lock, irql);
-  ProxyReadRequest *request;
-  NTSTATUS status = ProxyReadCreateRequest(&port->Engine, Device, Irp, PROXY_ZK_CLASS,
-                                           POOL_PROXY_ZK_REQUEST, &request);
-  if (NT_SUCCESS(status)) {
-    status = ProxyReadSubmit(&port->Engine, request);
-  }
-  if (!NT_SUCCESS(status)) {
-    Irp->IoStatus.Status = status;
-    Irp->IoStatus.Information = 0;
-    PipeCompleteElement(Reader);
-    return status;
-  }
-  return PipeSubmitRead(Reader);
-}
+#include "pipes/waiting_read.h"
 
 NTSTATUS ZkRead(PDEVICE_OBJECT Device, PIRP Irp) {
   PortExtension *port = PortOf(Device);
@@ -46,7 +23,7 @@ NTSTATUS ZkRead(PDEVICE_OBJECT Device, PIRP Irp) {
     return CompleteRequest(Device, Irp, status, 0);
   }
   HoldPort(port);
-  status = SubmitZkRead(Device, Irp, reader);
+  status = SubmitWaitingRead(Device, reader, PROXY_ZK_CLASS, POOL_PROXY_ZK_REQUEST);
   // A read queued after a removal's flush has nobody else to end it; the removal sets its flag
   // before it flushes, and both go through the pipe's lock.
   if (status == STATUS_PENDING && PortIsGoing(port)) {

@@ -2,8 +2,9 @@
 // filter device's extension is the port extension, which holds everything of a port and which the
 // control and auxiliary devices reach through the filter device.
 //
-// Fields marked "atomic" are read without the writer's lock, always through the kernel's no-fence
-// or acquire accessors. Fields that want the SerializerRole are written only by the routines below.
+// Fields marked "atomic" are read without the writer's lock, always through the kernel's
+// acquire and release accessors. Fields that want the SerializerRole are written only by the
+// routines below.
 #pragma once
 
 #include "client/serializer.h"
@@ -57,7 +58,7 @@ struct ExtensionHeader {
   ULONG PacketDump;                                       // PACKET_DUMP_... bits
   ULONG PnpState;                                         // atomic; PNP_...
   PDEVICE_OBJECT LowerDevice;  // filter, auxiliary: the device attached over
-  LONG FilterHeld;             // control, auxiliary: 1 while a handle keeps the filter device alive
+  LONG FilterHolds;  // control, auxiliary: interlocked; handles that keep the filter device
 };
 
 struct ControlExtension {
@@ -112,7 +113,7 @@ struct PortExtension {
   KSPIN_LOCK AdmissionLock;
   LIST_ENTRY PnpHoldList GUARDED_BY(CancelSpinLock);
   ULONG ProxyState;  // atomic; PROXY_..., written as a serializer item
-  ULONG StateFlags;  // atomic; PSF_..., likewise, and PSF_LOCKED cleared under ClientLock
+  ULONG StateFlags;  // atomic; PSF_..., likewise
   PDEVICE_OBJECT PhysicalDevice;
   CallDownQueue CallDown;
   ULONG ProxyReadLimit;  // bytes; 0 is no limit

@@ -71,8 +71,7 @@ void ReleaseRequest(PDEVICE_OBJECT Device, PIRP Irp) {
   ReleasePort(PortOf(Device));
 }
 
-// A refused request does not hold the port back, and after its completion nothing may hold the
-// device: the reference goes first.
+// The reference goes first: the completion may end the handle that keeps the device.
 NTSTATUS CompleteRefused(PDEVICE_OBJECT Device, PIRP Irp) {
   NTSTATUS status = Irp->IoStatus.Status;
   ReleaseRequest(Device, Irp);
@@ -144,7 +143,8 @@ static PIRP TakeHeldRequest(PLIST_ENTRY List) {
 void CompletePnpHeldRequests(PDEVICE_OBJECT Device, NTSTATUS Status) {
   PortExtension *port = PortOf(Device);
   while (PIRP irp = TakeHeldRequest(&port->PnpHoldList)) {
-    CompleteRequest(Device, irp, Status, 0);
+    // On the device where it arrived: a close there gives back what its open took.
+    CompleteRequest(IoGetCurrentIrpStackLocation(irp)->DeviceObject, irp, Status, 0);
   }
 }
 
@@ -176,15 +176,21 @@ void PnpHeldRequestCancel(PDEVICE_OBJECT Device, PIRP Irp) {
 
 void HoldFilterDevice(PDEVICE_OBJECT Device) {
   ExtensionHeader *header = HeaderOf(Device);
-  if (header->Kind != KIND_FILTER && InterlockedExchange(&header->FilterHeld, 1) == 0) {
+  if (header->Kind != KIND_FILTER) {
     ObReferenceObject(PortOf(Device)->Header.Device);
+    InterlockedIncrement(&header->FilterHolds);
   }
 }
 
 PDEVICE_OBJECT TakeFilterHold(PDEVICE_OBJECT Device, PIRP Irp) {
   ExtensionHeader *header = HeaderOf(Device);
   if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_CLOSE ||
-      header->Kind == KIND_FILTER || InterlockedExchange(&header->FilterHeld, 0) == 0) {
+      header->Kind == KIND_FILTER) {
+    return nullptr;
+  }
+  // A count: the next handle may be granted before the close of the last one gives its hold back.
+  if (InterlockedDecrement(&header->FilterHolds) < 0) {
+    InterlockedIncrement(&header->FilterHolds);  // a close without an open
     return nullptr;
   }
   return PortOf(Device)->Header.Device;

@@ -48,7 +48,7 @@ static void InheritFlags(PDEVICE_OBJECT Device, PDEVICE_OBJECT Lower) {
       (Device->Flags & ~static_cast<ULONG>(DO_EXCLUSIVE)) | (Lower->Flags & DO_EXCLUSIVE);
 }
 
-// Everything of the port above the attachment, in order; on failure undone in reverse.
+// Everything of the port above the attachment, in order; a failure undoes what was made.
 static NTSTATUS SetUpPort(PDRIVER_OBJECT DriverObject, PortExtension *Port) {
   NTSTATUS status = ReadPortConfiguration(DriverObject, Port->PhysicalDevice, Port);
   if (!NT_SUCCESS(status)) {

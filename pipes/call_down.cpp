@@ -31,13 +31,15 @@ NTSTATUS CallDownPost(CallDownQueue *Queue, CallDownEntry *Entry) {
   BOOLEAN refused = Queue->ShuttingDown;
   if (!refused) {
     InsertTailList(&Queue->Entries, &Entry->Links);
+    // Under the lock: a thread that ends on its own may take the entry back as soon as the lock is
+    // free, and then nothing keeps the port until this call returns.
+    KeReleaseSemaphore(&Queue->WorkSemaphore, IO_NO_INCREMENT, 1, FALSE);
   }
   KeReleaseSpinLock(&Queue->Lock, irql);
   if (refused) {
     GiveBackEntry(Queue, Entry);
     return STATUS_DELETE_PENDING;
   }
-  KeReleaseSemaphore(&Queue->WorkSemaphore, IO_NO_INCREMENT, 1, FALSE);
   return STATUS_SUCCESS;
 }
 
@@ -69,13 +71,14 @@ static void PassOn(CallDownQueue *Queue) {
 // The thread cannot go on. What it was to send is told to the engine, which would otherwise count
 // on a read that nobody sends.
 static void EndOnFailedWait(PortExtension *Port, NTSTATUS Wait) {
-  ReportPortEvent(DriverWide.DriverObject, Port->Header.Device, 0, EVENT_INTERNAL_THREAD_WAIT,
-                  EVENT_INTERNAL, Wait, Port);
-  CallDownEntry *entry = TakeEntry(&Port->CallDown, TRUE);
+  CallDownQueue *queue = &Port->CallDown;
+  CallDownEntry *entry = TakeEntry(queue, TRUE);
   if (entry != nullptr) {
-    GiveBackEntry(&Port->CallDown, entry);
+    GiveBackEntry(queue, entry);
     ProxyReadNotSent(&Port->Engine);
   }
+  ReportPortEvent(DriverWide.DriverObject, queue->Device, 0, EVENT_INTERNAL_THREAD_WAIT,
+                  EVENT_INTERNAL, Wait, Port);
   PsTerminateSystemThread(STATUS_UNSUCCESSFUL);
 }
 

@@ -43,7 +43,7 @@ NTSTATUS PipeAllocateElement(Pipe *Pipe, PIRP Request, ULONG Type, BOOLEAN Write
   if (framing != PIPE_FRAMED && framing != PIPE_UNFRAMED) {
     return STATUS_NOT_SUPPORTED;
   }
-  if (Length > 0xFFFFFFFF - FRAME_HEADER_BYTES) {
+  if (framing == PIPE_FRAMED && Length > 0xFFFFFFFF - FRAME_HEADER_BYTES) {
     return STATUS_INSUFFICIENT_RESOURCES;  // header and payload would not fit 32 bits
   }
   auto *element = static_cast<PipeElement *>(ExAllocatePoolWithTag(

@@ -10,7 +10,8 @@
 
 enum IssueWay { ISSUE_DIRECTLY, ISSUE_BY_CALL_DOWN };
 
-static NTSTATUS Issue(ProxyReadEngine *Engine, IssueWay Way, KIRQL Irql) RELEASE(Engine->Lock);
+static NTSTATUS ProxyReadIssue(ProxyReadEngine *Engine, IssueWay Way, KIRQL Irql)
+    RELEASE(Engine->Lock);
 static NTSTATUS ProxyReadComplete(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context);
 
 static void TraceEngine(ULONG Code, ProxyReadEngine *Engine, const volatile void *Argument2,
@@ -70,7 +71,7 @@ NTSTATUS ProxyReadCreateRequest(ProxyReadEngine *Engine, PDEVICE_OBJECT Device, 
   return STATUS_SUCCESS;
 }
 
-static void FreeRequest(ProxyReadRequest *Request) {
+static void ProxyReadFreeRequest(ProxyReadRequest *Request) {
   if (Request != nullptr) {
     ExFreePoolWithTag(Request, 0);  // its tag is its maker's
   }
@@ -103,7 +104,7 @@ static BOOLEAN ClientHasPortOpen(PortExtension *Port) {
   return open;
 }
 
-static BOOLEAN SelectNext(ProxyReadEngine *Engine) REQUIRES(Engine->Lock) {
+static BOOLEAN ProxyReadSelectNext(ProxyReadEngine *Engine) REQUIRES(Engine->Lock) {
   switch (PortProxyState(PortOf(Engine->Device))) {
   case PROXY_FOR_CLIENT:
     if (Engine->ClientSlot == nullptr) {
@@ -126,7 +127,7 @@ static BOOLEAN SelectNext(ProxyReadEngine *Engine) REQUIRES(Engine->Lock) {
   }
 }
 
-static void PickCurrent(ProxyReadEngine *Engine) REQUIRES(Engine->Lock) {
+static void ProxyReadPickCurrent(ProxyReadEngine *Engine) REQUIRES(Engine->Lock) {
   ULONG state = PortProxyState(PortOf(Engine->Device));
   if (Engine->CurrentRequest != nullptr) {
     return;
@@ -141,12 +142,12 @@ static void PickCurrent(ProxyReadEngine *Engine) REQUIRES(Engine->Lock) {
 // What a restart does once the engine may run again.
 static void RestartLocked(ProxyReadEngine *Engine, IssueWay Way, KIRQL Irql) RELEASE(Engine->Lock) {
   Engine->EngineState = ENGINE_IDLE;
-  SelectNext(Engine);
-  PickCurrent(Engine);
+  ProxyReadSelectNext(Engine);
+  ProxyReadPickCurrent(Engine);
   if (Engine->CurrentRequest != nullptr) {
     TraceEngine(TraceCode("PRI0"), Engine, nullptr, 0);
   }
-  Issue(Engine, Way, Irql);
+  ProxyReadIssue(Engine, Way, Irql);
 }
 
 // --- Issuing --------------------------------------------------------------------------------
@@ -250,7 +251,7 @@ static NTSTATUS Send(PortExtension *Port, PIRP Irp, IssueWay Way) {
   return STATUS_PENDING;
 }
 
-static NTSTATUS Issue(ProxyReadEngine *Engine, IssueWay Way, KIRQL Irql) {
+static NTSTATUS ProxyReadIssue(ProxyReadEngine *Engine, IssueWay Way, KIRQL Irql) {
   PortExtension *port = PortOf(Engine->Device);
   if (Engine->CurrentRequest == nullptr) {
     Engine->EngineState = ENGINE_IDLE;
@@ -294,7 +295,7 @@ NTSTATUS ProxyReadSubmit(ProxyReadEngine *Engine, ProxyReadRequest *Request) {
     if (Engine->ClientSlot == nullptr && idle) {
       Engine->ClientSlot = Request;
       if (IsDriving(Engine, Request)) {
-        return Issue(Engine, ISSUE_DIRECTLY, irql);
+        return ProxyReadIssue(Engine, ISSUE_DIRECTLY, irql);
       }
       TraceEngine(TraceCode("PRD1"), Engine, nullptr, 0);
     } else {
@@ -307,7 +308,7 @@ NTSTATUS ProxyReadSubmit(ProxyReadEngine *Engine, ProxyReadRequest *Request) {
       if (ClientHasPortOpen(port) && !PortHoldsClient(port)) {
         TraceEngine(TraceCode("PRD4"), Engine, nullptr, 0);
       } else if (IsDriving(Engine, Request)) {
-        return Issue(Engine, ISSUE_DIRECTLY, irql);
+        return ProxyReadIssue(Engine, ISSUE_DIRECTLY, irql);
       } else {
         TraceEngine(TraceCode("PRD3"), Engine, nullptr, 0);
       }
@@ -330,6 +331,20 @@ struct TakenRequests {
   ULONG Length;               // as issued
 };
 
+// Takes a request out of its slot when its reader is gone. Nothing is read for it any more.
+static ProxyReadRequest *TakeDiscarded(ProxyReadEngine *Engine, ProxyReadRequest **Slot)
+    REQUIRES(Engine->Lock) {
+  ProxyReadRequest *request = *Slot;
+  if (request == nullptr || (request->Flags & REQUEST_DISCARDED) == 0) {
+    return nullptr;
+  }
+  *Slot = nullptr;
+  if (Engine->CurrentRequest == request) {
+    Engine->CurrentRequest = nullptr;
+  }
+  return request;
+}
+
 // The slots give up what this read answers. The client's request is kept for the next read when
 // this one was cancelled by a stop or the client is held back; that is decided here, once, because
 // the hold may change at any time.
@@ -340,16 +355,16 @@ static TakenRequests TakeAnswered(ProxyReadEngine *Engine, NTSTATUS Status) {
   BOOLEAN stopped =
       static_cast<BOOLEAN>(Status == STATUS_CANCELLED && Engine->EngineState == ENGINE_STOPPING);
   taken.Length = Engine->CurrentRequest->StackCopy.Parameters.Read.Length;
-  ProxyReadRequest *client = Engine->ClientSlot;
-  if (client != nullptr && !stopped && !PortHoldsClient(port)) {
-    taken.Client = client;
-    Engine->ClientSlot = nullptr;
-  } else if (client != nullptr && (client->Flags & REQUEST_DISCARDED) != 0) {
-    taken.Dropped = client;
+  taken.Dropped = TakeDiscarded(Engine, &Engine->ClientSlot);
+  if (!stopped && !PortHoldsClient(port)) {
+    taken.Client = Engine->ClientSlot;
     Engine->ClientSlot = nullptr;
   }
   taken.Zk = Engine->ZkSlot;
   Engine->ZkSlot = nullptr;
+  // From here on no request is with the read: a discard that comes while the block is delivered
+  // frees what the slot keeps.
+  Engine->CurrentRequest = nullptr;
   KeReleaseSpinLock(&Engine->Lock, irql);
   return taken;
 }
@@ -409,17 +424,16 @@ static NTSTATUS ProxyReadComplete(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context
   ProxyReadEngine *engine = static_cast<ProxyReadRequest *>(Context)->Engine;
   TakenRequests taken = TakeAnswered(engine, Irp->IoStatus.Status);
   Deliver(PortOf(engine->Device), Irp, &taken);
-  FreeRequest(taken.Client);
-  FreeRequest(taken.Zk);
-  FreeRequest(taken.Dropped);
+  ProxyReadFreeRequest(taken.Client);
+  ProxyReadFreeRequest(taken.Zk);
+  ProxyReadFreeRequest(taken.Dropped);
 
   KIRQL irql = KeAcquireSpinLockRaiseToDpc(&engine->Lock);
-  engine->CurrentRequest = nullptr;
   if (engine->EngineState == ENGINE_STOPPING) {
     EndStopping(engine, irql);
-  } else if (SelectNext(engine)) {
+  } else if (ProxyReadSelectNext(engine)) {
     engine->EngineState = ENGINE_IDLE;
-    Issue(engine, ISSUE_BY_CALL_DOWN, irql);
+    ProxyReadIssue(engine, ISSUE_BY_CALL_DOWN, irql);
   } else {
     engine->EngineState = ENGINE_IDLE;
     KeReleaseSpinLock(&engine->Lock, irql);
@@ -428,28 +442,23 @@ static NTSTATUS ProxyReadComplete(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context
 }
 
 void ProxyReadNotSent(ProxyReadEngine *Engine) {
-  ProxyReadRequest *dropped = nullptr;
-  ProxyReadRequest *zk = nullptr;
   KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Engine->Lock);
-  ProxyReadRequest *client = Engine->ClientSlot;
-  if (client != nullptr && (client->Flags & REQUEST_DISCARDED) != 0) {
-    dropped = client;
-    Engine->ClientSlot = nullptr;
-    if (Engine->CurrentRequest == client) {
-      Engine->CurrentRequest = nullptr;
-    }
-  }
+  ProxyReadRequest *client = TakeDiscarded(Engine, &Engine->ClientSlot);
+  ProxyReadRequest *zk = TakeDiscarded(Engine, &Engine->ZkSlot);
   if (Engine->EngineState == ENGINE_STOPPING) {
-    zk = Engine->ZkSlot;
-    Engine->ZkSlot = nullptr;
+    // As the completion of a cancelled read would end it.
+    if (zk == nullptr) {
+      zk = Engine->ZkSlot;
+      Engine->ZkSlot = nullptr;
+    }
     Engine->CurrentRequest = nullptr;
     EndStopping(Engine, irql);
   } else {
     Engine->EngineState = ENGINE_IDLE;  // the request stays current
     KeReleaseSpinLock(&Engine->Lock, irql);
   }
-  FreeRequest(zk);
-  FreeRequest(dropped);
+  ProxyReadFreeRequest(client);
+  ProxyReadFreeRequest(zk);
 }
 
 // --- Stopping -------------------------------------------------------------------------------
@@ -465,13 +474,16 @@ static PIO_STACK_LOCATION PacketLocation(ProxyReadEngine *Engine) REQUIRES(Engin
   return Engine->ReadIrp != nullptr ? IoGetCurrentIrpStackLocation(Engine->ReadIrp) : nullptr;
 }
 
-static void WaitForStop(ProxyReadEngine *Engine, PIO_STACK_LOCATION Location) {
+// Returns where the packet stands when it is back.
+static PIO_STACK_LOCATION WaitForStop(ProxyReadEngine *Engine, PIO_STACK_LOCATION Location) {
   TraceEngine(TraceCode("PRDR"), Engine, Location, 0);
   KeWaitForSingleObject(&Engine->StopEvent, Executive, KernelMode, FALSE, nullptr);
   KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Engine->Lock);
   Engine->StopWaited = FALSE;
   Engine->EngineState = ENGINE_STOPPED;
+  Location = PacketLocation(Engine);
   KeReleaseSpinLock(&Engine->Lock, irql);
+  return Location;
 }
 
 void ProxyReadStop(ProxyReadEngine *Engine) {
@@ -489,6 +501,7 @@ void ProxyReadStop(ProxyReadEngine *Engine) {
   } else if (Engine->EngineState == ENGINE_STOPPING) {
     // An earlier stop cancelled the read and did not wait. There is never a second one that waits:
     // stops come from serializer items, and from the teardown of an idle port.
+    NT_ASSERT(!Engine->StopWaited);
     Engine->RestartWhenStopped = FALSE;
     Engine->StopWaited = mayWait;
     waits = mayWait;
@@ -502,7 +515,7 @@ void ProxyReadStop(ProxyReadEngine *Engine) {
     TraceEngine(TraceCode("PS01"), Engine, cancel, called);
   }
   if (waits) {
-    WaitForStop(Engine, location);
+    location = WaitForStop(Engine, location);
   }
   TraceEngine(TraceCode("PRD2"), Engine, location, 0);
 }
@@ -549,7 +562,7 @@ static ProxyReadRequest *TakeFirstLocked(ProxyReadEngine *Engine, ProxyReadClass
 
 void ProxyReadDiscard(ProxyReadEngine *Engine, ProxyReadClass Class) {
   while (ProxyReadRequest *request = TakeFirstLocked(Engine, Class)) {
-    FreeRequest(request);
+    ProxyReadFreeRequest(request);
   }
 }
 

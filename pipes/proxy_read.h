@@ -17,8 +17,9 @@ struct ProxyReadEngine;
 
 // ENGINE_IDLE: no read in flight            -> BUSY (issue), STOPPED (stop)
 // ENGINE_BUSY: a read is in flight          -> BUSY, IDLE (completion), STOPPING (stop)
-// ENGINE_STOPPING: it is being cancelled    -> STOPPED (completion), IDLE (completion, with a
-//                                              restart waiting)
+// ENGINE_STOPPING: it is being cancelled    -> STOPPED (the waiting stop, or the completion when
+//                                              none waits), IDLE (completion, with a restart
+//                                              waiting)
 // ENGINE_STOPPED: nothing until a restart   -> IDLE (restart)
 enum : ULONG { ENGINE_IDLE = 1, ENGINE_BUSY = 2, ENGINE_STOPPING = 3, ENGINE_STOPPED = 4 };
 
@@ -31,7 +32,7 @@ struct ProxyReadRequest {
   LIST_ENTRY Links;
   ULONG Flags;  // REQUEST_...
   IO_STACK_LOCATION StackCopy;
-  PDEVICE_OBJECT Device;  // where the read arrived; may be gone by now, a value for tracing only
+  PDEVICE_OBJECT Device;  // where the read arrived; may be deleted by now: a value for the debugger
   ProxyReadEngine *Engine;
 };
 

@@ -18,5 +18,6 @@
 #include "platform/kernel/types.h"
 #endif
 
+#include "platform/atomics.h"
 #include "platform/layout.h"
 #include "platform/lists.h"

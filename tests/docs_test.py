@@ -1,4 +1,4 @@
-"""The documentation holds: its commands run, its links lead somewhere, its rules are the verifier's.
+"""The documentation holds: its commands run, its links lead somewhere, its rules are the model's.
 
 A ```sh block under the comment <!-- checked --> is run from the root, with VORLIX_BUILD naming the
 build that ./run uses and TTY a tty whose far end sends back what it gets."""

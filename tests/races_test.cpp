@@ -469,3 +469,36 @@ TEST(Races, ZksCloseAgainstAClientRead) {
   });
   ExpectOutcomes(seen, {"answered", "failed cancelled"});
 }
+
+// --- The hold on the filter device ----------------------------------------------------------
+
+// ZK's next handle may be granted while the last one's close is being finished: each keeps the
+// filter device on its own account, until long after the removal.
+TEST(Races, ZksCloseAgainstItsNextOpen) {
+  auto seen = Outcomes([](World *world) {
+    GoNormal(world);
+    HANDLE old = world->Zk;
+    world->Zk = nullptr;
+    NTSTATUS status = STATUS_PENDING;
+    Against([&] { FileClose(old); }, [&] { status = OpenZk(world); });
+    CloseClient(world);
+    PnpRemove(world->Node, true);
+    world->Node = nullptr;
+    return Name(status);
+  });
+  ExpectOutcomes(seen, {"success", Name(STATUS_ACCESS_DENIED)});
+}
+
+// A close of ZK's that a query parked, or that comes too late for it, gives its hold back too.
+TEST(Races, ZksCloseAgainstQueryAndRemoval) {
+  ExploreWorld([](World *world) {
+    GoNormal(world, false);
+    Against([&] { CloseZk(world); },
+            [&] {
+              PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE);
+              ThreadSettle();
+              PnpRemove(world->Node, true);
+              world->Node = nullptr;
+            });
+  });
+}

@@ -99,41 +99,6 @@ FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile *Target, PVOID Value
   return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 
-// Fields that others read without the writer's lock.
-FORCEINLINE ULONG ReadULongNoFence(const volatile ULONG *Source) {
-  return __atomic_load_n(Source, __ATOMIC_RELAXED);
-}
-FORCEINLINE ULONG ReadULongAcquire(const volatile ULONG *Source) {
-  return __atomic_load_n(Source, __ATOMIC_ACQUIRE);
-}
-FORCEINLINE void WriteULongNoFence(volatile ULONG *Target, ULONG Value) {
-  __atomic_store_n(Target, Value, __ATOMIC_RELAXED);
-}
-FORCEINLINE void WriteULongRelease(volatile ULONG *Target, ULONG Value) {
-  __atomic_store_n(Target, Value, __ATOMIC_RELEASE);
-}
-FORCEINLINE LONG ReadNoFence(const volatile LONG *Source) {
-  return __atomic_load_n(Source, __ATOMIC_RELAXED);
-}
-FORCEINLINE LONG ReadAcquire(const volatile LONG *Source) {
-  return __atomic_load_n(Source, __ATOMIC_ACQUIRE);
-}
-FORCEINLINE UCHAR ReadUCharAcquire(const volatile UCHAR *Source) {
-  return __atomic_load_n(Source, __ATOMIC_ACQUIRE);
-}
-FORCEINLINE void WriteUCharRelease(volatile UCHAR *Target, UCHAR Value) {
-  __atomic_store_n(Target, Value, __ATOMIC_RELEASE);
-}
-FORCEINLINE PVOID ReadPointerNoFence(PVOID const volatile *Source) {
-  return __atomic_load_n(Source, __ATOMIC_RELAXED);
-}
-FORCEINLINE PVOID ReadPointerAcquire(PVOID const volatile *Source) {
-  return __atomic_load_n(Source, __ATOMIC_ACQUIRE);
-}
-FORCEINLINE void WritePointerRelease(PVOID volatile *Target, PVOID Value) {
-  __atomic_store_n(Target, Value, __ATOMIC_RELEASE);
-}
-
 // The debugger break and the fail-fast exit are instructions on the target, hooks here.
 NTKERNELAPI void DbgBreakPoint(void);
 extern "C" [[noreturn]] void __fastfail(unsigned int Code);

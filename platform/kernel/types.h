@@ -98,6 +98,10 @@ typedef struct _MDL *PMDL;
 #define RtlFillMemory(d, n, v) __builtin_memset((d), (v), (n))
 #define RtlCopyMemory(d, s, n) __builtin_memcpy((d), (s), (n))
 
+// Checked wherever the model runs; compiled out of a release image.
+extern "C" [[noreturn]] void KiAssertionFailed(const char *Expression);
+#define NT_ASSERT(e) ((e) ? static_cast<void>(0) : KiAssertionFailed(#e))
+
 #define NT_SUCCESS(s) (static_cast<NTSTATUS>(s) >= 0)
 
 #define STATUS_SUCCESS (static_cast<NTSTATUS>(0x00000000))

@@ -33,7 +33,7 @@ struct RunOptions {
 
 struct RunReport {
   bool Stopped = false;  // the verifier, a bug check or a deadlock ended the run early
-  std::string Rule;      // which rule, e.g. "irp.double-completion"; empty when not stopped
+  std::string Rule;      // which rule, e.g. "packet.double-completion"; empty when not stopped
   std::string Text;      // what, where, and the history of the packet concerned
   std::string Replay;    // with SchedulePolicy::Kind::Replay reproduces the run
   uint64_t Switches = 0;

@@ -236,3 +236,7 @@ std::string HistoryText(const volatile void *Object, unsigned Most) {
   Guard guard(noteMutex);
   return HistoryLines(Object, Most);
 }
+
+void KiAssertionFailed(const char *Expression) {
+  VerifierStop("assertion", nullptr, "assertion failed: %s", Expression);
+}
