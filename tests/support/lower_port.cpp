@@ -175,42 +175,55 @@ static void DeleteName(LowerPort *Port) {
   }
 }
 
-static NTSTATUS LowerPnp(PDEVICE_OBJECT Device, PIRP Irp) {
-  LowerPort *port = PortOfDevice(Device);
-  UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
-  Record(port, Irp);
-  if (port->How[IRP_MJ_PNP] == Behaviour::Deaf &&
-      (minor == IRP_MN_START_DEVICE || minor == IRP_MN_QUERY_CAPABILITIES)) {
-    return Hold(port, Irp, false);
-  }
-  if (minor == IRP_MN_START_DEVICE && port->StartResult != STATUS_SUCCESS) {
-    Complete(port, Irp, port->StartResult, "", false);
-    return port->StartResult;
-  }
-  PDEVICE_OBJECT lower = port->Lower;
-  if (minor != IRP_MN_REMOVE_DEVICE) {
-    if (minor != IRP_MN_QUERY_CAPABILITIES && minor != IRP_MN_QUERY_DEVICE_RELATIONS) {
-      Irp->IoStatus.Status = STATUS_SUCCESS;
-    }
-    IoSkipCurrentIrpStackLocation(Irp);
-    return IofCallDriver(lower, Irp);
-  }
+static NTSTATUS PassDown(LowerPort *Port, PIRP Irp) {
+  // Copied, not skipped: a location that was marked pending stays this driver's.
+  IoCopyCurrentIrpStackLocationToNext(Irp);
+  return IofCallDriver(Port->Lower, Irp);
+}
+
+static NTSTATUS Remove(LowerPort *Port, PIRP Irp) {
   // What is still held ends here; a driver that goes keeps nothing.
   KIRQL irql;
   IoAcquireCancelSpinLock(&irql);
-  port->Removed = true;
+  Port->Removed = true;
   IoReleaseCancelSpinLock(irql);
   for (UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_DEVICE_CONTROL, IRP_MJ_FLUSH_BUFFERS}) {
-    while (LowerFinish(port, major, STATUS_DEVICE_NOT_CONNECTED)) {
+    while (LowerFinish(Port, major, STATUS_DEVICE_NOT_CONNECTED)) {
     }
   }
-  DeleteName(port);
+  DeleteName(Port);
   Irp->IoStatus.Status = STATUS_SUCCESS;
-  IoSkipCurrentIrpStackLocation(Irp);
-  NTSTATUS status = IofCallDriver(lower, Irp);
+  PDEVICE_OBJECT device = Port->Device;
+  PDEVICE_OBJECT lower = Port->Lower;
+  NTSTATUS status = PassDown(Port, Irp);
   IoDetachDevice(lower);
-  IoDeleteDevice(Device);
+  IoDeleteDevice(device);
   return status;
+}
+
+static NTSTATUS HandlePnp(LowerPort *Port, PIRP Irp) {
+  UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
+  if (minor == IRP_MN_REMOVE_DEVICE) {
+    return Remove(Port, Irp);
+  }
+  if (minor == IRP_MN_START_DEVICE && Port->StartResult != STATUS_SUCCESS) {
+    Complete(Port, Irp, Port->StartResult, "", false);
+    return Port->StartResult;
+  }
+  if (minor != IRP_MN_QUERY_CAPABILITIES && minor != IRP_MN_QUERY_DEVICE_RELATIONS) {
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+  }
+  return PassDown(Port, Irp);
+}
+
+static NTSTATUS LowerPnp(PDEVICE_OBJECT Device, PIRP Irp) {
+  LowerPort *port = PortOfDevice(Device);
+  Record(port, Irp);
+  UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
+  bool slow = minor == IRP_MN_START_DEVICE || minor == IRP_MN_QUERY_CAPABILITIES ||
+              minor == IRP_MN_REMOVE_DEVICE;
+  return slow && port->How[IRP_MJ_PNP] == Behaviour::Deaf ? Hold(port, Irp, false)
+                                                          : HandlePnp(port, Irp);
 }
 
 static NTSTATUS MakeName(LowerPort *Port, PUNICODE_STRING DeviceName) {
@@ -312,7 +325,11 @@ bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status, const std::strin
   if (irp == nullptr) {
     return false;
   }
-  Complete(Port, irp, Status, Bytes, Port->AtDispatchLevel);
+  if (Major == IRP_MJ_PNP) {
+    HandlePnp(Port, irp);
+  } else {
+    Complete(Port, irp, Status, Bytes, Port->AtDispatchLevel);
+  }
   return true;
 }
 

@@ -11,7 +11,7 @@
 enum class Behaviour {
   Inline,  // completes in the dispatch routine
   Pend,    // holds the request, cancellable, until LowerFinish
-  Deaf,    // holds it without a cancel routine
+  Deaf,    // holds it without a cancel routine (of Plug and Play: start, capabilities, removal)
   Queue,   // reads: served from what LowerFeed brings, held until then
 };
 
@@ -60,7 +60,8 @@ std::string LowerWritten(LowerPort *Port);
 size_t LowerHeldCount(LowerPort *Port);
 
 // Completes the oldest held request of a major function with a status and, for a read, bytes; false
-// when there is none. Information is the number of bytes, or of a write's length on success.
+// when there is none. A held Plug and Play request goes on its way instead. Information is the
+// number of bytes, or of a write's length on success.
 bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status = STATUS_SUCCESS,
                  const std::string &Bytes = "");
 // Bytes for reads with Behaviour::Queue: to the oldest held read, or kept for the next.

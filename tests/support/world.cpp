@@ -65,13 +65,28 @@ static void Play(const std::function<void(World *)> &Scenario, const WorldOption
   WorldEnd(&world);
 }
 
+// VORLIX_REPLAY, the string that a failure printed, runs that one schedule again.
+static RunOptions ReplayOptions(const char *Replay) {
+  RunOptions options;
+  if (Replay != nullptr) {
+    options.Schedule.How = SchedulePolicy::Kind::Replay;
+    options.Schedule.Replay = Replay;
+  }
+  return options;
+}
+
 void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &Options) {
-  RunReport report = ModelRun({}, [&] { Play(Scenario, Options); });
+  RunReport report =
+      ModelRun(ReplayOptions(getenv("VORLIX_REPLAY")), [&] { Play(Scenario, Options); });
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
 uint64_t ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions,
                       const WorldOptions &Options) {
+  if (getenv("VORLIX_REPLAY") != nullptr) {
+    RunWorld(Scenario, Options);
+    return 1;
+  }
   ExploreOptions explore;
   // A slow build (sanitizers) may ask for fewer.
   const char *most = getenv("VORLIX_PREEMPTIONS");
@@ -136,6 +151,36 @@ NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Inpu
   Io->ControlCode = Code;
   Io->Buffer.assign(Input.begin(), Input.end());
   return FileSend(Handle, Io);
+}
+
+static NTSTATUS OwnDone(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
+  auto *packet = static_cast<OwnPacket *>(Context);
+  packet->Iosb = Irp->IoStatus;
+  KeSetEvent(&packet->Done, IO_NO_INCREMENT, FALSE);
+  return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet) {
+  KeInitializeEvent(&Packet->Done, NotificationEvent, FALSE);
+  Packet->Irp = IoAllocateIrp(Device->StackSize, FALSE);
+  Packet->Irp->Cancel = Packet->Cancelled;
+  Packet->Irp->IoStatus.Information = 77;
+  Packet->Irp->AssociatedIrp.SystemBuffer = Packet->Bytes.empty() ? nullptr : Packet->Bytes.data();
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(Packet->Irp);
+  stack->MajorFunction = Major;
+  if (Major == IRP_MJ_DEVICE_CONTROL) {
+    stack->Parameters.DeviceIoControl.IoControlCode = Packet->ControlCode;
+  } else {
+    stack->Parameters.Write.Length = static_cast<ULONG>(Packet->Bytes.size());
+  }
+  IoSetCompletionRoutine(Packet->Irp, OwnDone, Packet, TRUE, TRUE, TRUE);
+  return IofCallDriver(Device, Packet->Irp);
+}
+
+NTSTATUS OwnWait(OwnPacket *Packet) {
+  KeWaitForSingleObject(&Packet->Done, Executive, KernelMode, FALSE, nullptr);
+  IoFreeIrp(Packet->Irp);
+  return Packet->Iosb.Status;
 }
 
 ULONG Frame::Value() const {

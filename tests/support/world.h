@@ -61,6 +61,19 @@ NTSTATUS StartRead(HANDLE Handle, Io *Io, size_t Length);
 NTSTATUS StartWrite(HANDLE Handle, Io *Io, const std::string &Bytes);
 NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Input = "");
 
+// A packet of the test's own, for what no handle sends: cancelled before it is sent, or bytes for a
+// device that nobody has open. Send returns what the driver returned, Wait the final status.
+struct OwnPacket {
+  bool Cancelled = false;
+  std::string Bytes;
+  ULONG ControlCode = 0;
+  IO_STATUS_BLOCK Iosb = {};
+  PIRP Irp = nullptr;
+  KEVENT Done = {};
+};
+NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet);
+NTSTATUS OwnWait(OwnPacket *Packet);
+
 // A frame as ZK reads it; Status is the read's.
 struct Frame {
   NTSTATUS Status = STATUS_SUCCESS;
