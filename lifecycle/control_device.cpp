@@ -107,6 +107,7 @@ static NTSTATUS CreateNamedDevice(PortExtension *Port, PUNICODE_STRING Name,
   status = MakeLink(Port, Name);
   if (!NT_SUCCESS(status)) {
     IoDeleteDevice(*Device);
+    *Device = nullptr;
   }
   return status;
 }
@@ -122,7 +123,7 @@ NTSTATUS CreateControlDevice(PortExtension *Port) {
   if (status == STATUS_SUCCESS) {
     status = CreateNamedDevice(Port, &name, &device);
   }
-  if (NT_SUCCESS(status)) {
+  if (device != nullptr) {
     FillExtension(Port, device);
     EnterInPort(Port, device);
   }

