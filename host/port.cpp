@@ -231,14 +231,14 @@ static void LoseByDevice(PDEVICE_OBJECT PhysicalDevice) {
 
 bool PortStart(Port *Port, const std::vector<PDRIVER_OBJECT> &Drivers) {
   const PortOptions &options = Port->Options;
-  PortSpec spec;
+  PortDescription description;
   NTSTATUS status = STATUS_SUCCESS;
-  spec.Values = options.Registry;
-  spec.Values["PortName"] = RegistryText(options.Name);
-  spec.Values["TtyPath"] = {REG_BINARY, {options.Tty.begin(), options.Tty.end()}};
-  spec.Drivers = Drivers;
+  description.Values = options.Registry;
+  description.Values["PortName"] = RegistryText(options.Name);
+  description.Values["TtyPath"] = {REG_BINARY, {options.Tty.begin(), options.Tty.end()}};
+  description.Drivers = Drivers;
   SerialOnLoss(LoseByDevice);
-  Port->Node = PnpAdd(spec, &status);
+  Port->Node = PnpAdd(description, &status);
   if (!Port->Node) {
     HostLog(options.Name, "the drivers did not take the port: status 0x%08x",
             static_cast<unsigned>(status));

@@ -272,17 +272,17 @@ static NTSTATUS AddDriver(PnpNode *Node, PDRIVER_OBJECT Driver, bool UpperFilter
   return status;
 }
 
-static PnpNode *MakeNode(const PortSpec &Spec) {
+static PnpNode *MakeNode(const PortDescription &Port) {
   PnpNode *node = new PnpNode();
-  node->HasKey = Spec.HasKey;
+  node->HasKey = Port.HasKey;
   {
     Guard guard(PnpMutex);
-    node->KeyPath = EnumPath + Spec.Id + "\\" + std::to_string(NodeNumber++);
+    node->KeyPath = EnumPath + Port.Id + "\\" + std::to_string(NodeNumber++);
     node->Next = Nodes;
     Nodes = node;
   }
-  if (Spec.HasKey) {
-    RegistryAddKey(node->KeyPath, Spec.Values);
+  if (Port.HasKey) {
+    RegistryAddKey(node->KeyPath, Port.Values);
   }
   node->Pdo = BusMakeDevice(node);
   return node;
@@ -312,11 +312,11 @@ static void FreeNode(PnpNode *Node) {
   delete Node;
 }
 
-PnpNode *PnpAdd(const PortSpec &Spec, NTSTATUS *Status) {
-  PnpNode *node = MakeNode(Spec);
+PnpNode *PnpAdd(const PortDescription &Port, NTSTATUS *Status) {
+  PnpNode *node = MakeNode(Port);
   NTSTATUS status = STATUS_SUCCESS;
-  for (size_t i = 0; i < Spec.Drivers.size() && NT_SUCCESS(status); ++i) {
-    status = AddDriver(node, Spec.Drivers[i], i > 0);
+  for (size_t i = 0; i < Port.Drivers.size() && NT_SUCCESS(status); ++i) {
+    status = AddDriver(node, Port.Drivers[i], i > 0);
   }
   if (Status) {
     *Status = status;

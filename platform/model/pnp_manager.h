@@ -10,7 +10,7 @@
 #include "platform/model/registry.h"
 
 // What a bus reports: a port with its hardware key's values and the drivers of its stack.
-struct PortSpec {
+struct PortDescription {
   std::map<std::string, RegistryValue> Values;  // of the device's hardware key
   bool HasKey = true;                           // false: IoOpenDeviceRegistryKey fails
   std::vector<PDRIVER_OBJECT> Drivers;          // bottom to top, above the bus's own device
@@ -21,7 +21,7 @@ struct PnpNode;
 
 // The bus makes the port's physical device; each driver's AddDevice is called in order. A failure
 // removes what was built, and returns null with the status.
-PnpNode *PnpAdd(const PortSpec &Spec, NTSTATUS *Status = nullptr);
+PnpNode *PnpAdd(const PortDescription &Port, NTSTATUS *Status = nullptr);
 PDEVICE_OBJECT PnpPdo(const PnpNode *Node);
 
 // Start to the top of the stack; on success the capabilities and the bus relations are queried and

@@ -35,12 +35,12 @@ static void Boot(World *W) {
   ASSERT_EQ(0, ptsname_r(W->Device, W->Tty, sizeof(W->Tty)));
   W->Slave = open(W->Tty, O_RDWR | O_NOCTTY);
   W->Driver = DriverLoad("serial", SerialDriverEntry);
-  PortSpec spec;
+  PortDescription description;
   std::string path = W->Tty;
-  spec.Values["PortName"] = RegistryText("COM3");
-  spec.Values["TtyPath"] = {REG_BINARY, {path.begin(), path.end()}};
-  spec.Drivers = {W->Driver};
-  W->Node = PnpAdd(spec);
+  description.Values["PortName"] = RegistryText("COM3");
+  description.Values["TtyPath"] = {REG_BINARY, {path.begin(), path.end()}};
+  description.Drivers = {W->Driver};
+  W->Node = PnpAdd(description);
   ASSERT_NE(nullptr, W->Node);
   ASSERT_EQ(STATUS_SUCCESS, PnpStart(W->Node));
   ASSERT_EQ(STATUS_SUCCESS, FileOpen("\\DosDevices\\COM3", Account::User, &W->Port));
