@@ -132,7 +132,7 @@ static NTSTATUS MinimalEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
 
 static void Begin(Rig *Rig, Above What) {
   Rig->PortDriver = DriverLoad("BenchPort", PortEntry);
-  PortSpec port;
+  PortDescription port;
   port.Values["PortName"] = RegistryText(Rig->Port.Name);
   port.Values["VORLIXProxyReadLimit"] = RegistryDword(0);
   port.Drivers = {Rig->PortDriver};

@@ -31,6 +31,7 @@ TEST(Attach, RefusesPortsWithNeitherBufferedNorDirectIo) {
   Attach(options, [](World *world) {
     EXPECT_EQ(world->AddStatus, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(EventLogCount(EVENT_NEITHER_IO), 1u);
+    EXPECT_EQ(EventLogEntries().back().FinalStatus, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(EventLogCount(EVENT_ATTACHING), 1u);
     EXPECT_EQ(DeviceCount(world->Driver), 0u);
   });
@@ -44,6 +45,7 @@ TEST(Attach, RefusesTheReflectorWhateverTheCase) {
       world.Driver = DriverLoad("Vorlix", DriverEntry);
       EXPECT_EQ(WorldAdd(&world), STATUS_INVALID_DEVICE_REQUEST);
       EXPECT_EQ(EventLogCount(EVENT_REFLECTED_PORT), 1u);
+      EXPECT_EQ(EventLogEntries().back().FinalStatus, STATUS_INVALID_DEVICE_REQUEST);
       EXPECT_EQ(DeviceCount(world.Driver), 0u);
       WorldEnd(&world);
     });
@@ -100,6 +102,13 @@ TEST(PortSettings, TakeTheirFallbacks) {
        0,
        0,
        1024},
+      {"any number is a choice",
+       {{"VORLIXUseEdo", RegistryDword(256)}},
+       0x80000000,
+       0,
+       256,
+       0,
+       1024},
       {"a limit too large to be read is no limit",
        {{"VORLIXProxyReadLimit", {REG_BINARY, std::vector<uint8_t>(64, 1)}}},
        0x80000000,
@@ -131,6 +140,17 @@ TEST(PortSettings, TakeTheirFallbacks) {
   }
 }
 
+static std::u16string Text(PCWSTR Name) {
+  return reinterpret_cast<const char16_t *>(Name);
+}
+
+TEST(PortSettings, TheNameGivesBothDosNames) {
+  Attach({}, [](World *world) {
+    EXPECT_EQ(Text(WorldPort(world)->DosDeviceName), u"\\DosDevices\\COM3");
+    EXPECT_EQ(Text(WorldPort(world)->ControlLinkName), u"\\DosDevices\\VORLIX_COM3");
+  });
+}
+
 TEST(PortSettings, AnUnusablePortNameFailsTheAttach) {
   std::vector<uint8_t> full(512, 'A');
   const std::vector<std::pair<RegistryValue, NTSTATUS>> cases = {
@@ -145,6 +165,9 @@ TEST(PortSettings, AnUnusablePortNameFailsTheAttach) {
     Attach(options, [&, expected = status](World *world) {
       EXPECT_EQ(world->AddStatus, expected);
       EXPECT_EQ(EventLogCount(EVENT_NO_PORT_NAME), expected == STATUS_BUFFER_OVERFLOW ? 1u : 0u);
+      if (expected == STATUS_BUFFER_OVERFLOW) {
+        EXPECT_EQ(EventLogEntries().back().FinalStatus, expected);
+      }
       EXPECT_EQ(DeviceCount(world->Driver), 0u);
     });
   }
@@ -156,7 +179,7 @@ TEST(PortSettings, NoKeyOrNoNameFailsTheAttach) {
       World world;
       WorldLoad(&world);
       LowerNext(&world.Lower);
-      PortSpec port;
+      PortDescription port;
       port.HasKey = hasKey;
       port.Drivers = {world.PortDriver, world.Driver};
       NTSTATUS status = STATUS_SUCCESS;
@@ -200,6 +223,55 @@ TEST(ControlDevice, OnlyTheSystemOpensIt) {
     }
     EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
   });
+}
+
+TEST(ControlDevice, ARemovedPortsNumberStaysSpent) {
+  Attach({}, [](World *world) {
+    PnpRemove(world->Node);
+    EXPECT_EQ(WorldAdd(world), STATUS_SUCCESS);
+    EXPECT_EQ(NameLookup("\\Device\\VORLIX1"), nullptr);
+    EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), WorldPort(world)->ControlDevice);
+    EXPECT_EQ(NameLookup("\\Device\\VORLIX2"), WorldPort(world)->ControlDevice);
+  });
+}
+
+// Each refusal is in the event log with its status; the call-down thread's alone has it as the
+// unique value.
+TEST(Attach, FailuresAreReported) {
+  struct Case {
+    FaultPlan Plan;
+    ULONG Event;
+    bool ForDevice, Named;
+  };
+  const Case cases[] = {
+      {{FaultDevice, 0, 2, false},
+       EVENT_NO_FILTER_DEVICE,
+       false,
+       false},  // the first is the port's
+      {{FaultPool, FourCharacters("ZK19"), 1, false}, EVENT_REFLECTED_PORT, false, false},
+      {{FaultPool, FourCharacters("ZK16"), 1, false}, EVENT_NO_CONTROL_DEVICE, true, true},
+      {{FaultThread, 0, 1, false}, EVENT_NO_THREAD, true, true},
+      {{FaultReference, 0, 1, false}, EVENT_NO_THREAD, true, true},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(testing::Message() << std::hex << c.Event);
+    Attach(
+        {},
+        [&](World *world) {
+          EXPECT_TRUE(FaultDisarm());
+          ASSERT_FALSE(NT_SUCCESS(world->AddStatus));
+          EXPECT_EQ(EventLogCount(c.Event), 1u);
+          EventLogEntry entry = EventLogEntries().back();
+          EXPECT_EQ(entry.Code, c.Event);
+          bool unique = c.Event == EVENT_NO_THREAD;
+          EXPECT_EQ(entry.UniqueValue, unique ? static_cast<ULONG>(world->AddStatus) : 0);
+          EXPECT_EQ(entry.FinalStatus, unique ? STATUS_SUCCESS : world->AddStatus);
+          EXPECT_EQ(entry.Device != nullptr, c.ForDevice);
+          EXPECT_EQ(entry.StringCount, c.Named ? 1 : 0);
+          EXPECT_EQ(DeviceCount(world->Driver), 0u);
+        },
+        [&](World *) { FaultArm(c.Plan); });
+  }
 }
 
 // Every call that can fail on the way, one after the other: the attach either works or leaves

@@ -33,6 +33,9 @@ TEST_P(ClientIo, IdleIsTransparent) {
           EXPECT_EQ(LowerWritten(lower), "hello");
           EXPECT_EQ(StartRead(world->Client, &read, 4096), STATUS_PENDING);
           EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, 4096u);
+          // The dump keeps a read counted while it is down.
+          bool dumped = WorldPort(world)->Header.PacketDump != 0;
+          EXPECT_EQ(WorldPort(world)->RequestCount, dumped ? 2 : 1);
           EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "world"));
           EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
           EXPECT_EQ(read.Text(), "world");
@@ -40,6 +43,39 @@ TEST_P(ClientIo, IdleIsTransparent) {
           EXPECT_TRUE(FileCancel(&cancelled));
           EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
           EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+        },
+        options);
+  }
+}
+
+// The port's own context reaches it with requests that only pass, but not with dumped reads, nor
+// with those that are tracked for a cleanup.
+TEST_P(ClientIo, ThePortsContextReachesOrdinaryRequests) {
+  for (ULONG dump : {0u, 2u}) {
+    WorldOptions options;
+    options.Values["VORLIXPacketDump"] = RegistryDword(dump);
+    Run(
+        [=](World *world) {
+          LowerPort *lower = &world->Lower;
+          lower->How[IRP_MJ_READ] = Behaviour::Pend;
+          ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+          ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);  // granted: the port never saw this file
+          auto withFile = [=](PIO_STACK_LOCATION stack) {
+            stack->FileObject = FileObject(world->Client);
+          };
+          EXPECT_EQ(SendPacket(WorldPort(world)->Header.Device, IRP_MJ_FLUSH_BUFFERS, 0, withFile),
+                    STATUS_SUCCESS);
+          EXPECT_TRUE(LowerLast(lower, IRP_MJ_FLUSH_BUFFERS).HasFile);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_FLUSH_BUFFERS).FsContext, nullptr);
+          Io read, write;
+          EXPECT_EQ(StartRead(world->Client, &read, 8), STATUS_PENDING);
+          EXPECT_TRUE(LowerLast(lower, IRP_MJ_READ).HasFile);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).FsContext,
+                    dump != 0 ? nullptr : &lower->OpenContext);
+          EXPECT_EQ(StartWrite(world->Client, &write, "x"), STATUS_SUCCESS);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_WRITE).FsContext, &lower->OpenContext);
+          EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ));
+          FileWait(&read);
         },
         options);
   }
@@ -241,11 +277,12 @@ TEST_P(ClientIo, TheLockParksAndUnlockReleasesInOrder) {
     LowerPort *lower = &world->Lower;
     GoNormal(world);
     ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM, 1), STATUS_SUCCESS);
-    Io writes[3], control, direct, neither, cancelled;
+    Io writes[3], control, direct, neither, cancelled, read;
     EXPECT_EQ(StartWrite(world->Client, &writes[0], "1"), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &writes[1], "2"), STATUS_PENDING);
     EXPECT_EQ(StartControl(world->Client, &control, Buffered), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &cancelled, "no"), STATUS_PENDING);
+    EXPECT_EQ(StartRead(world->Client, &read, 10), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &writes[2], "3"), STATUS_PENDING);
     EXPECT_EQ(StartControl(world->Client, &direct, Direct), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(StartControl(world->Client, &neither, Neither), STATUS_NOT_SUPPORTED);
@@ -261,11 +298,25 @@ TEST_P(ClientIo, TheLockParksAndUnlockReleasesInOrder) {
     // So do requests that the lock does not cover.
     EXPECT_EQ(SendPacket(WorldPort(world)->Header.Device, IRP_MJ_FLUSH_BUFFERS, 0, nullptr),
               STATUS_SUCCESS);
+    EXPECT_EQ(
+        SendPacket(WorldPort(world)->Header.Device, IRP_MJ_INTERNAL_DEVICE_CONTROL, 0, nullptr),
+        STATUS_SUCCESS);
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_INTERNAL_DEVICE_CONTROL), 1u);
     EXPECT_EQ(LowerCount(lower, IRP_MJ_DEVICE_CONTROL), 0u);
+    size_t before = lower->Seen.size();
     ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM, 2), STATUS_SUCCESS);
     EXPECT_EQ(LowerWritten(lower), "zk123");
     EXPECT_EQ(FileWait(&control), STATUS_SUCCESS);
-    EXPECT_EQ(LowerCount(lower, IRP_MJ_DEVICE_CONTROL), 1u);
+    std::vector<UCHAR> majors;
+    for (size_t i = before; i < lower->Seen.size(); ++i) {
+      majors.push_back(lower->Seen[i].Major);
+    }
+    // The read's proxy read comes in its turn, and once more when the lock's proxy state ends.
+    EXPECT_EQ(majors, (std::vector<UCHAR>{IRP_MJ_WRITE, IRP_MJ_WRITE, IRP_MJ_DEVICE_CONTROL,
+                                          IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_READ}));
+    LowerFeed(lower, "read");
+    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+    EXPECT_EQ(read.Text(), "read");
     EXPECT_EQ(NextFrame(world).Header.Tag, 1u);
     EXPECT_EQ(NextFrame(world).Header.Tag, 2u);  // the reply comes before what it releases
     EXPECT_EQ(NextFrame(world).Payload, "1");
@@ -284,6 +335,56 @@ TEST_P(ClientIo, LockInIdleStillParks) {
     ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
     EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
     EXPECT_EQ(LowerWritten(&world->Lower), "x");
+  });
+}
+
+// A request that comes cancelled is not parked, and a control that would be refused says so too.
+TEST_P(ClientIo, TheLockRefusesWhatIsCancelled) {
+  Run([](World *world) {
+    GoNormal(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
+    const std::pair<UCHAR, ULONG> cases[] = {{IRP_MJ_READ, 0},
+                                             {IRP_MJ_WRITE, 0},
+                                             {IRP_MJ_DEVICE_CONTROL, Buffered},
+                                             {IRP_MJ_DEVICE_CONTROL, Direct}};
+    for (const auto &[major, code] : cases) {
+      OwnPacket packet;
+      packet.Cancelled = true;
+      packet.ControlCode = code;
+      EXPECT_EQ(OwnSend(filter, major, &packet), STATUS_CANCELLED);
+      EXPECT_EQ(OwnWait(&packet), STATUS_CANCELLED);
+      EXPECT_EQ(packet.Iosb.Information, 0u);
+      EXPECT_EQ(LowerCount(&world->Lower, major), 0u);
+      EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+    }
+  });
+}
+
+// What a lock in IDLE parked goes on in the mode in which the lock ends.
+TEST_P(ClientIo, ParkedRequestsFollowTheModeAtTheirRelease) {
+  Run([](World *world) {
+    LowerPort *lower = &world->Lower;
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM, 1), STATUS_SUCCESS);
+    Io write, read;
+    EXPECT_EQ(StartWrite(world->Client, &write, "w"), STATUS_PENDING);
+    EXPECT_EQ(StartRead(world->Client, &read, 5000), STATUS_PENDING);
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_MODE, 2, MODE_NORMAL), STATUS_SUCCESS);
+    EXPECT_EQ(LowerWritten(lower), "");
+    ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM, 3), STATUS_SUCCESS);
+    EXPECT_EQ(LowerWritten(lower), "w");
+    EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, 1024u);  // the engine's, not the client's own
+    for (ULONG tag : {1u, 2u, 3u}) {
+      EXPECT_EQ(NextFrame(world).Header.Tag, tag);
+    }
+    EXPECT_EQ(NextFrame(world).Payload, "w");
+    // The release sent the read under the lock's proxy state, whose end cancelled it once.
+    EXPECT_EQ(NextFrame(world).Header.Code, static_cast<ULONG>(STATUS_CANCELLED));
+    LowerFeed(lower, "in");
+    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+    EXPECT_EQ(NextFrame(world).Payload, "in");
   });
 }
 
@@ -334,4 +435,38 @@ TEST_P(ClientIo, CleanupCancelsTrackedRequests) {
     EXPECT_EQ(statuses[0], STATUS_CANCELLED);
     EXPECT_EQ(statuses[1], STATUS_CANCELLED);
   });
+}
+
+// Before the first start they go down uncounted; after it they are tracked, for which they need
+// memory.
+TEST_P(ClientIo, TrackingBeginsWithTheFirstStart) {
+  WorldOptions options;
+  options.Start = false;
+  Run(
+      [](World *world) {
+        PortExtension *port = WorldPort(world);
+        world->Lower.How[IRP_MJ_FLUSH_BUFFERS] = Behaviour::Pend;
+        for (bool started : {false, true}) {
+          if (started) {
+            ASSERT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
+          }
+          OwnPacket flush;
+          EXPECT_EQ(OwnSend(port->Header.Device, IRP_MJ_FLUSH_BUFFERS, &flush), STATUS_PENDING);
+          EXPECT_EQ(port->RequestCount, started ? 2 : 1);
+          EXPECT_EQ(IsListEmpty(&port->Header.PassThroughList), !started);
+          EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_FLUSH_BUFFERS));
+          EXPECT_EQ(OwnWait(&flush), STATUS_SUCCESS);
+          EXPECT_TRUE(IsListEmpty(&port->Header.PassThroughList));
+        }
+        OwnPacket flush;
+        FaultArm({FaultPool, FourCharacters("ZK0A"), 1, false});
+        EXPECT_EQ(OwnSend(port->Header.Device, IRP_MJ_FLUSH_BUFFERS, &flush),
+                  STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_TRUE(FaultDisarm());
+        EXPECT_EQ(OwnWait(&flush), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(flush.Iosb.Information, 0u);
+        EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_FLUSH_BUFFERS), 2u);
+        EXPECT_EQ(port->RequestCount, 1);
+      },
+      options);
 }

@@ -322,6 +322,73 @@ TEST_P(Controller, ZkReadsThePortWhileNoClientIsThere) {
   });
 }
 
+// Who has the port open, the mode and the lock decide for whom the engine reads.
+TEST(PortMode, ProxyStateFollowsTheFlags) {
+  RunWorld([](World *world) {
+    PortExtension *port = WorldPort(world);
+    struct Step {
+      void (*Do)(World *World);
+      ULONG Flags, Proxy;
+    };
+    const Step steps[] = {
+        {[](World *) {}, 0, PROXY_OFF},
+        {[](World *w) { OpenClient(w); }, 8, PROXY_OFF},
+        {[](World *w) { OpenZk(w); }, 12, PROXY_OFF},
+        {[](World *w) { SendCommand(w, COMMAND_SET_MODE, 0, MODE_NORMAL); }, 13, PROXY_FOR_CLIENT},
+        {[](World *w) { SendCommand(w, COMMAND_LOCK_STREAM); }, 29, PROXY_FOR_ZK},
+        {[](World *w) { CloseClient(w); }, 21, PROXY_FOR_ZK},
+        {[](World *w) { OpenClient(w); }, 29, PROXY_FOR_ZK},
+        {[](World *w) { SendCommand(w, COMMAND_UNLOCK_STREAM); }, 13, PROXY_FOR_CLIENT},
+        {[](World *w) { CloseClient(w); }, 5, PROXY_FOR_ZK},
+        {[](World *w) { OpenClient(w); }, 13, PROXY_FOR_CLIENT},
+        {[](World *w) { CloseClient(w); }, 5, PROXY_FOR_ZK},
+        {[](World *w) { SendCommand(w, COMMAND_SET_MODE, 0, MODE_IDLE); }, 4, PROXY_OFF},
+        {[](World *w) { CloseZk(w); }, 0, PROXY_OFF},
+    };
+    for (size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); ++i) {
+      steps[i].Do(world);
+      EXPECT_EQ(port->StateFlags, steps[i].Flags) << i;
+      EXPECT_EQ(port->ProxyState, steps[i].Proxy) << i;
+    }
+    EXPECT_EQ(EventLogCount(EVENT_BAD_STATE_FLAGS), 0u);
+    // No operation sets REDIRECT, which reads for nobody; whatever else is left is refused.
+    RunningAsSerializerItem();
+    for (ULONG flags = 0, refused = 0; flags < 32; ++flags) {
+      if (SetPortFlags(port->ControlDevice, flags) != STATUS_SUCCESS) {
+        EXPECT_EQ(EventLogCount(EVENT_BAD_STATE_FLAGS), ++refused);
+      } else if ((flags & PSF_REDIRECT) != 0) {
+        EXPECT_TRUE(flags == 6 || flags == 14) << flags;
+        EXPECT_EQ(port->ProxyState, static_cast<ULONG>(PROXY_OFF));
+      }
+    }
+    EXPECT_EQ(EventLogCount(EVENT_BAD_STATE_FLAGS), 22u);
+    SetPortFlags(port->ControlDevice, 0);
+  });
+}
+
+// A lock is reported for the control device, a mode for the filter device.
+TEST(PortMode, ReportsNameTheirDevice) {
+  RunWorld([](World *world) {
+    PortExtension *port = WorldPort(world);
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    auto expectLast = [](ULONG code, PDEVICE_OBJECT device, NTSTATUS status) {
+      EventLogEntry entry = EventLogEntries().back();
+      EXPECT_EQ(entry.Code, code);
+      EXPECT_EQ(entry.Device, device);
+      EXPECT_EQ(entry.FinalStatus, status);
+      EXPECT_EQ(entry.Strings.at(0), "\\DosDevices\\VORLIX_COM3");
+    };
+    SendCommand(world, COMMAND_LOCK_STREAM);  // in IDLE
+    expectLast(EVENT_BAD_STATE_FLAGS, port->ControlDevice, STATUS_UNSUCCESSFUL);
+    SendCommand(world, COMMAND_SET_MODE, 0, MODE_NORMAL);
+    SendCommand(world, COMMAND_SET_MODE, 0, MODE_IDLE);  // while locked
+    expectLast(EVENT_BAD_STATE_FLAGS, port->Header.Device, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(EventLogCount(EVENT_BAD_STATE_FLAGS), 2u);
+    SendCommand(world, COMMAND_SET_MODE, 0, 4);
+    expectLast(EVENT_BAD_MODE, port->Header.Device, STATUS_INVALID_PARAMETER);
+  });
+}
+
 TEST(PortMode, NamesOfEveryMode) {
   RunWorld([](World *) {
     for (ULONG mode : {4u, 0xFFFFFFFFu}) {

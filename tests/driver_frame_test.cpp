@@ -1,6 +1,9 @@
 // Load and unload, the trace ring, the event log, and the routing by kind of device.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <set>
+
 #include "driver/entry.h"
 #include "driver/event_log.h"
 #include "driver/trace.h"
@@ -38,20 +41,37 @@ TEST(DriverFrame, BreaksOnLoadByTheLowOrderByte) {
 }
 
 TEST(DriverFrame, LoadFillsTheTableAndSurvivesEveryFault) {
-  for (uint64_t nth = 1; nth <= 4; ++nth) {
+  const std::vector<UCHAR> own = {IRP_MJ_CREATE, IRP_MJ_CLOSE, IRP_MJ_CLEANUP,
+                                  IRP_MJ_READ,   IRP_MJ_POWER, IRP_MJ_DEVICE_CONTROL};
+  int withoutRing = 0;
+  bool delivered = true;
+  for (uint64_t nth = 1; delivered; ++nth) {
     RunReport report = ModelRun({}, [&] {
       FaultArm({FaultEverything, 0, nth, false});
       PDRIVER_OBJECT driver = DriverLoad("Vorlix", DriverEntry);
-      FaultDisarm();
+      delivered = FaultDisarm();
       ASSERT_NE(driver, nullptr);
-      for (PDRIVER_DISPATCH routine : driver->MajorFunction) {
-        EXPECT_NE(routine, nullptr);
+      PDRIVER_DISPATCH *table = driver->MajorFunction;
+      PDRIVER_DISPATCH unhandled = table[IRP_MJ_FLUSH_BUFFERS];
+      std::set<PDRIVER_DISPATCH> distinct(table, table + IRP_MJ_MAXIMUM_FUNCTION + 1);
+      EXPECT_EQ(distinct.size(), own.size() + 2);  // Plug and Play, and everything else
+      for (UCHAR major = 0; major < IRP_MJ_PNP; ++major) {
+        bool handled =
+            major == IRP_MJ_WRITE || std::find(own.begin(), own.end(), major) != own.end();
+        EXPECT_EQ(table[major] != unhandled, handled) << int{major};
       }
-      TraceEvent(TRACE_CLASS, TraceCode("PCF0"), 1, 2, 3);  // with or without a ring
+      EXPECT_EQ(table[IRP_MJ_READ], table[IRP_MJ_WRITE]);
+      if (Trace.Base == nullptr) {
+        ++withoutRing;
+        TraceEvent(TRACE_CLASS, TraceCode("PCF0"), 1, 2, 3);
+        EXPECT_EQ(Trace.Base, nullptr);
+      }
       DriverUnload(driver);
     });
-    EXPECT_FALSE(report.Stopped) << report.Text;
+    ASSERT_FALSE(report.Stopped) << report.Text;
+    ASSERT_LT(nth, 50u);
   }
+  EXPECT_EQ(withoutRing, 1);
 }
 
 TEST(DriverFrame, ReportsLoadAndUnloadForTheDriver) {
@@ -149,8 +169,18 @@ TEST(Routing, NothingOpensBeforeTheStart) {
   options.Start = false;
   RunWorld(
       [](World *world) {
-        EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(OpenZk(world), STATUS_INSUFFICIENT_RESOURCES);
+        auto refused = [=] {
+          EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+          EXPECT_EQ(OpenZk(world), STATUS_INSUFFICIENT_RESOURCES);
+          ULONG_PTR information = 77;  // as it came
+          EXPECT_EQ(
+              SendPacket(WorldPort(world)->Header.Device, IRP_MJ_CREATE, 0, nullptr, &information),
+              STATUS_INSUFFICIENT_RESOURCES);
+          EXPECT_EQ(information, 77u);
+          EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+          EXPECT_EQ(WorldPort(world)->Header.OpenRefs, 1);
+        };
+        refused();
         EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), 0u);
         EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
         EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
@@ -158,7 +188,7 @@ TEST(Routing, NothingOpensBeforeTheStart) {
         CloseClient(world);
         EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
         EXPECT_EQ(PnpStop(world->Node), STATUS_SUCCESS);
-        EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+        refused();
         EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
       },
       options);

@@ -100,6 +100,40 @@ TEST(OpenClose, AnOpenWaitsBehindTheOneUnderWay) {
   }
 }
 
+// ZK's open and its frames behind a client's open that the port takes its time for: the frame that
+// sets the mode finds ZK's side open, and the one behind it the mode set.
+TEST(Serializer, OpensAndFramesKeepTheirOrder) {
+  RunWorld([](World *world) {
+    LowerPort *lower = &world->Lower;
+    lower->How[IRP_MJ_CREATE] = Behaviour::Pend;
+    PKTHREAD client = ThreadStart("client", [&] { EXPECT_EQ(OpenClient(world), STATUS_SUCCESS); });
+    ThreadSettle();
+    PKTHREAD zk = ThreadStart("zk", [&] { EXPECT_EQ(OpenZk(world), STATUS_SUCCESS); });
+    ThreadSettle();
+    OwnPacket frames[2];
+    frames[0].Bytes = MakeFrame(FRAME_CONTROL, 1, COMMAND_SET_MODE, MakeArgument(MODE_NORMAL));
+    frames[1].Bytes = MakeFrame(FRAME_CONTROL, 2, COMMAND_GET_MODE);
+    for (OwnPacket &frame : frames) {
+      EXPECT_EQ(OwnSend(WorldPort(world)->ControlDevice, IRP_MJ_WRITE, &frame), STATUS_PENDING);
+    }
+    EXPECT_EQ(WorldPort(world)->RequestCount, 5);
+    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE));
+    ThreadJoin(client);
+    ThreadJoin(zk);
+    for (OwnPacket &frame : frames) {
+      EXPECT_EQ(OwnWait(&frame), STATUS_SUCCESS);
+      EXPECT_EQ(frame.Iosb.Information, frame.Bytes.size());
+    }
+    Frame reply = NextFrame(world);
+    EXPECT_EQ(reply.Header.Tag, 1u);
+    EXPECT_EQ(reply.Header.Code, 0u);
+    reply = NextFrame(world);
+    EXPECT_EQ(reply.Header.Tag, 2u);
+    EXPECT_EQ(reply.Value(), static_cast<ULONG>(MODE_NORMAL));
+    EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+  });
+}
+
 // Items that finish at once behind a pended one run one after the other, not one inside the other.
 TEST(Serializer, ALongQueueRunsFlat) {
   RunWorld([](World *world) {
@@ -149,6 +183,8 @@ TEST(OpenClose, CleanupReachesThePortWhenOneSideHasIt) {
     EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLEANUP), 0u);
     EXPECT_EQ(WorldPort(world)->OpenCount, 1);
     EXPECT_EQ(WorldPort(world)->ProxyState, static_cast<ULONG>(PROXY_FOR_ZK));
+    CloseZk(world);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLEANUP), 1u);
   });
 }
 
@@ -161,6 +197,43 @@ TEST(OpenClose, AFailedCloseLeavesTheDeviceOpen) {
     EXPECT_EQ(WorldPort(world)->OpenCount, 1);
     EXPECT_EQ(OpenClient(world), STATUS_ACCESS_DENIED);
     world->Client = nullptr;
+  });
+}
+
+// An open without an item leaves no trace; a close without one never happened, so its device stays
+// open for good.
+TEST(OpenClose, WithoutAnItem) {
+  RunWorld([](World *world) {
+    PortExtension *port = WorldPort(world);
+    const FaultPlan plan = {FaultPool, FourCharacters("ZK0E"), 1, false};
+    FaultArm(plan);
+    EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(FaultDisarm());
+    EXPECT_EQ(port->Header.OpenRefs, 1);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), 0u);
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    FaultArm(plan);
+    CloseClient(world);
+    EXPECT_TRUE(FaultDisarm());
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLOSE), 0u);
+    EXPECT_EQ(port->OpenCount, 1);
+    EXPECT_EQ(OpenClient(world), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+  });
+}
+
+TEST(OpenClose, ACloseOfWhatIsNotOpen) {
+  RunWorld([](World *world) {
+    for (PDEVICE_OBJECT device :
+         {WorldPort(world)->Header.Device, WorldPort(world)->ControlDevice}) {
+      ULONG_PTR information = 77;
+      EXPECT_EQ(SendPacket(device, IRP_MJ_CLOSE, 0, nullptr, &information), STATUS_ACCESS_DENIED);
+      EXPECT_EQ(information, 0u);
+    }
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLOSE), 0u);
+    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
+    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+    EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
   });
 }
 

@@ -1,11 +1,15 @@
 // The life of a port under the Plug and Play manager: start, stop, the raw child, removal.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "driver/event_log.h"
 #include "tests/support/world.h"
 
 static const GUID PortInterface = {
     0x2046FBBA, 0x7912, 0x40B2, {0xAD, 0xCB, 0x73, 0x16, 0x13, 0x4A, 0xEB, 0x5E}};
+static const GUID BusGuid = {
+    0x5AEF25A0, 0xABAF, 0x419C, {0xBC, 0x99, 0x8A, 0x24, 0x16, 0x46, 0xB2, 0xC7}};
 static const GUID ControlInterface = {
     0x57089BA1, 0x471C, 0x4885, {0x9A, 0xCC, 0x8E, 0x40, 0x7B, 0x33, 0xBD, 0xE5}};
 
@@ -48,9 +52,122 @@ TEST(Pnp, TheControlDeviceIsARawChild) {
     EXPECT_TRUE(capabilities.RawDeviceOK && capabilities.SilentInstall &&
                 capabilities.SurpriseRemovalOK && !capabilities.UniqueID);
     EXPECT_EQ(capabilities.Address, 77u);
-    EXPECT_EQ(capabilities.SystemWake, static_cast<int>(WorldPort(world)->SystemWake));
-    EXPECT_EQ(capabilities.DeviceWake, static_cast<int>(WorldPort(world)->DeviceWake));
+    EXPECT_EQ(capabilities.SystemWake, PowerSystemSleeping3);  // what the bus says of the port
+    EXPECT_EQ(capabilities.DeviceWake, PowerDeviceD2);
   });
+}
+
+// The child keeps a state of its own, which opens nothing and closes nothing.
+TEST(Pnp, TheRawChildStops) {
+  RunWorld([](World *world) {
+    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+    ULONG *state = &WorldPort(world)->Control->Header.PnpState;
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    EXPECT_EQ(PnpSend(control, IRP_MN_QUERY_STOP_DEVICE), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(PnpSend(control, IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
+    EXPECT_EQ(*state, static_cast<ULONG>(PNP_NEVER_STARTED));
+    CloseClient(world);
+    EXPECT_EQ(PnpSend(control, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
+    EXPECT_EQ(*state, static_cast<ULONG>(PNP_STOP_PENDING));
+    EXPECT_EQ(PnpSend(control, IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
+    EXPECT_EQ(*state, static_cast<ULONG>(PNP_STARTED));
+    EXPECT_EQ(PnpSend(control, IRP_MN_STOP_DEVICE), STATUS_SUCCESS);
+    EXPECT_EQ(*state, static_cast<ULONG>(PNP_STOPPED));
+    EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+  });
+}
+
+// An identifier that got no memory when the device was made is answered with success and nothing.
+TEST(Pnp, AnIdentifierWithoutMemory) {
+  for (uint64_t nth : {2u, 3u}) {  // after the name of the driver below: hardware IDs, device ID
+    RunReport report = ModelRun({}, [&] {
+      World world;
+      WorldLoad(&world);
+      FaultArm({FaultPool, FourCharacters("ZK19"), nth, false});
+      EXPECT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+      EXPECT_TRUE(FaultDisarm());
+      for (BUS_QUERY_ID_TYPE type : {BusQueryDeviceID, BusQueryHardwareIDs}) {
+        ULONG_PTR information = 0;
+        EXPECT_EQ(SendPacket(
+                      WorldPort(&world)->ControlDevice, IRP_MJ_PNP, IRP_MN_QUERY_ID,
+                      [=](PIO_STACK_LOCATION stack) { stack->Parameters.QueryId.IdType = type; },
+                      &information),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(information == 0, (type == BusQueryHardwareIDs) == (nth == 2));
+        if (information != 0) {
+          ExFreePoolWithTag(reinterpret_cast<PVOID>(information), 0);
+        }
+      }
+      EXPECT_EQ(OpenZk(&world), STATUS_SUCCESS);
+      WorldEnd(&world);
+    });
+    EXPECT_FALSE(report.Stopped) << report.Text;
+  }
+}
+
+// Children that the request brings stay in front, and their block is freed (the pool is checked).
+TEST(Pnp, RelationsKeepWhatTheyCarry) {
+  RunWorld([](World *world) {
+    PDEVICE_OBJECT child = PnpPdo(world->Node);  // any device will do
+    auto *carried = static_cast<PDEVICE_RELATIONS>(
+        ExAllocatePoolWithTag(PagedPool, sizeof(DEVICE_RELATIONS), FourCharacters("Test")));
+    carried->Count = 1;
+    carried->Objects[0] = child;
+    ULONG_PTR information = reinterpret_cast<ULONG_PTR>(carried);
+    ASSERT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_DEVICE_RELATIONS, &information),
+              STATUS_SUCCESS);
+    auto *relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
+    ASSERT_NE(relations, carried);
+    ASSERT_EQ(relations->Count, 2u);
+    EXPECT_EQ(relations->Objects[0], child);
+    EXPECT_EQ(relations->Objects[1], WorldPort(world)->ControlDevice);
+    ObDereferenceObject(relations->Objects[1]);
+    ExFreePoolWithTag(relations, 0);
+  });
+}
+
+// Start, capabilities and removal that the port takes its time for.
+TEST(Pnp, PendingBelow) {
+  RunReport report = ModelRun({}, [] {
+    World world;
+    WorldOptions options;
+    options.Start = false;
+    WorldLoad(&world);
+    ASSERT_EQ(WorldAdd(&world, options), STATUS_SUCCESS);
+    PortExtension *port = WorldPort(&world);
+    world.Lower.How[IRP_MJ_PNP] = Behaviour::Deaf;
+    bool started = false;
+    PKTHREAD starter = ThreadStart("start", [&] {
+      EXPECT_EQ(PnpStart(world.Node), STATUS_SUCCESS);
+      started = true;
+    });
+    ThreadSettle();
+    EXPECT_EQ(OpenClient(&world), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(LowerFinish(&world.Lower, IRP_MJ_PNP));  // the start
+    ThreadSettle();
+    EXPECT_EQ(port->SystemWake, 0u);
+    EXPECT_FALSE(started);
+    EXPECT_TRUE(LowerFinish(&world.Lower, IRP_MJ_PNP));  // the capabilities
+    ThreadJoin(starter);
+    EXPECT_EQ(port->SystemWake, static_cast<ULONG>(PowerSystemSleeping3));
+    EXPECT_EQ(OpenClient(&world), STATUS_SUCCESS);
+    CloseClient(&world);
+
+    // The filter does not wait for the removal: it goes, and the request is still pending.
+    bool removed = false;
+    PKTHREAD remover = ThreadStart("remove", [&] {
+      PnpRemove(world.Node);
+      removed = true;
+    });
+    ThreadSettle();
+    EXPECT_EQ(DeviceCount(world.Driver), 0u);
+    EXPECT_FALSE(removed);
+    EXPECT_TRUE(LowerFinish(&world.Lower, IRP_MJ_PNP));
+    ThreadJoin(remover);
+    world.Node = nullptr;
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
 // Requests of the child that get no memory, or that it does not know, answer as the manager
@@ -67,6 +184,14 @@ TEST(Pnp, RawChildAnswersUnderPressure) {
       EXPECT_TRUE(FaultDisarm());
     }
     EXPECT_EQ(PnpSend(control, IRP_MN_QUERY_DEVICE_TEXT), STATUS_NOT_SUPPORTED);
+    ULONG_PTR information = 0;
+    EXPECT_EQ(PnpSend(control, IRP_MN_QUERY_BUS_INFORMATION, &information), STATUS_SUCCESS);
+    auto *bus = reinterpret_cast<PPNP_BUS_INFORMATION>(information);
+    ASSERT_NE(bus, nullptr);
+    EXPECT_EQ(memcmp(&bus->BusTypeGuid, &BusGuid, sizeof(GUID)), 0);
+    EXPECT_EQ(bus->LegacyBusType, PNPBus);
+    EXPECT_EQ(bus->BusNumber, 0u);
+    ExFreePoolWithTag(bus, 0);
     ULONG_PTR relations = 0;
     EXPECT_EQ(SendPacket(
                   control, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
@@ -128,21 +253,31 @@ TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
     PortExtension *port = WorldPort(world);
     GoNormal(world);
     ASSERT_EQ(PnpSend(port->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS);
-    Io write, cancelled, zkRead, command;
+    Io write, second, cancelled, zkRead, command;
     EXPECT_EQ(StartWrite(world->Client, &write, "later"), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &cancelled, "never"), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &second, ", last"), STATUS_PENDING);
     EXPECT_EQ(StartRead(world->Zk, &zkRead, 100), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Zk, &command, MakeFrame(FRAME_CONTROL, 9, COMMAND_GET_MODE)),
               STATUS_PENDING);
-    EXPECT_EQ(port->RequestCount, 5);
+    EXPECT_EQ(port->RequestCount, 6);
+    OwnPacket late;
+    late.Cancelled = true;
+    EXPECT_EQ(OwnSend(port->Header.Device, IRP_MJ_WRITE, &late), STATUS_CANCELLED);
+    EXPECT_EQ(OwnWait(&late), STATUS_CANCELLED);
+    EXPECT_EQ(late.Iosb.Information, 0u);
+    EXPECT_EQ(port->RequestCount, 6);
     EXPECT_TRUE(FileCancel(&cancelled));
     EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
     EXPECT_EQ(LowerWritten(&world->Lower), "");
     ASSERT_EQ(PnpSend(port->Header.Device, IRP_MN_CANCEL_REMOVE_DEVICE), STATUS_SUCCESS);
     EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&second), STATUS_SUCCESS);
+    EXPECT_EQ(LowerWritten(&world->Lower), "later, last");
     EXPECT_EQ(FileWait(&command), STATUS_SUCCESS);
     EXPECT_EQ(FileWait(&zkRead), STATUS_SUCCESS);
     EXPECT_EQ(DecodeFrame(zkRead).Payload, "later");  // ZK's read stayed ZK's
+    EXPECT_EQ(NextFrame(world).Payload, ", last");
     EXPECT_EQ(NextFrame(world).Header.Tag, 9u);
     EXPECT_EQ(port->RequestCount, 1);
     CloseClient(world);
@@ -179,6 +314,87 @@ TEST(Pnp, ARemovalEndsWhatTheQueryParked) {
     WorldEnd(&world);
   });
   EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+// An open, and a close whose cleanup was through before the query came.
+TEST(Pnp, ARemovalEndsParkedOpensAndCloses) {
+  RunReport report = ModelRun({}, [] {
+    World world;
+    WorldLoad(&world);
+    ASSERT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+    LowerPort *lower = &world.Lower;
+    lower->How[IRP_MJ_READ] = Behaviour::Deaf;
+    ASSERT_EQ(OpenClient(&world), STATUS_SUCCESS);
+    Io read;
+    EXPECT_EQ(StartRead(world.Client, &read, 8), STATUS_PENDING);
+    CloseClient(&world);  // the read keeps the file object, and with it the close
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_CLEANUP), 1u);
+    PortExtension *port = WorldPort(&world);
+    ASSERT_EQ(PnpSend(port->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS);
+    NTSTATUS opened = STATUS_SUCCESS;
+    PKTHREAD opener = ThreadStart("open", [&] { opened = OpenZk(&world); });
+    PKTHREAD closer = ThreadStart("finish", [&] {
+      LowerFinish(lower, IRP_MJ_READ);
+      FileWait(&read);
+    });
+    ThreadSettle();
+    EXPECT_EQ(port->RequestCount, 3);  // both parked
+    PnpRemove(world.Node, true);
+    world.Node = nullptr;
+    ThreadJoin(opener);
+    ThreadJoin(closer);
+    EXPECT_EQ(opened, STATUS_DELETE_PENDING);
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 1u);
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_CLOSE), 0u);
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+// What waits or is parked ends only when the drivers below have seen the removal; at a surprise
+// removal before.
+TEST(Pnp, TheLowerDriversHearOfARemovalFirst) {
+  for (UCHAR minor : {IRP_MN_REMOVE_DEVICE, IRP_MN_SURPRISE_REMOVAL}) {
+    RunReport report = ModelRun({}, [=] {
+      World world;
+      WorldLoad(&world);
+      ASSERT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+      GoNormal(&world);
+      struct Witness {
+        LowerPort *Lower;
+        UCHAR Minor;
+        int Seen, Missed;
+      } witness = {&world.Lower, minor, 0, 0};
+      Io clientReads[2], zkRead, held;
+      for (Io *io : {&clientReads[0], &clientReads[1], &zkRead, &held}) {
+        io->Context = &witness;
+        io->OnDone = [](FileRequest *, void *Context) {
+          auto *w = static_cast<Witness *>(Context);
+          ++(LowerCount(w->Lower, IRP_MJ_PNP, w->Minor) != 0 ? w->Seen : w->Missed);
+        };
+      }
+      for (Io &read : clientReads) {
+        EXPECT_EQ(StartRead(world.Client, &read, 8), STATUS_PENDING);
+      }
+      EXPECT_EQ(StartRead(world.Zk, &zkRead, 100), STATUS_PENDING);
+      ASSERT_EQ(PnpSend(WorldPort(&world)->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE),
+                STATUS_SUCCESS);
+      EXPECT_EQ(StartWrite(world.Client, &held, "x"), STATUS_PENDING);
+      if (minor == IRP_MN_SURPRISE_REMOVAL) {
+        PnpSurpriseRemove(world.Node);
+        EXPECT_EQ(witness.Missed, 4);
+      } else {
+        PnpRemove(world.Node, true);
+        world.Node = nullptr;
+        EXPECT_EQ(witness.Seen, 4);
+      }
+      EXPECT_EQ(FileWait(&held), STATUS_DELETE_PENDING);
+      CloseClient(&world);
+      CloseZk(&world);
+      WorldEnd(&world);
+    });
+    EXPECT_FALSE(report.Stopped) << report.Text;
+  }
 }
 
 enum class Ending { Removal, Surprise };
@@ -226,8 +442,26 @@ static void RemoveBusyPort(Ending How, ULONG Buffering, bool Locked) {
                   status == STATUS_DELETE_PENDING)
           << std::hex << status;
     }
-    FileWait(&zkReads[0]);
-    FileWait(&zkReads[1]);
+    std::string zkSaw;
+    for (Io &read : zkReads) {
+      NTSTATUS status = FileWait(&read);
+      Frame frame = DecodeFrame(read);
+      auto code = static_cast<NTSTATUS>(frame.Header.Code);
+      if (status != STATUS_SUCCESS) {
+        zkSaw += status == STATUS_CANCELLED ? "cancelled;" : "other;";
+      } else if (frame.Header.Type == FRAME_CONTROL_REPLY) {
+        zkSaw += "reply;";
+      } else {
+        zkSaw += code == STATUS_CANCELLED              ? "stopped read;"
+                 : code == STATUS_DEVICE_NOT_CONNECTED ? "lost read;"
+                                                       : "frame;";
+      }
+    }
+    // Locked, the first had the reply and the second the engine's read that the lock stopped. A
+    // surprise sweeps before the port goes; a removal after it, when the port has ended the read.
+    EXPECT_EQ(zkSaw, Locked                    ? "reply;stopped read;"
+                     : How == Ending::Surprise ? "cancelled;cancelled;"
+                                               : "lost read;cancelled;");
     if (Locked) {
       EXPECT_EQ(FileWait(&parked[0]), STATUS_CANCELLED);
       EXPECT_EQ(FileWait(&parked[1]), STATUS_CANCELLED);

@@ -182,7 +182,7 @@ static NTSTATUS Entry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
   return STATUS_SUCCESS;
 }
 
-static PortSpec Load() {
+static PortDescription Load() {
   Log.clear();
   StartStatus = FilterAddStatus = STATUS_SUCCESS;
   Refused = 0xFF;
@@ -196,7 +196,7 @@ static PortSpec Load() {
   Filter->MajorFunction[IRP_MJ_PNP] = [](PDEVICE_OBJECT Device, PIRP Irp) {
     return FilterPnp(Device, Irp);
   };
-  PortSpec port;
+  PortDescription port;
   port.Drivers = {Function, Filter};
   port.Values["PortName"] = RegistryText("COM3");
   return port;
@@ -260,7 +260,7 @@ TEST(Pnp, RemovalGoesToChildrenFirst) {
 
 TEST(Pnp, RemovalWaitsForHandlesUnlessForced) {
   ExpectCleanOnBoth([] {
-    PortSpec port = Load();
+    PortDescription port = Load();
     PnpNode *node = PnpAdd(port);
     PnpStart(node);
     static HANDLE handle;
@@ -288,7 +288,7 @@ TEST(Pnp, RemovalWaitsForHandlesUnlessForced) {
 
 TEST(Pnp, FailuresLeaveNothing) {
   ExpectClean([] {
-    PortSpec port = Load();
+    PortDescription port = Load();
     NTSTATUS status;
     FilterAddStatus = STATUS_INSUFFICIENT_RESOURCES;
     EXPECT_EQ(PnpAdd(port, &status), nullptr);
@@ -318,7 +318,7 @@ TEST(Pnp, UnknownRequestsComeBackAsTheyWere) {
 
 TEST(Pnp, HardwareKeyOfThePort) {
   ExpectClean([] {
-    PortSpec port = Load();
+    PortDescription port = Load();
     PnpNode *node = PnpAdd(port);
     HANDLE key;
     EXPECT_EQ(IoOpenDeviceRegistryKey(PnpPdo(node), PLUGPLAY_REGKEY_DEVICE, READ_CONTROL, &key),
@@ -383,7 +383,7 @@ static const BadRoutine BadDrivers[] = {
      }},
     {"stays attached", "device.not-detached",
      [] {
-       PortSpec port = Load();
+       PortDescription port = Load();
        port.Drivers = {Filter};
        FilterPnp = SendDown;
        PnpRemove(PnpAdd(port));
@@ -391,7 +391,7 @@ static const BadRoutine BadDrivers[] = {
     {"stays attached to a deleted device", "leak.device", [] { StartWith(SendDown); }},
     {"stays initializing", "device.initializing",
      [] {
-       PortSpec port = Load();
+       PortDescription port = Load();
        Filter->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
          FilterAdd(Driver, Pdo);
          Driver->DeviceObject->Flags |= DO_DEVICE_INITIALIZING;
@@ -401,7 +401,7 @@ static const BadRoutine BadDrivers[] = {
      }},
     {"other buffering than below", "device.flags",
      [] {
-       PortSpec port = Load();
+       PortDescription port = Load();
        Filter->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
          FilterAdd(Driver, Pdo);
          Driver->DeviceObject->Flags ^= DO_BUFFERED_IO | DO_DIRECT_IO;

@@ -6,7 +6,7 @@ static const WCHAR WidePath[] = L"\\REGISTRY\\Machine\\Some";
 // A value as the kernel lays it out: the data starts at a multiple of 8.
 TEST(Registry, FullInformation) {
   ExpectClean([] {
-    PortSpec port;
+    PortDescription port;
     port.Values["Abc"] = RegistryDword(0x11223344);
     port.Values["Name"] = RegistryText("COM3", false);
     PnpNode *node = PnpAdd(port);

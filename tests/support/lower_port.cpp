@@ -63,6 +63,7 @@ static void Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::stri
     if (information != 0) {
       memcpy(BufferOf(Irp), Bytes.data(), information);
     }
+    information = Port->ClaimedRead != 0 ? Port->ClaimedRead : information;
   } else if (stack->MajorFunction == IRP_MJ_WRITE && NT_SUCCESS(Status)) {
     information = stack->Parameters.Write.Length;
   } else if (stack->MajorFunction == IRP_MJ_CREATE && Status == STATUS_SUCCESS) {
@@ -132,7 +133,9 @@ static PIRP TakeHeld(LowerPort *Port, UCHAR Major) {
 static NTSTATUS ServeQueuedRead(LowerPort *Port, PIRP Irp) {
   std::string bytes = TakeInput(Port, IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length);
   if (bytes.empty()) {
-    return Hold(Port, Irp, true);
+    NTSTATUS status = Hold(Port, Irp, true);
+    LowerFeed(Port, "");  // what came in before the read was held
+    return status;
   }
   Complete(Port, Irp, STATUS_SUCCESS, bytes, false);
   return STATUS_SUCCESS;
@@ -333,17 +336,26 @@ bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status, const std::strin
   return true;
 }
 
+static bool HasInput(LowerPort *Port) {
+  std::lock_guard<std::mutex> guard(Port->Mutex);
+  return !Port->Input.empty();
+}
+
 void LowerFeed(LowerPort *Port, const std::string &Bytes) {
   {
     std::lock_guard<std::mutex> guard(Port->Mutex);
     Port->Input += Bytes;
   }
-  while (PIRP irp = TakeHeld(Port, IRP_MJ_READ)) {
+  while (HasInput(Port)) {
+    PIRP irp = TakeHeld(Port, IRP_MJ_READ);
+    if (irp == nullptr) {
+      return;
+    }
     std::string bytes = TakeInput(Port, IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length);
     if (bytes.empty()) {
       Hold(Port, irp, true);
-      return;
+    } else {
+      Complete(Port, irp, STATUS_SUCCESS, bytes, Port->AtDispatchLevel);
     }
-    Complete(Port, irp, STATUS_SUCCESS, bytes, Port->AtDispatchLevel);
   }
 }

@@ -38,6 +38,7 @@ struct LowerPort {
   NTSTATUS Result[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};  // of inline completions
   NTSTATUS StartResult = STATUS_SUCCESS;
   bool AtDispatchLevel = false;  // completes held requests there
+  ULONG_PTR ClaimedRead = 0;     // when not 0, the Information of reads, whatever they brought
 
   std::mutex Mutex;  // of the two below; never held across a call into the kernel
   std::vector<LowerSeen> Seen;

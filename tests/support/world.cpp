@@ -32,7 +32,7 @@ static void DeclareLockOrder(PortExtension *Port) {
 }
 
 NTSTATUS WorldAdd(World *World, const WorldOptions &Options) {
-  PortSpec port;
+  PortDescription port;
   port.Values = Options.Values;
   port.Values.try_emplace("PortName", RegistryText(World->Lower.Name));
   port.Drivers = {World->PortDriver, World->Driver};
