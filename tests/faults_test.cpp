@@ -207,6 +207,7 @@ TEST(Faults, TheCallDownThreadDies) {
     for (Io &read : reads) {
       EXPECT_EQ(StartRead(world->Client, &read, 1), STATUS_PENDING);
     }
+    ThreadSettle();  // the thread waits by now
     FaultArm({FaultWait, 0, 1, false});
     LowerFeed(&world->Lower, "a");  // the next read is posted; after it the thread's wait fails
     ThreadSettle();
