@@ -43,6 +43,7 @@
 //   handle.bad                not an open handle
 //   leak.pool leak.object leak.handle leak.thread   left over at the end of a run
 //   fastfail bugcheck         the driver stopped the system itself
+//   assertion                 an assertion of the driver failed
 //   schedule.diverged         a replayed run offered other choices: it depends on something else
 //   model.no-thread           the machine ran out of threads
 #pragma once
