@@ -11,7 +11,7 @@
 // may have been written after it.
 //
 // A pty keeps eight data bits and no parity, whatever is asked of it. So only speed, stop bits and
-// flow control follow the client; word length and parity stay as the port's line had them.
+// flow control follow the client; word length and parity are those of the options' line.
 #include "host/client_pty.h"
 
 #include <cerrno>
@@ -33,6 +33,7 @@
 
 constexpr size_t ReadBytes = 4096;
 constexpr size_t WriteBytes = 4096;
+constexpr uint8_t UnknownStopBits = 0xFF;
 
 // Closed -> Opening: an open was noticed. Opening -> Open: the port was opened; -> Closed: it was
 // not. Open -> Closing: the client is gone and nothing is outstanding. Closing -> Closed.
@@ -252,7 +253,9 @@ static void SessionOpened(ClientPty *Client) {
     return;
   }
   Client->State = ClientState::Open;
-  Client->Told.Speed = 0;  // tell the port the speed in any case
+  // Tell the port these in any case, and with the stop bits the word length and the parity.
+  Client->Told.Speed = 0;
+  Client->Told.StopBits = UnknownStopBits;
   if (Client->Stopped) {
     Leave(Client);
     return;

@@ -16,6 +16,7 @@
 #include "host/host_log.h"
 #include "host/port.h"
 #include "host/serial_driver.h"
+#include "host/serial_line.h"
 
 // The filter's entry, all that a loader knows of a driver.
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
@@ -27,6 +28,7 @@ struct HostOptions {
   std::vector<std::string> Names;
   std::string Directory;
   std::vector<std::string> Registry;
+  std::string Line;
   bool Verify = false;
 };
 
@@ -116,14 +118,23 @@ static std::vector<PortOptions> ParseOptions(int Count, char **Arguments, HostOp
   app.add_option("--registry", Options->Registry, "a value of every port's device key")
       ->allow_extra_args(false)
       ->type_name("NAME=VALUE");
+  app.add_option("--line", Options->Line,
+                 "speed, bits, parity and stop bits of every port, as 9600,7E1 or 7E1 (default: as "
+                 "its device has them); clients may change speed and stop bits")
+      ->type_name("LINE");
   app.add_flag("--verify", Options->Verify, "let the verifier watch every driver");
   std::vector<PortOptions> ports;
   try {
     app.parse(Count, Arguments);
     CheckNames(*Options);
+    LineSettings line;
+    if (!Options->Line.empty() && !LineParse(Options->Line, &line)) {
+      throw CLI::ValidationError("--line", "\"" + Options->Line + "\" is no line as 9600,7E1");
+    }
     std::map<std::string, RegistryValue> registry = ParseRegistry(Options->Registry);
     for (size_t i = 0; i < Options->Ttys.size(); ++i) {
-      ports.push_back({Options->Ttys[i], Options->Names[i], Options->Directory, registry});
+      ports.push_back(
+          {Options->Ttys[i], Options->Names[i], Options->Directory, registry, Options->Line});
     }
   } catch (const CLI::ParseError &error) {
     exit(app.exit(error) == 0 ? ExitFine : ExitUsage);

@@ -103,6 +103,7 @@ static std::string ClaimName(Port *Port) {
 static std::string CheckTty(Port *Port) {
   int fd = TtyOpen(Port->Options.Tty);
   int error = fd < 0 ? -fd : LineRead(fd, &Port->Line);
+  LineParse(Port->Options.Line, &Port->Line);
   if (fd >= 0) {
     TtyClose(fd);
   }

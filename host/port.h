@@ -13,6 +13,7 @@ struct PortOptions {
   std::string Name;  // "COM3"
   std::string Directory;
   std::map<std::string, RegistryValue> Registry;  // of the device key, besides the port's own
+  std::string Line;                               // for LineParse; empty leaves the tty's own
 };
 
 struct Port;

@@ -185,3 +185,41 @@ uint32_t LineOutputWaiting(int Fd) {
   int bytes = 0;
   return ioctl(Fd, TIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<uint32_t>(bytes) : 0;
 }
+
+// "7E1": bits, parity and stop bits.
+static bool ParseFrame(const std::string &Text, LineSettings *Settings) {
+  static const std::string parities = "NOEMS";  // in the order of PARITY_...
+  if (Text.size() != 3 || Text[0] < '5' || Text[0] > '8' || (Text[2] != '1' && Text[2] != '2')) {
+    return false;
+  }
+  size_t parity = parities.find(Text[1]);
+  if (parity == std::string::npos) {
+    return false;
+  }
+  Settings->WordLength = static_cast<uint8_t>(Text[0] - '0');
+  Settings->Parity = static_cast<uint8_t>(parity);
+  Settings->StopBits = Text[2] == '1' ? STOP_BIT_1 : STOP_BITS_2;
+  return true;
+}
+
+static bool ParseSpeed(const std::string &Text, LineSettings *Settings) {
+  constexpr size_t digitsMost = 8;
+  if (Text.empty() || Text.size() > digitsMost ||
+      Text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  Settings->Speed = static_cast<uint32_t>(std::stoul(Text));
+  return Settings->Speed != 0;
+}
+
+bool LineParse(const std::string &Text, LineSettings *Settings) {
+  LineSettings parsed = *Settings;
+  size_t comma = Text.find(',');
+  bool fine = comma == std::string::npos ? ParseFrame(Text, &parsed) || ParseSpeed(Text, &parsed)
+                                         : ParseSpeed(Text.substr(0, comma), &parsed) &&
+                                               ParseFrame(Text.substr(comma + 1), &parsed);
+  if (fine) {
+    *Settings = parsed;
+  }
+  return fine;
+}

@@ -29,6 +29,9 @@ void TtyClose(int Fd);
 std::string TtyErrorText(int Error);
 
 int LineRead(int Fd, LineSettings *Settings);
+// Changes Settings as Text says: a speed, a frame as 7E1 (bits, parity NOEMS, stop bits), or both
+// with a comma between. False, and nothing changed, when it says something else.
+bool LineParse(const std::string &Text, LineSettings *Settings);
 // Sets the line: eight-bit clean, no echo, no signals, and Settings.
 int LineApply(int Fd, const LineSettings &Settings);
 

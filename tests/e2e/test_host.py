@@ -63,6 +63,8 @@ class Refusals(support.RigTest):
                           port + ["--name", "../COM3"], port + ["--name", ""],
                           port + ["--name", "COM3"] + port + ["--name", "COM4"],
                           port + ["--name", "COM3", "--registry", "frob"],
+                          port + ["--name", "COM3", "--line", "9600,9N1"],
+                          port + ["--name", "COM3", "--line", "0"],
                           port + ["--name", "COM3", "--registry", "VORLIXUseEdo=4294967296"]):
             host = self.enter(rig.Process(
                 self.loop, [support.HOST, "--dir", self.directory, *arguments]))

@@ -43,6 +43,21 @@ class Opens(support.PortTest):
             self.receives(self.device, expected, f"what was written before close {number}")
 
 
+class GivenLine(support.PortTest):
+    OPTIONS = ("--line", "19200,7O2")
+
+    def test_the_line_of_the_options_reaches_the_port(self):
+        fd = os.open(self.port_host.client_path(), os.O_RDWR | os.O_NOCTTY)
+        self.addCleanup(os.close, fd)
+        os.write(fd, b"x")
+        self.receives(self.device, b"x", "the byte behind the settings")
+        line = self.device.line()
+        self.assertEqual(line.speed, 19200)
+        # Of the parity a pty keeps this bit.
+        for flag in (termios.CSTOPB, termios.PARODD):
+            self.assertTrue(line.control & flag)
+
+
 class Line(support.PortTest):
     # A pty keeps eight bits and no parity whatever it is told, on both ends, so that only the rest
     # of the settings can be seen here.
