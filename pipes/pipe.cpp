@@ -111,6 +111,7 @@ void PipeCompleteList(PLIST_ENTRY Completed) {
 }
 
 void PipePromoteNext(Pipe *Pipe, PipeElement **Slot, PLIST_ENTRY Queue, PLIST_ENTRY Completed) {
+  UNREFERENCED_PARAMETER(Pipe);  // names the lock that the caller holds
   // The cancel spin lock is taken even for an empty queue: a cancel routine of the element that
   // just left the slot may be between reading the element and its own reference, and whoever frees
   // the element has to come after it.
@@ -133,7 +134,6 @@ void PipePromoteNext(Pipe *Pipe, PipeElement **Slot, PLIST_ENTRY Queue, PLIST_EN
       IoSetCancelRoutine(request, PipeCancelCurrent);
     }
   }
-  UNREFERENCED_PARAMETER(Pipe);
   IoReleaseCancelSpinLock(irql);
 }
 

@@ -264,7 +264,7 @@ static NTSTATUS LowerAddDevice(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
     IoDeleteDevice(device);
     return STATUS_UNSUCCESSFUL;
   }
-  device->Flags |= port->BufferingFlags | port->ExtraFlags;
+  device->Flags |= port->BufferingFlags;
   device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
   return STATUS_SUCCESS;
 }

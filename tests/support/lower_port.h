@@ -30,7 +30,6 @@ struct LowerPort {
   PDEVICE_OBJECT Device = nullptr;
   PDEVICE_OBJECT Lower = nullptr;
   ULONG BufferingFlags = DO_BUFFERED_IO;
-  ULONG ExtraFlags = 0;
   std::string Name = "COM3";
   bool MakesName = true;  // gives the DOS name to its device
 
