@@ -27,8 +27,8 @@ static void MarkSide(PDEVICE_OBJECT Device, BOOLEAN Open) REQUIRES(SerializerRol
   ApplyStateFlags(port, Device, Open ? flags | side : flags & ~side);
 }
 
-static void MarkOpen(PDEVICE_OBJECT Device) {
-  HoldFilterDevice(Device);
+static void MarkOpen(PDEVICE_OBJECT Device, PIRP Irp) {
+  HoldFilterDevice(Device, Irp);
   WriteULongRelease(&HeaderOf(Device)->OpenState, OPEN_STATE_OPEN);
 }
 
@@ -47,7 +47,7 @@ static BOOLEAN DecideOpen(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerRo
     return FALSE;
   }
   MarkSide(Device, TRUE);
-  MarkOpen(Device);
+  MarkOpen(Device, Irp);
   Decide(Irp, STATUS_SUCCESS);
   return TRUE;
 }
@@ -91,13 +91,14 @@ static BOOLEAN OpenCloseGate(PIRP Irp) REQUIRES(SerializerRole) {
                                                : DecideClose(stack->DeviceObject, Irp);
 }
 
-static void Opened(PDEVICE_OBJECT Device, PIO_STACK_LOCATION Stack) REQUIRES(SerializerRole) {
+static void Opened(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerRole) {
   PortExtension *port = PortOf(Device);
-  WritePointerRelease(&port->LowerOpenContext, Stack->FileObject->FsContext);
+  WritePointerRelease(&port->LowerOpenContext,
+                      IoGetCurrentIrpStackLocation(Irp)->FileObject->FsContext);
   SendZkMessage(Device, MESSAGE_SESSION,
                 IsZkSide(Device) ? L"ZK opened on %ws\n" : L"COM port opened on %ws\n",
                 PortLinkName(port));
-  MarkOpen(Device);
+  MarkOpen(Device, Irp);
   MarkSide(Device, TRUE);
 }
 
@@ -132,8 +133,8 @@ static void Failed(PDEVICE_OBJECT Device, BOOLEAN Open) REQUIRES(SerializerRole)
 static NTSTATUS OpenCloseDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
   RunningAsSerializerItem();
   auto *serializer = static_cast<RequestSerializer *>(Context);
-  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
-  BOOLEAN open = static_cast<BOOLEAN>(stack->MajorFunction == IRP_MJ_CREATE);
+  BOOLEAN open =
+      static_cast<BOOLEAN>(IoGetCurrentIrpStackLocation(Irp)->MajorFunction == IRP_MJ_CREATE);
   PDEVICE_OBJECT held = TakeFilterHold(Device, Irp);
   if (Irp->PendingReturned) {
     IoMarkIrpPending(Irp);
@@ -142,7 +143,7 @@ static NTSTATUS OpenCloseDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
   if (Irp->IoStatus.Status != STATUS_SUCCESS) {
     Failed(Device, open);
   } else if (open) {
-    Opened(Device, stack);
+    Opened(Device, Irp);
   } else {
     Closed(Device);
   }

@@ -47,17 +47,17 @@ constexpr ULONG PACKET_DUMP_CLIENT_READ = 0x2;
 
 struct ExtensionHeader {
   PDEVICE_OBJECT Device;
-  ULONG Kind;              // KIND_..., never changes
-  BOOLEAN Removed;         // filter: a removal came; power requests are refused from then on
-  ULONG DebugLevel;        // read from the registry and copied; governs nothing yet
-  ULONG DevicePowerState;  // last reported to the power manager
+  ULONG Kind;        // KIND_..., never changes
+  UCHAR Removed;     // atomic; filter: a removal came; power requests are refused from then on
+  ULONG DebugLevel;  // read from the registry and copied; governs nothing yet
+  ULONG DevicePowerState;  // atomic; last reported to the power manager
   ULONG OpenState;         // atomic; OPEN_STATE_...
   LONG OpenRefs;           // interlocked; one base reference and one an open
   KEVENT OpenDrainEvent;   // set when OpenRefs reaches 0
   LIST_ENTRY PassThroughList GUARDED_BY(CancelSpinLock);  // tracked requests that are down
   ULONG PacketDump;                                       // PACKET_DUMP_... bits
   ULONG PnpState;                                         // atomic; PNP_...
-  PDEVICE_OBJECT LowerDevice;  // filter, auxiliary: the device attached over
+  PDEVICE_OBJECT LowerDevice;  // atomic; filter, auxiliary: the device attached over
   LONG FilterHolds;  // control, auxiliary: interlocked; handles that keep the filter device
 };
 
@@ -78,7 +78,7 @@ static_assert(offsetof(ControlExtension, FilterDevice) ==
 
 struct PortExtension {
   ExtensionHeader Header;
-  BOOLEAN StartedOnce;
+  UCHAR StartedOnce;         // atomic
   ULONG ReportControlChild;  // control devices to add to the bus relations: 0 or 1
   PDEVICE_OBJECT ControlDevice;
   ControlExtension *Control;
@@ -138,14 +138,15 @@ inline PortExtension *PortOf(PDEVICE_OBJECT Device) {
   return static_cast<PortExtension *>(extension);
 }
 
-// Where a request that goes down from Device goes to.
-inline PDEVICE_OBJECT LowerDeviceOf(PDEVICE_OBJECT Device) {
-  ExtensionHeader *header = HeaderOf(Device);
-  return header->Kind == KIND_CONTROL ? PortOf(Device)->Header.LowerDevice : header->LowerDevice;
-}
-
 inline BOOLEAN IsZkSide(PDEVICE_OBJECT Device) {
   return static_cast<BOOLEAN>(HeaderOf(Device)->Kind == KIND_CONTROL);
+}
+
+// Where a request that goes down from Device goes to.
+inline PDEVICE_OBJECT LowerDeviceOf(PDEVICE_OBJECT Device) {
+  const ExtensionHeader *header = IsZkSide(Device) ? &PortOf(Device)->Header : HeaderOf(Device);
+  return static_cast<PDEVICE_OBJECT>(
+      ReadPointerAcquire(reinterpret_cast<PVOID const volatile *>(&header->LowerDevice)));
 }
 
 inline Pipe *PipeOfSide(PDEVICE_OBJECT Device) {

@@ -174,9 +174,14 @@ void PnpHeldRequestCancel(PDEVICE_OBJECT Device, PIRP Irp) {
   CompleteRequest(Device, Irp, STATUS_CANCELLED, 0);
 }
 
-void HoldFilterDevice(PDEVICE_OBJECT Device) {
+static BOOLEAN IsOnHandleOf(PDEVICE_OBJECT Device, PIRP Irp) {
+  PFILE_OBJECT file = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+  return static_cast<BOOLEAN>(file != nullptr && file->DeviceObject == Device);
+}
+
+void HoldFilterDevice(PDEVICE_OBJECT Device, PIRP Irp) {
   ExtensionHeader *header = HeaderOf(Device);
-  if (header->Kind != KIND_FILTER) {
+  if (header->Kind != KIND_FILTER && IsOnHandleOf(Device, Irp)) {
     ObReferenceObject(PortOf(Device)->Header.Device);
     InterlockedIncrement(&header->FilterHolds);
   }
@@ -185,7 +190,7 @@ void HoldFilterDevice(PDEVICE_OBJECT Device) {
 PDEVICE_OBJECT TakeFilterHold(PDEVICE_OBJECT Device, PIRP Irp) {
   ExtensionHeader *header = HeaderOf(Device);
   if (IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_CLOSE ||
-      header->Kind == KIND_FILTER) {
+      header->Kind == KIND_FILTER || !IsOnHandleOf(Device, Irp)) {
     return nullptr;
   }
   // A count: the next handle may be granted before the close of the last one gives its hold back.

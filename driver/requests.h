@@ -51,10 +51,12 @@ void RestartPnpHeldRequests(PDEVICE_OBJECT Device);
 // The cancel routine of a request parked by the gate.
 void PnpHeldRequestCancel(PDEVICE_OBJECT Device, PIRP Irp) RELEASE(CancelSpinLock);
 
-// A handle on the control or the auxiliary device keeps the filter device object, because the
-// handle's close may come when the port has long been removed. Take gives the device to
-// dereference, or null, to the close that ends the handle; null for any other request.
-void HoldFilterDevice(PDEVICE_OBJECT Device);
+// A handle on the control or the auxiliary device itself keeps that device, and must keep the
+// filter device object too: its close may come when the port has long been removed. (A handle on
+// the device below the auxiliary one keeps neither; after the removal its close goes there.) Hold
+// is for the open that made the handle; Take gives the device to dereference, or null, to the close
+// that ends it; null for any other request.
+void HoldFilterDevice(PDEVICE_OBJECT Device, PIRP Irp);
 PDEVICE_OBJECT TakeFilterHold(PDEVICE_OBJECT Device, PIRP Irp);
 void DropFilterHold(PDEVICE_OBJECT Held);
 

@@ -3,9 +3,8 @@
 #include "driver/entry.h"
 #include "driver/extension.h"
 #include "driver/pool_tags.h"
+#include "lifecycle/device_name.h"
 #include "lifecycle/port_interfaces.h"
-
-constexpr ULONG NAME_BYTES = 514;
 
 // Each text with its terminator, and one terminator more; commas and form feeds end a text too.
 static NTSTATUS BuildMultiString(PUNICODE_STRING Strings, const char *const *Texts) {
@@ -49,17 +48,6 @@ static NTSTATUS BuildMultiString(PUNICODE_STRING Strings, const char *const *Tex
   Strings->Length = static_cast<USHORT>(bytes);
   Strings->MaximumLength = static_cast<USHORT>(bytes);
   return STATUS_SUCCESS;
-}
-
-// "%s" is a wide string in the kernel's wide formatting; the number is spent even when a later step
-// fails, so that a name is never used twice.
-static NTSTATUS NameNextDevice(PWSTR Buffer, PUNICODE_STRING Name) {
-  LONG number = InterlockedIncrement(&DriverWide.ControlDevices);
-  NTSTATUS status = RtlStringCbPrintfW(Buffer, NAME_BYTES, L"%s%d", L"\\Device\\VORLIX", number);
-  if (status == STATUS_SUCCESS) {
-    RtlInitUnicodeString(Name, Buffer);
-  }
-  return status;
 }
 
 static NTSTATUS MakeLink(PortExtension *Port, PUNICODE_STRING DeviceName) {
@@ -113,21 +101,18 @@ static NTSTATUS CreateNamedDevice(PortExtension *Port, PUNICODE_STRING Name,
 }
 
 NTSTATUS CreateControlDevice(PortExtension *Port) {
-  auto *buffer = static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, NAME_BYTES, POOL_DEVICE_NAME));
-  if (buffer == nullptr) {
-    return STATUS_INSUFFICIENT_RESOURCES;
-  }
   UNICODE_STRING name;
-  PDEVICE_OBJECT device = nullptr;
-  NTSTATUS status = NameNextDevice(buffer, &name);
-  if (status == STATUS_SUCCESS) {
-    status = CreateNamedDevice(Port, &name, &device);
+  NTSTATUS status = MakeDeviceName(L"\\Device\\VORLIX", &DriverWide.ControlDevices, &name);
+  if (status != STATUS_SUCCESS) {
+    return status;
   }
+  PDEVICE_OBJECT device = nullptr;
+  status = CreateNamedDevice(Port, &name, &device);
   if (device != nullptr) {
     FillExtension(Port, device);
     EnterInPort(Port, device);
   }
-  ExFreePoolWithTag(buffer, POOL_DEVICE_NAME);
+  FreeDeviceName(&name);
   return status;
 }
 

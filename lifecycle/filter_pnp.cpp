@@ -5,6 +5,7 @@
 #include "driver/extension.h"
 #include "driver/pool_tags.h"
 #include "driver/requests.h"
+#include "lifecycle/auxiliary_device.h"
 #include "lifecycle/control_device.h"
 #include "lifecycle/port_config.h"
 #include "lifecycle/port_interfaces.h"
@@ -51,12 +52,6 @@ static NTSTATUS Complete(PDEVICE_OBJECT Device, PIRP Irp, NTSTATUS Status) {
   return Status;
 }
 
-static void SetUpClientSide(PortExtension *Port) {
-  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->PortLock);
-  Port->ClientSideDevice = Port->Header.Device;
-  KeReleaseSpinLock(&Port->PortLock, irql);
-}
-
 static NTSTATUS Start(PDEVICE_OBJECT Device, PIRP Irp) {
   PortExtension *port = PortOf(Device);
   ForwardSynchronously(port, Irp);
@@ -65,9 +60,12 @@ static NTSTATUS Start(PDEVICE_OBJECT Device, PIRP Irp) {
     if (port->StartedOnce) {
       RestartPnpHeldRequests(Device);
     } else {
-      SetUpClientSide(port);
+      NTSTATUS setUp = SetUpAuxiliaryDevice(Device);
+      if (setUp != STATUS_SUCCESS) {
+        return Complete(Device, Irp, setUp);
+      }
     }
-    port->StartedOnce = TRUE;
+    WriteUCharRelease(&port->StartedOnce, TRUE);
     // Before the completion, so that an open sent from there finds a started port.
     StorePnpState(port, PNP_STARTED);
   }
@@ -191,12 +189,6 @@ static NTSTATUS SurpriseRemoval(PDEVICE_OBJECT Device, PIRP Irp) {
   return SucceedDownUncounted(port, Irp);
 }
 
-static void ForgetClientSide(PortExtension *Port) {
-  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->PortLock);
-  Port->ClientSideDevice = nullptr;
-  KeReleaseSpinLock(&Port->PortLock, irql);
-}
-
 // The port is idle: engine, thread, names, devices.
 static void TearDown(PDEVICE_OBJECT Device) {
   PortExtension *port = PortOf(Device);
@@ -212,7 +204,6 @@ static void TearDown(PDEVICE_OBJECT Device) {
     DeleteControlDevice(port->ControlDevice);
   }
   FreePortInterfaces(port);
-  ForgetClientSide(port);
   IoDeleteDevice(Device);
 }
 
@@ -225,6 +216,8 @@ static NTSTATUS Removal(PDEVICE_OBJECT Device, PIRP Irp) {
   if (!surprised) {
     Withdraw(port);
   }
+  // Before the drivers below hear of it: they delete the device that it is attached over.
+  PDEVICE_OBJECT auxiliary = DeleteAuxiliaryDevice(port);
   // A removal that pends below goes on here all the same; its result is this request's.
   NTSTATUS status = SucceedDownUncounted(port, Irp);
   EndWaitingRequests(Device);
@@ -233,6 +226,7 @@ static NTSTATUS Removal(PDEVICE_OBJECT Device, PIRP Irp) {
   MarkPortGone(port);
   ReleaseRequest(Device, Irp);
   WaitForIdle(Device);
+  ReleaseAuxiliaryDevice(auxiliary);
   TearDown(Device);
   return status;
 }

@@ -117,10 +117,25 @@ static NTSTATUS QueryBusInformation(PIRP Irp) {
   return Answer(Irp, bus);
 }
 
-static NTSTATUS AnswerMinor(PDEVICE_OBJECT Device, PIRP Irp) {
+// What only the control device answers.
+static NTSTATUS AnswerForChild(PDEVICE_OBJECT Device, PIRP Irp) {
+  if (HeaderOf(Device)->Kind != KIND_CONTROL) {
+    return Irp->IoStatus.Status;
+  }
   switch (IoGetCurrentIrpStackLocation(Irp)->MinorFunction) {
   case IRP_MN_START_DEVICE:
     return EnableControlInterface(PortOf(Device));
+  case IRP_MN_QUERY_ID:
+    return QueryId(Device, Irp);
+  case IRP_MN_QUERY_BUS_INFORMATION:
+    return QueryBusInformation(Irp);
+  default:
+    return Irp->IoStatus.Status;
+  }
+}
+
+static NTSTATUS AnswerMinor(PDEVICE_OBJECT Device, PIRP Irp) {
+  switch (IoGetCurrentIrpStackLocation(Irp)->MinorFunction) {
   case IRP_MN_QUERY_REMOVE_DEVICE:
   case IRP_MN_CANCEL_REMOVE_DEVICE:
   case IRP_MN_REMOVE_DEVICE:  // the device stays until its filter device is removed
@@ -137,12 +152,8 @@ static NTSTATUS AnswerMinor(PDEVICE_OBJECT Device, PIRP Irp) {
     return QueryRelations(Device, Irp);
   case IRP_MN_QUERY_CAPABILITIES:
     return QueryCapabilities(Device, Irp);
-  case IRP_MN_QUERY_ID:
-    return QueryId(Device, Irp);
-  case IRP_MN_QUERY_BUS_INFORMATION:
-    return QueryBusInformation(Irp);
   default:
-    return Irp->IoStatus.Status;
+    return AnswerForChild(Device, Irp);
   }
 }
 

@@ -1,5 +1,6 @@
 // Plug and Play requests on the control device, which the Plug and Play manager knows as a raw
-// child of the filter device: it answers for itself and needs no driver above it.
+// child of the filter device: it answers for itself and needs no driver above it. The auxiliary
+// device, which stands in no Plug and Play stack, answers in the same way but has no identity.
 #pragma once
 
 #include "platform/kernel.h"
