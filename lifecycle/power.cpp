@@ -2,13 +2,155 @@
 
 #include "driver/extension.h"
 
-NTSTATUS DispatchPower(PDEVICE_OBJECT Device, PIRP Irp) {
-  PoStartNextPowerIrp(Irp);
-  if (HeaderOf(Device)->Kind != KIND_FILTER) {
-    NTSTATUS carried = Irp->IoStatus.Status;
-    IofCompleteRequest(Irp, IO_NO_INCREMENT);
-    return carried;
+// A count, and a reference that keeps the device object: a removal does not wait for power
+// requests. The second one of a power-up cannot be refused; its completion routine gives it back
+// whatever happened meanwhile.
+static void HoldPower(PortExtension *Port) {
+  InterlockedIncrement(&Port->PowerRequestCount);
+  ObReferenceObject(Port->Header.Device);
+}
+
+static void ReleasePowerRef(PortExtension *Port) {
+  PDEVICE_OBJECT device = Port->Header.Device;
+  if (InterlockedDecrement(&Port->PowerRequestCount) == 0) {
+    KeSetEvent(&Port->PowerEvent, IO_NO_INCREMENT, FALSE);
   }
+  ObDereferenceObject(device);
+}
+
+static NTSTATUS AcquirePowerRef(PortExtension *Port) {
+  HoldPower(Port);
+  if (ReadUCharAcquire(&Port->Header.Removed) == 0) {
+    return STATUS_SUCCESS;
+  }
+  ReleasePowerRef(Port);
+  return STATUS_DELETE_PENDING;
+}
+
+static void ReportPowerState(ExtensionHeader *Header, POWER_STATE State) {
+  PoSetPowerState(Header->Device, DevicePowerState, State);
+  WriteULongRelease(&Header->DevicePowerState, static_cast<ULONG>(State.DeviceState));
+}
+
+static BOOLEAN SetsDevicePower(PIO_STACK_LOCATION Stack) {
+  return static_cast<BOOLEAN>(Stack->MinorFunction == IRP_MN_SET_POWER &&
+                              Stack->Parameters.Power.Type == DevicePowerState);
+}
+
+static NTSTATUS PassOn(PortExtension *Port, PIRP Irp) {
+  PoStartNextPowerIrp(Irp);
   IoSkipCurrentIrpStackLocation(Irp);
-  return PoCallDriver(HeaderOf(Device)->LowerDevice, Irp);
+  NTSTATUS status = PoCallDriver(Port->Header.LowerDevice, Irp);
+  ReleasePowerRef(Port);
+  return status;
+}
+
+// The power manager learns of a rise only here, when the port's driver has powered up, whatever
+// that driver answered. Up to DISPATCH_LEVEL.
+static NTSTATUS PowerUpDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
+  UNREFERENCED_PARAMETER(Context);
+  PortExtension *port = PortOf(Device);
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  if (Irp->PendingReturned) {
+    IoMarkIrpPending(Irp);
+  }
+  if (SetsDevicePower(stack)) {
+    ReportPowerState(&port->Header, stack->Parameters.Power.State);
+  }
+  PoStartNextPowerIrp(Irp);
+  ReleasePowerRef(port);
+  return STATUS_SUCCESS;
+}
+
+static NTSTATUS PowerUp(PortExtension *Port, PIRP Irp) {
+  HoldPower(Port);
+  IoCopyCurrentIrpStackLocationToNext(Irp);
+  IoSetCompletionRoutine(Irp, PowerUpDone, nullptr, TRUE, TRUE, TRUE);
+  NTSTATUS status = PoCallDriver(Port->Header.LowerDevice, Irp);
+  ReleasePowerRef(Port);
+  return status;
+}
+
+// A larger number is less power. The power manager learns of a fall before the port's driver powers
+// down.
+static NTSTATUS SetDevicePower(PortExtension *Port, PIRP Irp, POWER_STATE State) {
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  auto wanted = static_cast<ULONG>(State.DeviceState);
+  ULONG current = ReadULongAcquire(&Port->Header.DevicePowerState);
+  if (wanted < current) {
+    return PowerUp(Port, Irp);
+  }
+  if (wanted > current) {
+    ReportPowerState(&Port->Header, State);
+  }
+  return PassOn(Port, Irp);
+}
+
+static NTSTATUS FilterPower(PortExtension *Port, PIRP Irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  NTSTATUS status = AcquirePowerRef(Port);
+  if (!NT_SUCCESS(status)) {
+    Irp->IoStatus.Information = 0;
+    Irp->IoStatus.Status = status;
+    PoStartNextPowerIrp(Irp);
+    IofCompleteRequest(Irp, IO_NO_INCREMENT);
+    return status;
+  }
+  switch (stack->MinorFunction) {
+  case IRP_MN_QUERY_POWER:
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+    return PassOn(Port, Irp);
+  case IRP_MN_SET_POWER:
+    if (ReadUCharAcquire(&Port->StartedOnce) == 0) {
+      Irp->IoStatus.Status = STATUS_SUCCESS;
+      return PassOn(Port, Irp);
+    }
+    return SetsDevicePower(stack) ? SetDevicePower(Port, Irp, stack->Parameters.Power.State)
+                                  : PassOn(Port, Irp);
+  default:
+    return PassOn(Port, Irp);
+  }
+}
+
+static NTSTATUS AnswerSetPower(ExtensionHeader *Header, PIO_STACK_LOCATION Stack) {
+  POWER_STATE state = Stack->Parameters.Power.State;
+  switch (Stack->Parameters.Power.Type) {
+  case SystemPowerState:
+    return STATUS_SUCCESS;
+  case DevicePowerState:
+    if (ReadULongAcquire(&Header->DevicePowerState) != static_cast<ULONG>(state.DeviceState)) {
+      ReportPowerState(Header, state);
+    }
+    return STATUS_SUCCESS;
+  default:
+    return STATUS_NOT_IMPLEMENTED;
+  }
+}
+
+static NTSTATUS OwnPower(ExtensionHeader *Header, PIRP Irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  NTSTATUS status = Irp->IoStatus.Status;
+  switch (stack->MinorFunction) {
+  case IRP_MN_WAIT_WAKE:
+  case IRP_MN_POWER_SEQUENCE:
+    status = STATUS_NOT_IMPLEMENTED;
+    break;
+  case IRP_MN_SET_POWER:
+    status = AnswerSetPower(Header, stack);
+    break;
+  case IRP_MN_QUERY_POWER:
+    status = STATUS_SUCCESS;
+    break;
+  default:
+    break;
+  }
+  Irp->IoStatus.Status = status;
+  PoStartNextPowerIrp(Irp);
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  return status;
+}
+
+NTSTATUS DispatchPower(PDEVICE_OBJECT Device, PIRP Irp) {
+  ExtensionHeader *header = HeaderOf(Device);
+  return header->Kind == KIND_FILTER ? FilterPower(PortOf(Device), Irp) : OwnPower(header, Irp);
 }
