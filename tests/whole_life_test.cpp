@@ -1,0 +1,326 @@
+// One full life of a port in NORMAL, disturbed at every switch point: the port is pulled out, a
+// removal is queried and cancelled, the port is rebalanced. And life in numbers: very many lives,
+// very many ports.
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "tests/support/world.h"
+
+// --- The life -------------------------------------------------------------------------------
+
+// What a life tells: a word a step, '-' for a step that failed.
+struct Story {
+  std::string Text;
+  bool Failed = false;   // some step has
+  bool Revived = false;  // and a later one has not
+};
+
+static bool Tell(Story *Story, const std::string &Step, bool Worked) {
+  Story->Text += (Worked ? Step : "-") + " ";
+  Story->Revived |= Story->Failed && Worked;
+  Story->Failed |= !Worked;
+  return Worked;
+}
+
+static void Command(World *World, Story *Story, ULONG Command, ULONG Argument = 0) {
+  Tell(Story, "command", SendCommand(World, Command, 0, Argument) == STATUS_SUCCESS);
+}
+
+static void TellFrame(World *World, Story *Story) {
+  Io read;
+  StartRead(World->Zk, &read, 4096);
+  bool worked = FileWait(&read) == STATUS_SUCCESS;
+  Frame frame = DecodeFrame(read);
+  Tell(Story, frame.Header.Type == FRAME_CONTROL_REPLY ? "reply" : "[" + frame.Payload + "]",
+       worked);
+}
+
+static void TellRead(Story *Story, Io *Read) {
+  bool worked = FileWait(Read) == STATUS_SUCCESS;
+  Tell(Story, "<" + Read->Text() + ">", worked);
+}
+
+// While the stream is locked a write and a read are parked, and go on in their order.
+static void LockedPart(World *World, Story *Story) {
+  Io write, read;
+  Command(World, Story, COMMAND_LOCK_STREAM);
+  TellFrame(World, Story);
+  StartWrite(World->Client, &write, "parked");
+  StartRead(World->Client, &read, 2);
+  LowerFeed(&World->Lower, "cd");
+  // Whatever ends some of these three may let others pass, so they are one step.
+  bool worked = SendCommand(World, COMMAND_UNLOCK_STREAM) == STATUS_SUCCESS;
+  worked &= FileWait(&write) == STATUS_SUCCESS;
+  worked &= FileWait(&read) == STATUS_SUCCESS;
+  Tell(Story, "unlock<" + read.Text() + ">", worked);
+  TellFrame(World, Story);  // the reply
+  TellFrame(World, Story);
+  TellFrame(World, Story);
+}
+
+static void NormalPart(World *World, Story *Story) {
+  Io read, write, data;
+  Command(World, Story, COMMAND_SET_MODE, MODE_NORMAL);
+  TellFrame(World, Story);
+  StartRead(World->Client, &read, 2);
+  LowerFeed(&World->Lower, "ab");
+  TellRead(Story, &read);
+  TellFrame(World, Story);
+  StartWrite(World->Client, &write, "out");
+  Tell(Story, "write", FileWait(&write) == STATUS_SUCCESS);
+  TellFrame(World, Story);
+  StartWrite(World->Zk, &data, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "zk"));
+  Tell(Story, "data", FileWait(&data) == STATUS_SUCCESS);
+  LockedPart(World, Story);
+}
+
+// Opens a handle; a port that is being rebalanced refuses, so then once more after Again.
+static bool TellOpen(World *World, Story *Story, NTSTATUS (*Open)(::World *),
+                     const std::function<void()> &Again) {
+  NTSTATUS status = Open(World);
+  if (status != STATUS_SUCCESS && Again) {
+    Again();
+    status = Open(World);
+  }
+  return Tell(Story, "open", status == STATUS_SUCCESS);
+}
+
+static void Live(World *World, Story *Story, const std::function<void()> &Again = nullptr) {
+  if (TellOpen(World, Story, OpenZk, Again) && TellOpen(World, Story, OpenClient, Again)) {
+    NormalPart(World, Story);
+    // One of each waits when the handles are closed.
+    Io zkRead, clientRead;
+    StartRead(World->Zk, &zkRead, 64);
+    StartRead(World->Client, &clientRead, 2);
+    CloseZk(World);
+    CloseClient(World);
+    FileCancel(&clientRead);  // handed down to the port when ZK closed
+    FileWait(&clientRead);
+    FileWait(&zkRead);
+  }
+  CloseZk(World);
+  CloseClient(World);
+}
+
+static std::string Undisturbed() {
+  Story story;
+  RunWorld([&](World *world) {
+    Live(world, &story);
+    EXPECT_EQ(LowerWritten(&world->Lower), "outzkparked");
+  });
+  EXPECT_FALSE(story.Failed) << story.Text;
+  return story.Text;
+}
+
+using Disturbance = void (*)(World *World);
+
+// Plays the life against the disturbance beginning at every switch point of it, and the life
+// beginning at every switch point of the disturbance. Judge sees each story.
+static uint64_t DisturbEverywhere(Disturbance Disturb, bool OpensAgain, ULONG Buffering,
+                                  const std::function<void(World *, const Story &)> &Judge) {
+  WorldOptions options;
+  options.Buffering = Buffering;
+  return ExploreWorld(
+      [&](World *world) {
+        Story story;
+        PKTHREAD other = ThreadStart("disturb", [&] { Disturb(world); });
+        std::function<void()> again;
+        if (OpensAgain) {
+          again = [&] { KeWaitForSingleObject(other, Executive, KernelMode, FALSE, nullptr); };
+        }
+        PKTHREAD life = ThreadStart("life", [&] { Live(world, &story, again); });
+        ExploreWindow(true);
+        ThreadJoin(life);
+        ThreadJoin(other);
+        ExploreWindow(false);
+        ThreadSettle();
+        Judge(world, story);
+      },
+      1, options);
+}
+
+static size_t StepsDone(const Story &Story) {
+  size_t steps = 0;
+  for (char c : Story.Text) {
+    if (c == '-') {
+      break;
+    }
+    steps += c == ' ';
+  }
+  return steps;
+}
+
+// Every step but the last is the last that worked in some run, and once one failed none works.
+TEST(WholeLife, PulledOutAtEverySwitchPoint) {
+  std::string whole = Undisturbed();
+  size_t steps = static_cast<size_t>(std::count(whole.begin(), whole.end(), ' '));
+  for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
+    std::vector<uint64_t> ended(steps + 1);
+    uint64_t runs =
+        DisturbEverywhere([](World *w) { PnpSurpriseRemove(w->Node); }, false, buffering,
+                          [&](World *world, const Story &story) {
+                            EXPECT_FALSE(story.Revived) << story.Text;
+                            EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+                            ++ended[StepsDone(story)];
+                          });
+    EXPECT_GT(runs, 1000u);
+    for (size_t step = 0; step <= steps; ++step) {
+      EXPECT_NE(ended[step], 0u) << "never pulled out after step " << step << " of " << whole;
+    }
+  }
+}
+
+// Nobody notices: requests wait for the cancel and go on.
+TEST(WholeLife, RemovalQueriedAndCancelledAtEverySwitchPoint) {
+  std::string whole = Undisturbed();
+  for (bool settle : {false, true}) {
+    // With a pause in between the life comes to where it waits for a parked request.
+    Disturbance disturb = settle ? Disturbance([](World *w) {
+      EXPECT_EQ(PnpQueryRemove(w->Node), STATUS_SUCCESS);
+      ThreadSettle();
+      EXPECT_EQ(PnpCancelRemove(w->Node), STATUS_SUCCESS);
+    })
+                                 : Disturbance([](World *w) {
+                                     EXPECT_EQ(PnpQueryRemove(w->Node), STATUS_SUCCESS);
+                                     EXPECT_EQ(PnpCancelRemove(w->Node), STATUS_SUCCESS);
+                                   });
+    uint64_t runs =
+        DisturbEverywhere(disturb, false, DO_BUFFERED_IO, [&](World *world, const Story &story) {
+          EXPECT_EQ(story.Text, whole);
+          EXPECT_EQ(LowerWritten(&world->Lower), "outzkparked");
+        });
+    EXPECT_GT(runs, 1000u);
+  }
+}
+
+// A stop is refused while somebody has the port open; an open that comes too late is refused.
+TEST(WholeLife, RebalancedAtEverySwitchPoint) {
+  std::string whole = Undisturbed();
+  uint64_t stopped = 0, refused = 0;
+  static bool granted;
+  DisturbEverywhere(
+      [](World *w) {
+        granted = PnpQueryStop(w->Node) == STATUS_SUCCESS;
+        if (granted) {
+          EXPECT_EQ(PnpStop(w->Node), STATUS_SUCCESS);
+          EXPECT_EQ(PnpStart(w->Node), STATUS_SUCCESS);
+        } else {
+          EXPECT_EQ(PnpCancelStop(w->Node), STATUS_SUCCESS);
+        }
+      },
+      true, DO_BUFFERED_IO,
+      [&](World *, const Story &story) {
+        EXPECT_EQ(story.Text, whole);
+        ++(granted ? stopped : refused);
+      });
+  EXPECT_NE(stopped, 0u);
+  EXPECT_NE(refused, 0u);
+}
+
+// --- In numbers -----------------------------------------------------------------------------
+
+// Ten thousand lives in one boot; the run's end finds what any of them left.
+TEST(WholeLife, TenThousand) {
+  RunReport report = ModelRun({}, [] {
+    World world;
+    WorldLoad(&world);
+    for (int i = 0; i < 10000 && !testing::Test::HasFailure(); ++i) {
+      Story story;
+      WorldOptions options;
+      options.Buffering = i % 2 != 0 ? DO_DIRECT_IO : DO_BUFFERED_IO;
+      options.Start = i % 7 != 6;
+      world.Lower.BufferingFlags = options.Buffering;
+      ASSERT_EQ(WorldAdd(&world, options), STATUS_SUCCESS);
+      if (options.Start) {
+        Live(&world, &story);
+        EXPECT_FALSE(story.Failed) << "life " << i << ": " << story.Text;
+      }
+      if (i % 3 == 0) {
+        PnpSurpriseRemove(world.Node);
+      }
+      PnpRemove(world.Node);
+      world.Node = nullptr;
+      EXPECT_EQ(DeviceCount(world.Driver), 0u);
+      EXPECT_EQ(DeviceCount(world.PortDriver), 0u);
+      world.Lower.Seen.clear();
+    }
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+constexpr size_t PortCount = 1000;
+
+// A thousand ports at once, each with its own name, link and bytes, and every other one removed
+// while its neighbours live on.
+TEST(WholeLife, AThousandPorts) {
+  RunReport report = ModelRun({}, [] {
+    World first;
+    WorldLoad(&first);
+    std::deque<World> worlds(PortCount);
+    for (size_t i = 0; i < PortCount; ++i) {
+      worlds[i].Driver = first.Driver;
+      worlds[i].PortDriver = first.PortDriver;
+      worlds[i].Lower.Name = "COM" + std::to_string(i + 1);
+      worlds[i].Lower.How[IRP_MJ_READ] = Behaviour::Queue;
+      ASSERT_EQ(WorldAdd(&worlds[i]), STATUS_SUCCESS);
+      GoNormal(&worlds[i]);
+    }
+    EXPECT_EQ(DeviceCount(first.Driver), 2 * PortCount);
+    EXPECT_NE(NameLookup("\\Device\\VORLIX" + std::to_string(PortCount)), nullptr);
+    auto use = [&](size_t i) {
+      Io write, read;
+      std::string text = std::to_string(i);
+      StartWrite(worlds[i].Client, &write, text);
+      EXPECT_EQ(NextFrame(&worlds[i]).Payload, text);
+      StartRead(worlds[i].Client, &read, 16);
+      LowerFeed(&worlds[i].Lower, text);
+      EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+      EXPECT_EQ(read.Text(), text);
+      EXPECT_EQ(NextFrame(&worlds[i]).Payload, text);
+    };
+    auto remove = [&](size_t i) {
+      CloseClient(&worlds[i]);
+      CloseZk(&worlds[i]);
+      PnpRemove(worlds[i].Node);
+    };
+    for (size_t i = 0; i < PortCount; i += 2) {
+      use(i + 1);
+      remove(i);
+      use(i + 1);
+    }
+    EXPECT_EQ(DeviceCount(first.Driver), PortCount);
+    for (size_t i = PortCount; i > 0; i -= 2) {
+      remove(i - 1);
+    }
+    WorldEnd(&first);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+// The second port of a name is refused and leaves nothing, the first lives on; the name is free
+// again when the first is gone.
+TEST(WholeLife, TwoPortsOfOneName) {
+  RunWorld([](World *world) {
+    World second;
+    second.Driver = world->Driver;
+    second.PortDriver = world->PortDriver;
+    second.Lower.MakesName = false;
+    second.Lower.Name = "com3";
+    GoNormal(world);
+    // The port drivers' own devices differ; the controllers' links would not.
+    EXPECT_EQ(WorldAdd(&second, {.Values = {{"PortName", RegistryText("com3")}}}),
+              STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(DeviceCount(world->Driver), 2u);
+    Io write;
+    StartWrite(world->Client, &write, "first");
+    EXPECT_EQ(NextFrame(world).Payload, "first");
+    CloseClient(world);
+    CloseZk(world);
+    PnpRemove(world->Node);
+    ASSERT_EQ(WorldAdd(&second, {.Values = {{"PortName", RegistryText("com3")}}}), STATUS_SUCCESS);
+    PnpRemove(second.Node);
+    world->Node = nullptr;
+  });
+}
