@@ -115,17 +115,23 @@ static int PreparePty(ClientPty *Client) {
   return Client->NotifyId < 0 ? errno : LinkTo(slave, Client->Options.LinkPath);
 }
 
-// Makes a new pty in place of the present one, whose users see a hang-up. Returns an errno value.
+// Makes a new pty in place of the present one, whose users see a hang-up: when the link leads to
+// the new one, for they may come again at once. Returns an errno value.
 static int RenewPty(ClientPty *Client) {
-  ClosePty(Client);
+  int old = std::exchange(Client->Master, -1);
+  LoopFdRemove(std::exchange(Client->MasterWatch, nullptr));
   Client->FromClient.clear();
   Client->Master = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  if (Client->Master < 0) {
-    return errno;
+  int error = Client->Master < 0 ? errno : 0;
+  if (!error) {
+    Client->MasterWatch = LoopFdAdd(Client->Master);
+    Client->OpenSeen = false;
+    error = PreparePty(Client);
   }
-  Client->MasterWatch = LoopFdAdd(Client->Master);
-  Client->OpenSeen = false;
-  return PreparePty(Client);
+  if (old >= 0) {
+    close(old);
+  }
+  return error;
 }
 
 // Reads what inotify has to say; whether the slave was opened.

@@ -37,7 +37,7 @@ namespace {
 struct Loop {
   asio::io_context Io;
   asio::executor_work_guard<asio::io_context::executor_type> Work = asio::make_work_guard(Io);
-  asio::signal_set Signals{Io, SIGINT, SIGTERM};
+  asio::signal_set Signals{Io, SIGINT, SIGTERM, SIGHUP};
   asio::thread_pool Blocking{1};
   bool Ending = false;
 };
@@ -120,11 +120,11 @@ void LoopBlocking(std::function<void()> Work, std::function<void()> Done) {
   });
 }
 
-void LoopOnSignal(std::function<void()> Handler) {
-  TheLoop->Signals.async_wait([handler = std::move(Handler)](error_code Error, int) {
+void LoopOnSignal(std::function<void(int)> Handler) {
+  TheLoop->Signals.async_wait([handler = std::move(Handler)](error_code Error, int Signal) {
     if (!Error) {
       LoopOnSignal(handler);
-      handler();
+      handler(Signal);
     }
   });
 }

@@ -25,8 +25,8 @@ void LoopTask(const char *Name, std::function<void()> Body, std::function<void()
 // and Done on the loop afterwards.
 void LoopBlocking(std::function<void()> Work, std::function<void()> Done);
 
-// SIGINT and SIGTERM, from LoopOpen on.
-void LoopOnSignal(std::function<void()> Handler);
+// SIGINT, SIGTERM and SIGHUP, from LoopOpen on.
+void LoopOnSignal(std::function<void(int Signal)> Handler);
 
 struct LoopFd;
 enum class LoopWait { Readable, Writable, HangUp };

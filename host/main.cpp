@@ -1,146 +1,34 @@
 // vorlix-host: the serial filter on the kernel model, over Linux serial devices.
-#include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <set>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-
+#include "host/config.h"
 #include "host/event_loop.h"
 #include "host/host_log.h"
-#include "host/port.h"
+#include "host/options.h"
+#include "host/port_set.h"
 #include "host/serial_driver.h"
-#include "host/serial_line.h"
 
 // The filter's entry, all that a loader knows of a driver.
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
-enum ExitStatus { ExitFine = 0, ExitFailed = 1, ExitUsage = 2 };
-
-struct HostOptions {
-  std::vector<std::string> Ttys;
-  std::vector<std::string> Names;
-  std::string Directory;
-  std::vector<std::string> Registry;
-  std::string Line;
-  bool Verify = false;
-};
+enum ExitStatus { ExitFine = 0, ExitFailed = 1 };
 
 struct Host {
-  std::vector<Port *> Ports;
+  HostOptions Options;
   PDRIVER_OBJECT Serial = nullptr;
   PDRIVER_OBJECT Filter = nullptr;
-  size_t Gone = 0;  // ports whose tty is gone
   bool Stopping = false;
   int Status = ExitFine;
 };
 
 static Host TheHost;
-
-// ---- Options ----
-
-// Numbers are DWORDs, everything else text.
-static RegistryValue ParseValue(const std::string &Text) {
-  char *end = nullptr;
-  errno = 0;
-  bool digit = !Text.empty() && isdigit(static_cast<unsigned char>(Text[0]));
-  unsigned long long number = digit ? strtoull(Text.c_str(), &end, 0) : 0;
-  if (!digit || *end != '\0') {
-    return RegistryText(Text);
-  }
-  if (errno != 0 || number > UINT32_MAX) {
-    throw CLI::ValidationError("--registry", Text + " does not fit 32 bits");
-  }
-  return RegistryDword(static_cast<ULONG>(number));
-}
-
-static std::map<std::string, RegistryValue> ParseRegistry(const std::vector<std::string> &Entries) {
-  std::map<std::string, RegistryValue> values;
-  for (const std::string &entry : Entries) {
-    size_t equals = entry.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      throw CLI::ValidationError("--registry", "expected NAME=VALUE, found \"" + entry + "\"");
-    }
-    values[entry.substr(0, equals)] = ParseValue(entry.substr(equals + 1));
-  }
-  return values;
-}
-
-static void CheckNames(const HostOptions &Options) {
-  constexpr size_t NameMost = 64;
-  std::set<std::string> seen;
-  if (Options.Ttys.size() != Options.Names.size()) {
-    throw CLI::ValidationError("--name", "every --port needs one --name");
-  }
-  for (std::string name : Options.Names) {
-    bool fine = !name.empty() && name.size() <= NameMost;
-    for (char &letter : name) {
-      fine = fine && (isalnum(static_cast<unsigned char>(letter)) || strchr("_-", letter));
-      letter = static_cast<char>(toupper(static_cast<unsigned char>(letter)));
-    }
-    if (!fine) {
-      throw CLI::ValidationError("--name", "\"" + name + "\" is no name for a port");
-    }
-    if (!seen.insert(name).second) {
-      throw CLI::ValidationError("--name", name + " is given twice");
-    }
-  }
-  std::set<std::filesystem::path> ttys;
-  for (const std::string &tty : Options.Ttys) {
-    std::error_code error;
-    std::filesystem::path real = std::filesystem::canonical(tty, error);
-    if (!error && !ttys.insert(real).second) {
-      throw CLI::ValidationError("--port", tty + " is given twice");
-    }
-  }
-}
-
-static std::vector<PortOptions> ParseOptions(int Count, char **Arguments, HostOptions *Options) {
-  CLI::App app("Runs the serial filter over Linux serial devices.", "vorlix-host");
-  app.add_option("--port", Options->Ttys, "the serial device of a port")
-      ->required()
-      ->allow_extra_args(false)
-      ->type_name("TTY");
-  app.add_option("--name", Options->Names, "the name of that port, as COM3")
-      ->required()
-      ->allow_extra_args(false)
-      ->type_name("NAME");
-  app.add_option("--dir", Options->Directory,
-                 "where the ports' files are made (default: $XDG_RUNTIME_DIR/vorlix, or "
-                 "/tmp/vorlix-UID)")
-      ->type_name("DIR");
-  app.add_option("--registry", Options->Registry, "a value of every port's device key")
-      ->allow_extra_args(false)
-      ->type_name("NAME=VALUE");
-  app.add_option("--line", Options->Line,
-                 "speed, bits, parity and stop bits of every port, as 9600,7E1 or 7E1 (default: as "
-                 "its device has them); clients may change speed and stop bits")
-      ->type_name("LINE");
-  app.add_flag("--verify", Options->Verify, "let the verifier watch every driver");
-  std::vector<PortOptions> ports;
-  try {
-    app.parse(Count, Arguments);
-    CheckNames(*Options);
-    LineSettings line;
-    if (!Options->Line.empty() && !LineParse(Options->Line, &line)) {
-      throw CLI::ValidationError("--line", "\"" + Options->Line + "\" is no line as 9600,7E1");
-    }
-    std::map<std::string, RegistryValue> registry = ParseRegistry(Options->Registry);
-    for (size_t i = 0; i < Options->Ttys.size(); ++i) {
-      ports.push_back(
-          {Options->Ttys[i], Options->Names[i], Options->Directory, registry, Options->Line});
-    }
-  } catch (const CLI::ParseError &error) {
-    exit(app.exit(error) == 0 ? ExitFine : ExitUsage);
-  }
-  return ports;
-}
 
 // ---- The directory ----
 
@@ -151,24 +39,18 @@ static bool OursAlone(const std::string &Path) {
          (found.st_mode & 022) == 0;
 }
 
-static bool MakeDirectory(std::string *Directory) {
-  bool chosen = !Directory->empty();
-  if (!chosen) {
-    const char *runtime = getenv("XDG_RUNTIME_DIR");
-    *Directory = runtime && *runtime ? std::string(runtime) + "/vorlix"
-                                     : "/tmp/vorlix-" + std::to_string(geteuid());
-  }
+static bool MakeDirectory(const std::string &Directory, bool Given) {
   std::error_code error;
-  std::filesystem::path path(*Directory);
-  if (path.has_parent_path() && chosen) {
+  std::filesystem::path path(Directory);
+  if (path.has_parent_path() && Given) {
     std::filesystem::create_directories(path.parent_path(), error);
   }
-  if (mkdir(Directory->c_str(), 0700) != 0 && errno != EEXIST) {
-    HostLog("", "%s: %s", Directory->c_str(), strerror(errno));
+  if (mkdir(Directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    HostLog("", "%s: %s", Directory.c_str(), strerror(errno));
     return false;
   }
-  if (!std::filesystem::is_directory(path, error) || (!chosen && !OursAlone(*Directory))) {
-    HostLog("", "%s: not a directory of ours", Directory->c_str());
+  if (!std::filesystem::is_directory(path, error) || (!Given && !OursAlone(Directory))) {
+    HostLog("", "%s: not a directory of ours", Directory.c_str());
     return false;
   }
   return true;
@@ -190,37 +72,41 @@ static void UnloadDrivers() {
       LoopEnd);
 }
 
-// The ports go one after the other, the last one started first.
-static void StopPorts(size_t Left) {
-  if (Left == 0) {
-    UnloadDrivers();
-    return;
-  }
-  PortStop(TheHost.Ports[Left - 1], [Left]() { StopPorts(Left - 1); });
-}
-
 static void StopHost(int Status) {
-  if (TheHost.Stopping) {
-    return;
+  if (!TheHost.Stopping) {
+    TheHost.Stopping = true;
+    TheHost.Status = Status;
+    PortSetStop(UnloadDrivers);
   }
-  TheHost.Stopping = true;
-  TheHost.Status = Status;
-  StopPorts(TheHost.Ports.size());
 }
 
-static void OnSignal() {
+// The file again: everything in it counts, or, when it is not fit to be used, nothing.
+static void Reload() {
+  const HostOptions &options = TheHost.Options;
+  std::vector<PortOptions> ports = options.Fixed;
+  std::string error;
+  if (options.Config.empty()) {
+    HostLog("", "SIGHUP is ignored: there is no --config to read again");
+  } else if (!ConfigRead(options.Config, options.Defaults, &ports, &error)) {
+    HostLog("", "%s; nothing is changed", error.c_str());
+  } else {
+    HostLog("", "%s: read again", options.Config.c_str());
+    PortSetWant(ports);
+  }
+}
+
+static void OnSignal(int Signal) {
+  if (Signal == SIGHUP) {
+    if (!TheHost.Stopping) {
+      Reload();
+    }
+    return;
+  }
   if (TheHost.Stopping) {
     HostLog("", "interrupted again: not waiting for the ports");
     _exit(ExitFailed);
   }
   StopHost(ExitFine);
-}
-
-static void OnPortGone() {
-  if (++TheHost.Gone == TheHost.Ports.size()) {
-    HostLog("", "no port is left");
-    StopHost(ExitFailed);
-  }
 }
 
 static PDRIVER_OBJECT Load(const char *Name, PDRIVER_INITIALIZE Entry) {
@@ -232,80 +118,71 @@ static PDRIVER_OBJECT Load(const char *Name, PDRIVER_INITIALIZE Entry) {
   return driver;
 }
 
-// In a task. Whether everything is started.
-static bool StartAll() {
-  TheHost.Serial = Load("serial", SerialDriverEntry);
-  TheHost.Filter = TheHost.Serial ? Load("vorlix", DriverEntry) : nullptr;
-  if (!TheHost.Filter) {
-    return false;
-  }
-  for (Port *port : TheHost.Ports) {
-    if (!PortStart(port, {TheHost.Serial, TheHost.Filter})) {
-      return false;
-    }
-  }
-  return true;
-}
-
-static void ServeAll(bool Started) {
-  for (Port *port : TheHost.Ports) {
-    Started = Started && !TheHost.Stopping && PortServe(port, OnPortGone);
-  }
-  if (!Started) {
+static void StartPorts() {
+  if (TheHost.Filter) {
+    PortSetStart({TheHost.Serial, TheHost.Filter}, []() { StopHost(ExitFailed); });
+  } else {
     StopHost(ExitFailed);
   }
+  LoopOnSignal(OnSignal);
+}
+
+// SIGHUP would end the program while there is nobody yet to take it.
+static void HoldHangUps(int How) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGHUP);
+  pthread_sigmask(How, &signals, nullptr);
 }
 
 static void RunHost() {
   LoopOpen();
+  HoldHangUps(SIG_UNBLOCK);
   EventLogPrint();
-  bool started = false;
   LoopTask(
-      "start", [&started]() { started = StartAll(); },
-      [&started]() {
-        ServeAll(started);
-        LoopOnSignal(OnSignal);
-      });
+      "load",
+      []() {
+        TheHost.Serial = Load("serial", SerialDriverEntry);
+        TheHost.Filter = TheHost.Serial ? Load("vorlix", DriverEntry) : nullptr;
+      },
+      StartPorts);
   LoopRun();
   EventLogWatch(nullptr);
   LoopClose();
 }
 
-static void ReleasePorts() {
-  for (Port *port : TheHost.Ports) {
-    PortRelease(port);
+// Whether the run went to its end.
+static bool RunModel(bool Verify) {
+  RunOptions run;
+  run.Verifier = Verify;
+  run.RealClock = true;
+  RunReport report = ModelRun(run, RunHost);
+  if (report.Stopped) {
+    fprintf(stderr, "%s\n%s\n", report.Rule.c_str(), report.Text.c_str());
   }
+  return !report.Stopped;
 }
 
 int main(int Count, char **Arguments) {
-  HostOptions options;
-  std::vector<PortOptions> ports = ParseOptions(Count, Arguments, &options);
-  if (!MakeDirectory(&options.Directory)) {
+  HostOptions &options = TheHost.Options;
+  HoldHangUps(SIG_BLOCK);
+  // Whoever read the ready lines may be gone when a device comes back.
+  signal(SIGPIPE, SIG_IGN);
+  if (!OptionsParse(Count, Arguments, &options, &TheHost.Status)) {
+    return TheHost.Status;
+  }
+  if (!MakeDirectory(options.Defaults.Directory, options.DirectoryGiven)) {
     return ExitFailed;
   }
-  for (PortOptions &port : ports) {
-    std::string error;
-    port.Directory = options.Directory;
-    Port *claimed = PortClaim(port, &error);
-    if (!claimed) {
-      HostLog(port.Name, "%s", error.c_str());
-      TheHost.Status = ExitFailed;
-      break;
-    }
-    TheHost.Ports.push_back(claimed);
+  if (!PortSetClaim(options.Ports)) {
+    PortSetRelease();
+    return ExitFailed;
   }
-  if (TheHost.Status == ExitFine) {
-    RunOptions run;
-    run.Verifier = options.Verify;
-    run.RealClock = true;
-    RunReport report = ModelRun(run, RunHost);
-    if (report.Stopped) {
-      fprintf(stderr, "%s\n%s\n", report.Rule.c_str(), report.Text.c_str());
-      ReleasePorts();
-      // What the abandoned tasks still hold is not fit to be destroyed.
-      _exit(ExitFailed);
-    }
+  bool whole = RunModel(options.Verify);
+  PortSetRelease();
+  if (!whole) {
+    // What the abandoned tasks still hold is not fit to be destroyed.
+    _exit(ExitFailed);
   }
-  ReleasePorts();
   return TheHost.Status;
 }

@@ -1,179 +1,181 @@
 #include "host/port.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <utility>
-
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/inotify.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "host/client_pty.h"
 #include "host/control_socket.h"
 #include "host/event_loop.h"
 #include "host/host_log.h"
+#include "host/name_claim.h"
 #include "host/serial_driver.h"
 #include "host/serial_line.h"
+#include "host/tty_watch.h"
 
-// Claimed -> Serving: started. Serving -> Leaving: stopped, or the tty is gone. Leaving -> Gone:
-// the device stack is removed. Claimed -> Gone: never started.
-enum class PortState { Claimed, Serving, Leaving, Gone };
+// Away -> Starting: the tty is there. Starting -> Serving: the stack is built and the tty still
+// there. Starting, Serving -> Leaving: the tty is gone, the port is being stopped, or it did not
+// start. Leaving -> Away: the stack is removed. Away -> Stopped, from Leaving without a stay.
+//
+// Starting and Leaving are tasks, and whatever happens meanwhile waits for their end, which looks
+// at how things are then: the tty may have gone, come back or both.
+enum class PortState { Away, Starting, Serving, Leaving, Stopped };
 
 struct Port {
   PortOptions Options;
-  std::string ClientPath;
-  std::string ControlPath;
-  std::string LockPath;
-  int Lock = -1;           // held as long as the name is ours
-  bool PathsOurs = false;  // nothing of somebody else's stands there
+  NameClaim Name;
   LineSettings Line;
+  std::vector<PDRIVER_OBJECT> Drivers;
 
-  PortState State = PortState::Claimed;
+  PortState State = PortState::Away;
+  TtyWatch *Watch = nullptr;  // from the start to the stop
+  TtyNode Tty;                // what the stack is, or will be, built over
+  TtyNode Before;             // the one before, that is gone
+  std::string Complaint;      // what was last said of the tty while away
+
   PnpNode *Node = nullptr;
+  bool Started = false;  // the stack
   ClientPty *Client = nullptr;
   ControlSocket *Control = nullptr;
-  unsigned Serving = 0;  // of the two, those not yet stopped
+  unsigned Connected = 0;  // of the two, those not yet stopped
+  bool Refused = false;    // did not become ready: not tried again before something changes
+  bool WasReady = false;   // at any time
 
-  std::string DeviceNode;  // what Options.Tty leads to
-  int Notify = -1;
-  LoopFd *NotifyWatch = nullptr;
-
-  std::function<void()> OnGone;
-  std::function<void()> Stopped;
+  std::function<void()> OnRefused;
+  std::function<void()> Stopped;  // set: the port is to end
 };
 
 static std::vector<Port *> Ports;
 
-// ---- The name ----
+static void LookForTty(Port *Port);
 
-// Locks the port's name in the directory. A lock file may have been deleted by its last owner
-// between our open and our lock; then it is not the one that others find.
-static int LockName(Port *Port) {
-  for (;;) {
-    struct stat ours;
-    struct stat found;
-    int fd = open(Port->LockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
-      return errno;
-    }
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-      int error = errno == EWOULDBLOCK ? EBUSY : errno;
-      close(fd);
-      return error;
-    }
-    if (fstat(fd, &ours) == 0 && stat(Port->LockPath.c_str(), &found) == 0 &&
-        ours.st_ino == found.st_ino && ours.st_dev == found.st_dev) {
-      Port->Lock = fd;
-      return 0;
-    }
-    close(fd);
-  }
+bool PortOptionsEqual(const PortOptions &One, const PortOptions &Other) {
+  auto same = [](const auto &a, const auto &b) {
+    return a.first == b.first && a.second.Type == b.second.Type && a.second.Data == b.second.Data;
+  };
+  return One.Tty == Other.Tty && One.Name == Other.Name && One.Directory == Other.Directory &&
+         One.Line == Other.Line &&
+         std::equal(One.Registry.begin(), One.Registry.end(), Other.Registry.begin(),
+                    Other.Registry.end(), same);
 }
 
-// Deletes what an earlier run left at a path; false when it is something else.
-static bool DeleteStale(const std::string &Path, mode_t Kind) {
-  struct stat found;
-  if (lstat(Path.c_str(), &found) != 0) {
-    return errno == ENOENT;
-  }
-  return (found.st_mode & S_IFMT) == Kind && unlink(Path.c_str()) == 0;
+const PortOptions &PortOptionsOf(const Port *Port) {
+  return Port->Options;
 }
 
-static std::string ClaimName(Port *Port) {
-  int error = LockName(Port);
-  if (error) {
-    return Port->ClientPath + (error == EBUSY ? ": in use by another vorlix-host"
-                                              : std::string(": ") + strerror(error));
-  }
-  if (!DeleteStale(Port->ClientPath, S_IFLNK)) {
-    return Port->ClientPath + ": exists and is no link of an earlier run";
-  }
-  if (!DeleteStale(Port->ControlPath, S_IFSOCK)) {
-    return Port->ControlPath + ": exists and is no socket of an earlier run";
-  }
-  Port->PathsOurs = true;
-  return "";
+static const char *NameOf(const Port *Port) {
+  return Port->Options.Name.c_str();
 }
 
-static std::string CheckTty(Port *Port) {
-  int fd = TtyOpen(Port->Options.Tty);
-  int error = fd < 0 ? -fd : LineRead(fd, &Port->Line);
-  LineParse(Port->Options.Line, &Port->Line);
-  if (fd >= 0) {
-    TtyClose(fd);
-  }
-  return error ? Port->Options.Tty + ": " + TtyErrorText(error) : "";
-}
+// ---- The name and the tty ----
 
 Port *PortClaim(const PortOptions &Options, std::string *Error) {
   auto *port = new Port;
   port->Options = Options;
-  port->ClientPath = Options.Directory + "/" + Options.Name;
-  port->ControlPath = Options.Directory + "/VORLIX_" + Options.Name;
-  port->LockPath = Options.Directory + "/." + Options.Name + ".lock";
-  *Error = CheckTty(port);
-  if (Error->empty()) {
-    *Error = ClaimName(port);
-  }
+  Ports.push_back(port);
+  *Error = NameClaimTake(&port->Name, Options.Directory, Options.Name);
   if (!Error->empty()) {
     PortRelease(port);
     return nullptr;
   }
-  Ports.push_back(port);
   return port;
 }
 
 void PortRelease(Port *Port) {
-  if (Port->PathsOurs) {
-    unlink(Port->ClientPath.c_str());
-    unlink(Port->ControlPath.c_str());
-  }
-  if (Port->Lock >= 0) {
-    unlink(Port->LockPath.c_str());
-    close(Port->Lock);
-  }
+  TtyNodeForget(&Port->Tty);
+  TtyNodeForget(&Port->Before);
+  NameClaimRelease(&Port->Name);
   std::erase(Ports, Port);
   delete Port;
 }
 
-const std::string &PortName(const Port *Port) {
-  return Port->Options.Name;
+// Finds the tty's node and takes over the line's settings. Returns an errno value. A tty that is in
+// use is found: its opens are refused as long as it is.
+static int FindTty(Port *Port) {
+  TtyNodeForget(&Port->Tty);
+  int error = TtyNodeFind(Port->Options.Tty, &Port->Tty);
+  if (error) {
+    return error;
+  }
+  if (TtyNodeIsOthers(Port->Tty, Port->Before)) {
+    TtyNodeForget(&Port->Tty);
+    return ENOENT;
+  }
+  int fd = TtyOpen(Port->Tty.Path);
+  error = fd < 0 ? -fd : LineRead(fd, &Port->Line);
+  LineParse(Port->Options.Line, &Port->Line);
+  if (fd >= 0) {
+    TtyClose(fd);
+  }
+  if (error && error != EBUSY) {
+    TtyNodeForget(&Port->Tty);
+  }
+  return error;
+}
+
+std::string PortCheckTty(Port *Port) {
+  int error = FindTty(Port);
+  return error ? Port->Options.Tty + ": " + TtyErrorText(error) : "";
+}
+
+static void SayPresence(Port *Port, const char *What) {
+  const std::string &node = Port->Tty.Path;
+  const std::string &tty = Port->Options.Tty;
+  HostLog(NameOf(Port), "%s: the device is %s%s", tty.c_str(), What,
+          node.empty() || node == tty ? "" : (" (" + node + ")").c_str());
+}
+
+static void SayWatched(const Port *Port, int Error) {
+  if (Error) {
+    HostLog(NameOf(Port), "%s: its coming and going may not be noticed: %s",
+            Port->Options.Tty.c_str(), TtyErrorText(Error).c_str());
+  }
 }
 
 // ---- The end ----
 
-static void Gone(Port *Port) {
-  Port->State = PortState::Gone;
+static void End(Port *Port) {
+  Port->State = PortState::Stopped;
+  TtyWatchEnd(std::exchange(Port->Watch, nullptr));
+  LoopPost(std::move(Port->Stopped));
+}
+
+// The stack is removed. What happened to the tty meanwhile is found by looking.
+static void BeAway(Port *Port) {
+  bool wait = std::exchange(Port->Refused, false) && TtyNodeThere(Port->Tty);
+  Port->State = PortState::Away;
+  TtyNodeForget(&Port->Before);
+  Port->Before = std::exchange(Port->Tty, {});
   if (Port->Stopped) {
-    std::exchange(Port->Stopped, nullptr)();
-  } else {
-    std::exchange(Port->OnGone, nullptr)();
+    End(Port);
+    return;
+  }
+  SayWatched(Port, TtyWatchPath(Port->Watch, Port->Options.Tty));
+  if (!wait) {
+    LookForTty(Port);
   }
 }
 
-static void RemoveNode(Port *Port) {
-  if (!Port->Node) {
-    LoopPost([Port]() { Gone(Port); });
-    return;
-  }
+static void RemoveStack(Port *Port) {
   LoopTask(
-      "remove", [Port]() { PnpRemove(std::exchange(Port->Node, nullptr)); },
-      [Port]() { Gone(Port); });
+      "remove",
+      [Port]() {
+        if (Port->Node) {
+          PnpRemove(std::exchange(Port->Node, nullptr));
+        }
+      },
+      [Port]() { BeAway(Port); });
 }
 
 static void Disconnect(Port *Port) {
   auto disconnected = [Port]() {
-    if (--Port->Serving == 0) {
-      RemoveNode(Port);
+    if (--Port->Connected == 0) {
+      RemoveStack(Port);
     }
   };
   // One for each, and one for this routine.
-  Port->Serving = 1 + (Port->Client ? 1 : 0) + (Port->Control ? 1 : 0);
+  Port->Connected = 1 + (Port->Client ? 1 : 0) + (Port->Control ? 1 : 0);
   if (Port->Client) {
     ClientPtyStop(std::exchange(Port->Client, nullptr), disconnected);
   }
@@ -183,62 +185,57 @@ static void Disconnect(Port *Port) {
   disconnected();
 }
 
-static void StopWatching(Port *Port) {
-  LoopFdRemove(Port->NotifyWatch);
-  Port->NotifyWatch = nullptr;
-  if (Port->Notify >= 0) {
-    close(Port->Notify);
-    Port->Notify = -1;
-  }
-}
-
-void PortStop(Port *Port, std::function<void()> Then) {
-  if (Port->State == PortState::Gone) {
-    LoopPost(std::move(Then));
-    return;
-  }
-  Port->Stopped = std::move(Then);
-  if (Port->State != PortState::Leaving) {
-    Port->State = PortState::Leaving;
-    StopWatching(Port);
-    Disconnect(Port);
-  }
+static void Leave(Port *Port) {
+  Port->State = PortState::Leaving;
+  Disconnect(Port);
 }
 
 // The tty is gone: to the drivers, a surprise removal; to clients and controllers, a hang-up.
 static void Lose(Port *Port) {
-  if (Port->State != PortState::Serving) {
-    return;
-  }
   Port->State = PortState::Leaving;
-  HostLog(PortName(Port), "%s: the device is gone", Port->Options.Tty.c_str());
-  StopWatching(Port);
+  SayPresence(Port, "gone");
+  Port->Complaint = TtyErrorText(ENOENT);
   LoopTask(
-      "surprise removal", [Port]() { PnpSurpriseRemove(Port->Node); },
+      "surprise removal",
+      [Port]() {
+        if (Port->Started) {
+          PnpSurpriseRemove(Port->Node);
+        }
+      },
       [Port]() { Disconnect(Port); });
 }
 
 static void LoseByDevice(PDEVICE_OBJECT PhysicalDevice) {
   LoopPost([PhysicalDevice]() {
     for (Port *port : Ports) {
-      if (port->Node && PnpPdo(port->Node) == PhysicalDevice) {
+      if (port->State == PortState::Serving && PnpPdo(port->Node) == PhysicalDevice) {
         Lose(port);
       }
     }
   });
 }
 
+void PortStop(Port *Port, std::function<void()> Then) {
+  Port->Stopped = std::move(Then);
+  if (Port->State == PortState::Away) {
+    End(Port);
+  } else if (Port->State == PortState::Serving) {
+    Leave(Port);
+  }
+}
+
 // ---- The beginning ----
 
-bool PortStart(Port *Port, const std::vector<PDRIVER_OBJECT> &Drivers) {
+// In a task. False after saying why not.
+static bool StartStack(Port *Port) {
   const PortOptions &options = Port->Options;
+  const std::string &tty = Port->Tty.Path;
   PortDescription description;
   NTSTATUS status = STATUS_SUCCESS;
   description.Values = options.Registry;
   description.Values["PortName"] = RegistryText(options.Name);
-  description.Values["TtyPath"] = {REG_BINARY, {options.Tty.begin(), options.Tty.end()}};
-  description.Drivers = Drivers;
-  SerialOnLoss(LoseByDevice);
+  description.Values["TtyPath"] = {REG_BINARY, {tty.begin(), tty.end()}};
+  description.Drivers = Port->Drivers;
   Port->Node = PnpAdd(description, &status);
   if (!Port->Node) {
     HostLog(options.Name, "the drivers did not take the port: status 0x%08x",
@@ -253,58 +250,103 @@ bool PortStart(Port *Port, const std::vector<PDRIVER_OBJECT> &Drivers) {
   return true;
 }
 
-// While nobody has the port open, only its directory tells that the tty goes.
-static void WatchDevice(Port *Port) {
-  LoopFdWait(Port->NotifyWatch, LoopWait::Readable, [Port]() {
-    char events[4096];
-    while (read(Port->Notify, events, sizeof(events)) > 0) {
-    }
-    if (access(Port->DeviceNode.c_str(), F_OK) != 0) {
-      Lose(Port);
-    } else {
-      WatchDevice(Port);
-    }
-  });
-}
-
-static int StartWatching(Port *Port) {
-  char node[PATH_MAX];
-  if (!realpath(Port->Options.Tty.c_str(), node)) {
-    return errno;
+// Opens the port to clients and controllers. False after saying why not.
+static bool Serve(Port *Port) {
+  const std::string &name = Port->Options.Name;
+  const std::string &client = Port->Name.ClientPath;
+  const std::string &control = Port->Name.ControlPath;
+  std::string error = NameClaimClear(Port->Name);
+  if (error.empty()) {
+    Port->Client = ClientPtyMake({name, client, "\\DosDevices\\" + name, Port->Line}, &error);
   }
-  Port->DeviceNode = node;
-  std::string directory = Port->DeviceNode.substr(0, Port->DeviceNode.rfind('/') + 1);
-  Port->Notify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (Port->Notify < 0 ||
-      inotify_add_watch(Port->Notify, directory.c_str(), IN_DELETE | IN_MOVED_FROM) < 0) {
-    return errno;
-  }
-  Port->NotifyWatch = LoopFdAdd(Port->Notify);
-  WatchDevice(Port);
-  return 0;
-}
-
-bool PortServe(Port *Port, std::function<void()> OnGone) {
-  const std::string &name = PortName(Port);
-  std::string error;
-  Port->OnGone = std::move(OnGone);
-  int watch = StartWatching(Port);
-  if (watch) {
-    HostLog(name, "%s: %s", Port->Options.Tty.c_str(), TtyErrorText(watch).c_str());
-    return false;
-  }
-  Port->Client =
-      ClientPtyMake({name, Port->ClientPath, "\\DosDevices\\" + name, Port->Line}, &error);
-  if (Port->Client) {
-    Port->Control =
-        ControlSocketMake({name, Port->ControlPath, "\\DosDevices\\VORLIX_" + name}, &error);
+  if (error.empty()) {
+    Port->Control = ControlSocketMake({name, control, "\\DosDevices\\VORLIX_" + name}, &error);
   }
   if (!error.empty()) {
     HostLog(name, "%s", error.c_str());
     return false;
   }
-  Port->State = PortState::Serving;
-  printf("ready %s %s %s\n", name.c_str(), Port->ClientPath.c_str(), Port->ControlPath.c_str());
-  fflush(stdout);
   return true;
+}
+
+static void BeReady(Port *Port) {
+  Port->State = PortState::Serving;
+  if (!Port->Complaint.empty()) {
+    SayPresence(Port, Port->WasReady ? "back" : "there");
+    Port->Complaint.clear();
+  }
+  Port->WasReady = true;
+  Port->OnRefused = nullptr;
+  printf("ready %s %s %s\n", NameOf(Port), Port->Name.ClientPath.c_str(),
+         Port->Name.ControlPath.c_str());
+  fflush(stdout);
+}
+
+static void Refuse(Port *Port) {
+  if (Port->OnRefused) {
+    LoopPost(std::exchange(Port->OnRefused, nullptr));
+  }
+}
+
+static void StackBuilt(Port *Port) {
+  if (Port->Stopped) {
+    Leave(Port);
+  } else if (!TtyNodeThere(Port->Tty)) {
+    Lose(Port);
+  } else if (Port->Started && Serve(Port)) {
+    BeReady(Port);
+  } else {
+    Port->Refused = true;
+    Refuse(Port);
+    Leave(Port);
+  }
+}
+
+// Says once what keeps the port waiting.
+static void Complain(Port *Port, int Error) {
+  std::string complaint = TtyErrorText(Error);
+  if (complaint != Port->Complaint) {
+    HostLog(NameOf(Port), "%s: %s%s", Port->Options.Tty.c_str(), complaint.c_str(),
+            Error == EBUSY ? "" : "; waiting for it");
+    Port->Complaint = complaint;
+  }
+}
+
+static void LookForTty(Port *Port) {
+  int error = Port->Tty.Pin < 0 ? FindTty(Port) : 0;
+  if (error) {
+    Complain(Port, error);
+  }
+  if (Port->Tty.Pin < 0) {
+    return;
+  }
+  Port->State = PortState::Starting;
+  // From here on it is this node that counts, wherever a link leads to.
+  SayWatched(Port, TtyWatchPath(Port->Watch, Port->Tty.Path));
+  LoopTask(
+      "start", [Port]() { Port->Started = StartStack(Port); }, [Port]() { StackBuilt(Port); });
+}
+
+static void TtyChanged(Port *Port, int Error) {
+  SayWatched(Port, Error);
+  if (Port->State == PortState::Away) {
+    LookForTty(Port);
+  } else if (Port->State == PortState::Serving && !TtyNodeThere(Port->Tty)) {
+    Lose(Port);
+  }
+}
+
+void PortStart(Port *Port, const std::vector<PDRIVER_OBJECT> &Drivers,
+               std::function<void()> OnRefused) {
+  Port->Drivers = Drivers;
+  Port->OnRefused = std::move(OnRefused);
+  SerialOnLoss(LoseByDevice);
+  Port->Watch = TtyWatchMake([Port](int Error) { TtyChanged(Port, Error); });
+  if (!Port->Watch) {
+    SayWatched(Port, errno);
+    Refuse(Port);
+    return;
+  }
+  SayWatched(Port, TtyWatchPath(Port->Watch, Port->Options.Tty));
+  LookForTty(Port);
 }

@@ -1,4 +1,6 @@
-// One port's life: its device stack over a tty, the clients' pty and the controller's socket.
+// One port's life: its device stack over a tty, the clients' pty and the controller's socket. The
+// port outlives its tty: when that is unplugged the stack is removed, and when it is back a new one
+// is built.
 #pragma once
 
 #include <functional>
@@ -9,30 +11,34 @@
 #include "platform/model/model.h"
 
 struct PortOptions {
-  std::string Tty;   // "/dev/ttyUSB0"
+  std::string Tty;   // "/dev/ttyUSB0", or a link to it
   std::string Name;  // "COM3"
   std::string Directory;
   std::map<std::string, RegistryValue> Registry;  // of the device key, besides the port's own
   std::string Line;                               // for LineParse; empty leaves the tty's own
 };
 
+bool PortOptionsEqual(const PortOptions &One, const PortOptions &Other);
+
 struct Port;
 
-// Checks that the tty can be had and claims the port's name in the directory, before any driver is
-// loaded. Null with what went wrong.
+// Claims the port's name in the directory, until the release. Null with what went wrong.
 Port *PortClaim(const PortOptions &Options, std::string *Error);
-const std::string &PortName(const Port *Port);
+const PortOptions &PortOptionsOf(const Port *Port);
 
-// In a task: builds and starts the device stack. False after saying why not.
-bool PortStart(Port *Port, const std::vector<PDRIVER_OBJECT> &Drivers);
+// Whether the tty is there and can be had. Returns what is wrong, or nothing.
+std::string PortCheckTty(Port *Port);
 
-// Opens the port to clients and controllers, and says so on standard output. OnGone runs when the
-// port is gone because its tty is. False after saying why not.
-bool PortServe(Port *Port, std::function<void()> OnGone);
+// From now until PortStop the port is ready whenever its tty is there, which standard output is
+// told each time. OnRefused (may be null) runs when the port cannot be made ready the first time
+// although its tty is there.
+void PortStart(Port *Port, const std::vector<PDRIVER_OBJECT> &Drivers,
+               std::function<void()> OnRefused);
 
-// Disconnects everybody and removes the device stack. Then runs after that, also when the port is
-// gone already or never started.
+// Disconnects everybody and removes the device stack, if there is one. Once; Then runs after that,
+// never inside this call.
 void PortStop(Port *Port, std::function<void()> Then);
 
-// Gives the name back, and the record up. Also after a run that was stopped half way.
+// Gives the name back, and the record up: of a port that was never started, that has stopped, or
+// whose run was stopped half way.
 void PortRelease(Port *Port);

@@ -171,6 +171,31 @@ class Device(Stream):
             self.slave = -1
 
 
+class Plug:
+    """A place for one device after the other: a link that leads to the tty of the present one."""
+
+    def __init__(self, loop, path):
+        self.loop = loop
+        self.path = str(path)
+        self.device = None
+        self.plug_in()
+
+    def plug_in(self):
+        """Another device, at once in place of one that is still there, and left as it is."""
+        self.device = Device(self.loop)
+        fresh = self.path + ".new"
+        os.symlink(self.device.path, fresh)
+        os.rename(fresh, self.path)
+        return self.device
+
+    def unplug(self):
+        os.unlink(self.path)
+        self.device.close()
+
+    def close(self):
+        self.device.close()
+
+
 class Client(Stream):
     """A program that has the port open."""
 
@@ -267,13 +292,15 @@ class Host(Process):
     def control_path(self, name="COM3"):
         return os.path.join(self.directory, "VORLIX_" + name)
 
-    def is_ready(self, name):
-        return any(line.split()[:2] == ["ready", name] for line in self.lines)
+    def times_ready(self, name):
+        return sum(line.split()[:2] == ["ready", name] for line in self.lines)
 
-    def wait_ready(self, name=None, seconds=10.0):
+    def wait_ready(self, name=None, times=1, seconds=10.0):
+        """Until the port, or every port of the options, was ready so many times."""
         names = [name] if name else self.names
         self.loop.until(
-            lambda: self.status is not None or all(self.is_ready(each) for each in names),
+            lambda: self.status is not None
+            or all(self.times_ready(each) >= times for each in names),
             f"the host to have {', '.join(names)} ready", seconds)
         if self.status is not None:
             raise Overdue(f"the host ended with status {self.status}: {' '.join(self.errors)}")

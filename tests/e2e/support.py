@@ -1,9 +1,11 @@
 """What every end-to-end test stands on: a directory, a device and a host with one port in front of
 it, and at the end a host that leaves with nothing left over."""
 
+import contextlib
 import os
 import pathlib
 import random
+import signal
 import sys
 import tempfile
 import unittest
@@ -21,6 +23,12 @@ ACCESS_DENIED = 0xC0000022
 CANCELLED = 0xC0000120
 
 ALL_BYTES = bytes(range(256))
+
+
+def complaints(host):
+    """What the host says of itself: no event log, and no request of a client that failed."""
+    return [line for line in host.errors
+            if not line.startswith("event: ") and "failed: status 0x" not in line]
 
 
 def some_bytes(count, seed=1):
@@ -44,6 +52,39 @@ class RigTest(unittest.TestCase):
 
     def host(self, ports, options=()):
         return self.enter(rig.Host(self.loop, HOST, self.directory, ports, ("--verify", *options)))
+
+    def plug(self, name="tty"):
+        """A place for devices, with one in it."""
+        return self.enter(rig.Plug(self.loop, os.path.join(self.directory, name)))
+
+    def until_said(self, host, line, times=1):
+        self.until(lambda: host.errors.count(line) >= times or host.status is not None,
+                   f"the host to say {line!r}")
+        self.assertGreaterEqual(host.errors.count(line), times, host.errors)
+
+    @contextlib.contextmanager
+    def frozen(self, host):
+        """While the host stands still, and so sees everything at once afterwards."""
+        host.signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, host.process.pid, os.WSTOPPED)
+        yield
+        host.signal(signal.SIGCONT)
+
+    def talk(self, host, device, name="COM3"):
+        """A client comes, a byte goes each way, and it leaves."""
+        client = rig.Client(self.loop, host.client_path(name))
+        try:
+            self.greet(client, device)
+        finally:
+            client.close()
+
+    def greet(self, client, device):
+        """Lets a byte go each way, so that the client's open has certainly been carried out."""
+        at_client, at_device = len(client.received), len(device.received)
+        client.write(b"?")
+        self.until(lambda: len(device.received) > at_device, "the client's first byte")
+        device.write(b"!")
+        self.until(lambda: len(client.received) > at_client, "the device's first byte")
 
     def zkctl(self, options=(), name="COM3", **more):
         return self.enter(
@@ -94,10 +135,4 @@ class PortTest(RigTest):
         return raw
 
     def greet(self, client, device=None):
-        """Lets a byte go each way, so that the client's open has certainly been carried out."""
-        device = device or self.device
-        at_client, at_device = len(client.received), len(device.received)
-        client.write(b"?")
-        self.until(lambda: len(device.received) > at_device, "the client's first byte")
-        device.write(b"!")
-        self.until(lambda: len(client.received) > at_client, "the device's first byte")
+        super().greet(client, device or self.device)

@@ -1,4 +1,4 @@
-"""The host program: what it refuses, how it ends, several ports, ports that vanish."""
+"""The host program: what it refuses, how it ends, several ports."""
 
 import fcntl
 import os
@@ -6,13 +6,7 @@ import signal
 import unittest
 
 import support
-from support import rig, some_bytes
-
-
-def complaints(host):
-    """What the host says of itself: no event log, and no request of a client that failed."""
-    return [line for line in host.errors
-            if not line.startswith("event: ") and "failed: status 0x" not in line]
+from support import complaints, rig, some_bytes
 
 
 class Refusals(support.RigTest):
@@ -115,28 +109,6 @@ class Life(support.RigTest):
         controllers[0].command("unlock")
         self.receives(devices[0], b"to port 0", "what was held back at the other")
         self.assertEqual(host.stop(), 0)
-
-    def test_port_that_vanishes_ends_everything_on_it(self):
-        for busy in (False, True):
-            with self.subTest(busy=busy):
-                device = self.enter(rig.Device(self.loop))
-                host = self.host([(device.path, "COM3")])
-                host.wait_ready()
-                if busy:
-                    controller = self.zkctl()
-                    controller.wait_reply(1)
-                    client = self.enter(rig.Client(self.loop, host.client_path()))
-                    client.write(some_bytes(100000))
-                    self.until(lambda: device.received, "the first bytes")
-                device.close()
-                self.assertEqual(host.wait_exit("the host to end with its last port"), 1)
-                self.assertEqual(complaints(host),
-                                 [f"COM3: {device.path}: the device is gone", "no port is left"])
-                if busy:
-                    self.assertEqual(controller.wait_exit("zkctl to end with the device"), 1)
-                    self.assertEqual(controller.of_kind("closed"), [{"event": "closed"}])
-                    self.assertEqual(controller.errors, ["COM3: the device has gone away"])
-                    self.until(lambda: client.ended, "the client's hang-up")
 
     def test_sigterm_in_the_middle_of_everything(self):
         def locked(controller, client, _device):
