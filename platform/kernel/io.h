@@ -197,6 +197,31 @@ typedef struct _IO_STACK_LOCATION {
       BUS_QUERY_ID_TYPE IdType;
     } QueryId;
     struct {
+      DEVICE_TEXT_TYPE DeviceTextType;
+      alignas(8) ULONG LocaleId;
+    } QueryDeviceText;
+    struct {
+      BOOLEAN InPath;
+      BOOLEAN Reserved[3];
+      alignas(8) DEVICE_USAGE_NOTIFICATION_TYPE Type;
+    } UsageNotification;
+    struct {
+      const GUID *InterfaceType;
+      USHORT Size;
+      USHORT Version;
+      PVOID Interface;
+      PVOID InterfaceSpecificData;
+    } QueryInterface;
+    struct {
+      PVOID IoResourceRequirementList;
+    } FilterResourceRequirements;
+    struct {
+      ULONG_PTR ProviderId;
+      PVOID DataPath;
+      ULONG BufferSize;
+      PVOID Buffer;
+    } WMI;
+    struct {
       ULONG SystemContext;
       alignas(8) POWER_STATE_TYPE Type;
       alignas(8) POWER_STATE State;

@@ -1,4 +1,6 @@
-// Types and values of the Plug and Play and power managers.
+// Types and values of the Plug and Play and power managers. Kinds and states that arrive in a
+// request may be any number: their enumerations have an underlying type, so that looking at one is
+// defined.
 #pragma once
 
 #include "platform/kernel/types.h"
@@ -14,20 +16,26 @@
 #define IRP_MN_QUERY_INTERFACE 0x08
 #define IRP_MN_QUERY_CAPABILITIES 0x09
 #define IRP_MN_QUERY_RESOURCES 0x0A
+#define IRP_MN_QUERY_RESOURCE_REQUIREMENTS 0x0B
 #define IRP_MN_QUERY_DEVICE_TEXT 0x0C
 #define IRP_MN_FILTER_RESOURCE_REQUIREMENTS 0x0D
+#define IRP_MN_READ_CONFIG 0x0F
+#define IRP_MN_WRITE_CONFIG 0x10
+#define IRP_MN_EJECT 0x11
+#define IRP_MN_SET_LOCK 0x12
 #define IRP_MN_QUERY_ID 0x13
 #define IRP_MN_QUERY_PNP_DEVICE_STATE 0x14
 #define IRP_MN_QUERY_BUS_INFORMATION 0x15
 #define IRP_MN_DEVICE_USAGE_NOTIFICATION 0x16
 #define IRP_MN_SURPRISE_REMOVAL 0x17
+#define IRP_MN_DEVICE_ENUMERATED 0x19
 
 #define IRP_MN_WAIT_WAKE 0x00
 #define IRP_MN_POWER_SEQUENCE 0x01
 #define IRP_MN_SET_POWER 0x02
 #define IRP_MN_QUERY_POWER 0x03
 
-typedef enum _DEVICE_RELATION_TYPE {
+typedef enum _DEVICE_RELATION_TYPE : int {
   BusRelations,
   EjectionRelations,
   PowerRelations,
@@ -35,7 +43,7 @@ typedef enum _DEVICE_RELATION_TYPE {
   TargetDeviceRelation
 } DEVICE_RELATION_TYPE;
 
-typedef enum _BUS_QUERY_ID_TYPE {
+typedef enum _BUS_QUERY_ID_TYPE : int {
   BusQueryDeviceID = 0,
   BusQueryHardwareIDs = 1,
   BusQueryCompatibleIDs = 2,
@@ -43,7 +51,19 @@ typedef enum _BUS_QUERY_ID_TYPE {
   BusQueryDeviceSerialNumber = 4
 } BUS_QUERY_ID_TYPE;
 
-typedef enum _SYSTEM_POWER_STATE {
+typedef enum _DEVICE_TEXT_TYPE : int {
+  DeviceTextDescription = 0,
+  DeviceTextLocationInformation = 1
+} DEVICE_TEXT_TYPE;
+
+typedef enum _DEVICE_USAGE_NOTIFICATION_TYPE : int {
+  DeviceUsageTypeUndefined,
+  DeviceUsageTypePaging,
+  DeviceUsageTypeHibernation,
+  DeviceUsageTypeDumpFile
+} DEVICE_USAGE_NOTIFICATION_TYPE;
+
+typedef enum _SYSTEM_POWER_STATE : int {
   PowerSystemUnspecified,
   PowerSystemWorking,
   PowerSystemSleeping1,
@@ -54,7 +74,7 @@ typedef enum _SYSTEM_POWER_STATE {
   PowerSystemMaximum
 } SYSTEM_POWER_STATE;
 
-typedef enum _DEVICE_POWER_STATE {
+typedef enum _DEVICE_POWER_STATE : int {
   PowerDeviceUnspecified,
   PowerDeviceD0,
   PowerDeviceD1,
@@ -63,7 +83,7 @@ typedef enum _DEVICE_POWER_STATE {
   PowerDeviceMaximum
 } DEVICE_POWER_STATE;
 
-typedef enum _POWER_STATE_TYPE { SystemPowerState, DevicePowerState } POWER_STATE_TYPE;
+typedef enum _POWER_STATE_TYPE : int { SystemPowerState, DevicePowerState } POWER_STATE_TYPE;
 typedef enum _POWER_ACTION { PowerActionNone } POWER_ACTION;
 
 typedef union _POWER_STATE {

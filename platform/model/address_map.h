@@ -9,7 +9,9 @@ struct AddressNode {
   const void *Address;
 };
 
-constexpr size_t AddressBuckets = 1024;
+// Enough for a thousand ports' objects and blocks.
+constexpr unsigned AddressBits = 14;
+constexpr size_t AddressBuckets = size_t{1} << AddressBits;
 
 struct AddressMap {
   AddressNode *Heads[AddressBuckets];
@@ -17,7 +19,7 @@ struct AddressMap {
 
 inline AddressNode **AddressHead(AddressMap *Map, const void *Address) {
   uint64_t mixed = reinterpret_cast<uint64_t>(Address) * 0x9E3779B97F4A7C15;
-  return &Map->Heads[mixed >> 54];
+  return &Map->Heads[mixed >> (64 - AddressBits)];
 }
 
 inline void AddressAdd(AddressMap *Map, AddressNode *Node, const void *Address) {

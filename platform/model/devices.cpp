@@ -9,6 +9,7 @@
 #include "platform/model/io_manager.h"
 #include "platform/model/names.h"
 #include "platform/model/objects.h"
+#include "platform/model/packets.h"
 #include "platform/model/text.h"
 #include "platform/model/thread_object.h"
 #include "platform/model/verifier.h"
@@ -25,6 +26,18 @@ struct OpensWaiter {
 };
 static OpensWaiter *Waiters;  // each is unlinked by who sets its event
 
+void DeviceRequireLive(PDEVICE_OBJECT Device, const char *Service) {
+  if (VerifierOn() && !ObjectIs(Device, ObjectKind::Device)) {
+    VerifierStop("device.not-live", Device, "%s: %p is no live device", Service,
+                 static_cast<void *>(Device));
+  }
+}
+
+bool DeviceIsDeleted(PDEVICE_OBJECT Device) {
+  Guard guard(DeviceMutex);
+  return DeviceShadowOf(Device)->DeletePending;
+}
+
 // ---- creation ----
 
 struct DeviceBody {
@@ -33,13 +46,47 @@ struct DeviceBody {
 };
 static_assert(sizeof(DeviceBody) % 16 == 0);
 
+// The memory goes: nobody may come back to it. A removal may delete the device that it stands at,
+// and a driver may keep a deleted device with a reference until its requests are back.
+static void RequireNoPackets(PDEVICE_OBJECT Device) {
+  unsigned packets = VerifierOn() ? PacketsAt(Device) : 0;
+  if (packets > 0) {
+    VerifierStop("device.requests-inside", Device,
+                 "%u requests stand at the device and have to come back to it when it goes",
+                 packets);
+  }
+}
+
 static void DeviceGone(void *Body) {
   PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(Body);
+  RequireNoPackets(device);
   {
     Guard guard(DeviceMutex);
     NameForgetDevice(device);
   }
   ObfDereferenceObject(device->DriverObject);
+}
+
+// Under DeviceMutex.
+static void JoinDriver(PDEVICE_OBJECT Device) {
+  PDEVICE_OBJECT *head = &Device->DriverObject->DeviceObject;
+  Device->NextDevice = *head;
+  if (*head) {
+    DeviceShadowOf(*head)->ListLink = &Device->NextDevice;
+  }
+  *head = Device;
+  DeviceShadowOf(Device)->ListLink = head;
+}
+
+// Under DeviceMutex.
+static void LeaveDriver(PDEVICE_OBJECT Device) {
+  DeviceShadow *shadow = DeviceShadowOf(Device);
+  *shadow->ListLink = Device->NextDevice;
+  if (Device->NextDevice) {
+    DeviceShadowOf(Device->NextDevice)->ListLink = shadow->ListLink;
+  }
+  Device->NextDevice = nullptr;
+  shadow->ListLink = nullptr;
 }
 
 static PDEVICE_OBJECT MakeDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, DEVICE_TYPE Type,
@@ -85,8 +132,7 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, PUNICOD
         device->Flags |= HasName;
         NameAddDevice(name, device);
       }
-      device->NextDevice = Driver->DeviceObject;
-      Driver->DeviceObject = device;
+      JoinDriver(device);
     }
   }
   if (collides) {
@@ -101,8 +147,7 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, PUNICOD
 PDEVICE_OBJECT DeviceMake(PDRIVER_OBJECT Driver, DEVICE_TYPE Type) {
   PDEVICE_OBJECT device = MakeDevice(Driver, 0, Type, 0, FALSE);
   Guard guard(DeviceMutex);
-  device->NextDevice = Driver->DeviceObject;
-  Driver->DeviceObject = device;
+  JoinDriver(device);
   return device;
 }
 
@@ -133,13 +178,6 @@ NTSTATUS IoCreateDeviceSecure(PDRIVER_OBJECT DriverObject, ULONG DeviceExtension
 
 // ---- deletion ----
 
-static void RequireDevice(PDEVICE_OBJECT Device, const char *Service) {
-  if (VerifierOn() && !ObjectIs(Device, ObjectKind::Device)) {
-    VerifierStop("device.not-live", Device, "%s: %p is no live device", Service,
-                 static_cast<void *>(Device));
-  }
-}
-
 // Under DeviceMutex. A deleted device leaves its driver once nobody has it open and nothing is
 // attached to it: in a removal the driver below deletes its device before the one above detaches.
 static bool LeaveDriverIfUnused(PDEVICE_OBJECT Device) {
@@ -147,18 +185,13 @@ static bool LeaveDriverIfUnused(PDEVICE_OBJECT Device) {
       Device->AttachedDevice) {
     return false;
   }
-  PDEVICE_OBJECT *link = &Device->DriverObject->DeviceObject;
-  while (*link != Device) {
-    link = &(*link)->NextDevice;
-  }
-  *link = Device->NextDevice;
-  Device->NextDevice = nullptr;
+  LeaveDriver(Device);
   return true;
 }
 
 void IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
   VerifierRequireIrql(APC_LEVEL, "IoDeleteDevice");
-  RequireDevice(DeviceObject, "IoDeleteDevice");
+  DeviceRequireLive(DeviceObject, "IoDeleteDevice");
   HistoryNote("IoDeleteDevice", DeviceObject);
   bool unused;
   {
@@ -194,11 +227,55 @@ PDEVICE_OBJECT DeviceTop(PDEVICE_OBJECT Device) {
   return TopOf(Device);
 }
 
+static PDEVICE_OBJECT BottomOf(PDEVICE_OBJECT Device) {
+  while (PDEVICE_OBJECT below = DeviceShadowOf(Device)->AttachedTo) {
+    Device = below;
+  }
+  return Device;
+}
+
+PDEVICE_OBJECT DeviceBottom(PDEVICE_OBJECT Device) {
+  Guard guard(DeviceMutex);
+  return BottomOf(Device);
+}
+
+StackRole DeviceRole(PDEVICE_OBJECT Device) {
+  Guard guard(DeviceMutex);
+  PDEVICE_OBJECT bottom = BottomOf(Device);
+  if (!(bottom->Flags & DO_BUS_ENUMERATED_DEVICE)) {
+    return StackRole::None;
+  }
+  if (Device == bottom) {
+    return StackRole::Bottom;
+  }
+  return DeviceShadowOf(Device)->AttachedTo == bottom ? StackRole::Function : StackRole::Filter;
+}
+
+void DeviceBeginChange(PDEVICE_OBJECT Pdo) {
+  Guard guard(DeviceMutex);
+  DeviceShadowOf(Pdo)->MayChange = true;
+}
+
+void DeviceEndChange(PDEVICE_OBJECT Pdo) {
+  Guard guard(DeviceMutex);
+  DeviceShadowOf(Pdo)->MayChange = false;
+}
+
+// Under DeviceMutex. The stack of a bus's device stands until its removal: until then the manager
+// counts on finding the same drivers.
+static void RequireChanging(PDEVICE_OBJECT Target) {
+  const DeviceShadow *bottom = DeviceShadowOf(BottomOf(Target));
+  if (VerifierOn() && bottom->Node && !bottom->MayChange) {
+    VerifierStop("device.detached-early", Target,
+                 "IoDetachDevice: the stack's device is not being removed");
+  }
+}
+
 PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice,
                                            PDEVICE_OBJECT TargetDevice) {
   VerifierRequireIrql(DISPATCH_LEVEL, "IoAttachDeviceToDeviceStack");
-  RequireDevice(SourceDevice, "IoAttachDeviceToDeviceStack");
-  RequireDevice(TargetDevice, "IoAttachDeviceToDeviceStack");
+  DeviceRequireLive(SourceDevice, "IoAttachDeviceToDeviceStack");
+  DeviceRequireLive(TargetDevice, "IoAttachDeviceToDeviceStack");
   if (FaultHere(FaultAttach)) {
     return nullptr;
   }
@@ -221,7 +298,7 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice,
 
 void IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
   VerifierRequireIrql(DISPATCH_LEVEL, "IoDetachDevice");
-  RequireDevice(TargetDevice, "IoDetachDevice");
+  DeviceRequireLive(TargetDevice, "IoDetachDevice");
   bool unused;
   {
     Guard guard(DeviceMutex);
@@ -229,6 +306,7 @@ void IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
     if (!upper) {
       VerifierStop("device.not-attached", TargetDevice, "IoDetachDevice: nothing is attached");
     }
+    RequireChanging(TargetDevice);
     DeviceShadowOf(upper)->AttachedTo = nullptr;
     TargetDevice->AttachedDevice = nullptr;
     unused = LeaveDriverIfUnused(TargetDevice);
@@ -296,6 +374,11 @@ static bool AnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
     }
   }
   return false;
+}
+
+bool DeviceAnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
+  Guard guard(DeviceMutex);
+  return AnyOpen(Bottoms, Count);
 }
 
 void DeviceAwaitNoOpens(const PDEVICE_OBJECT *Bottoms, size_t Count) {

@@ -11,6 +11,9 @@
 //   device.initializing       AddDevice left DO_DEVICE_INITIALIZING set
 //   device.flags              an upper filter did not take over the buffering of the device below
 //   device.not-detached       still attached to the physical device after the removal
+//   device.not-deleted        detached, but not deleted by the removal
+//   device.detached-early     a stack taken apart although its device is not being removed
+//   device.requests-inside    deleted while a request stands at it
 //   leak.device, leak.file    left over
 //   link.deleted-twice        a symbolic link deleted again
 //   leak.link                 left over
@@ -18,21 +21,41 @@
 // Warnings: interface.enabled-twice, interface.disabled-twice, interface.left-enabled.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include "platform/kernel.h"
 #include "platform/model/guard.h"
 
 struct PnpNode;
+struct PowerRequest;
+struct DeviceInterface;
+
+// Who may be on the way with a power request of a kind, and who waits, first to last. Guarded by
+// the power manager's lock.
+struct PowerTurn {
+  bool Busy;
+  PowerRequest *First;
+  PowerRequest *Last;
+};
 
 // What the model knows of a device, between the device object and its extension. Guarded by
-// DeviceMutex, as are the device's own links, ReferenceCount and the drivers' lists of devices.
+// DeviceMutex, as are the device's own links, ReferenceCount and the drivers' lists of devices;
+// what is said to be of power or of packets, by their locks.
 struct alignas(16) DeviceShadow {
   PDEVICE_OBJECT AttachedTo;  // the device below
   bool DeletePending;         // IoDeleteDevice was called
   bool LocalSystemOnly;       // who may open it
   unsigned Opens;             // file objects from handles (not from IoGetDeviceObjectPointer)
-  POWER_STATE Power[2];       // by POWER_STATE_TYPE, as reported last
   PnpNode *Node;              // of a physical device of the model's bus
+  bool MayChange;             // of such a device: drivers are being added or removed
   UCHAR Reached;              // the last minor function that arrived at the bus, plus 1
+  PDEVICE_OBJECT *ListLink;   // what points to it in its driver's list; null when it has left
+  const std::string *Name;    // its key among the names
+  DeviceInterface *Interfaces;
+  POWER_STATE Power[2];  // power: by POWER_STATE_TYPE, as reported last
+  PowerTurn Turns[2];    // power: of the stack above, system and device
+  unsigned Packets;      // packets: that stand at the device, Plug and Play ones apart
 };
 
 extern ModelMutex DeviceMutex;
@@ -40,6 +63,19 @@ extern ModelMutex DeviceMutex;
 inline DeviceShadow *DeviceShadowOf(PDEVICE_OBJECT Device) {
   return static_cast<DeviceShadow *>(Device->DeviceObjectExtension);
 }
+
+// Stops with rule "device.not-live" when the verifier is on and it is no device.
+void DeviceRequireLive(PDEVICE_OBJECT Device, const char *Service);
+bool DeviceIsDeleted(PDEVICE_OBJECT Device);
+PDEVICE_OBJECT DeviceBottom(PDEVICE_OBJECT Device);
+
+// What a device is to the stack that it belongs to; only that of a bus's device has roles.
+enum class StackRole : uint8_t { None, Bottom, Function, Filter };
+StackRole DeviceRole(PDEVICE_OBJECT Device);
+
+// From BeginChange on drivers may attach and detach their devices; EndChange ends that.
+void DeviceBeginChange(PDEVICE_OBJECT Pdo);
+void DeviceEndChange(PDEVICE_OBJECT Pdo);
 
 // A device without a name, made by the model's own driver: no fault is delivered here.
 PDEVICE_OBJECT DeviceMake(PDRIVER_OBJECT Driver, DEVICE_TYPE Type);
@@ -49,6 +85,7 @@ PDEVICE_OBJECT DeviceMake(PDRIVER_OBJECT Driver, DEVICE_TYPE Type);
 NTSTATUS DeviceOpenFile(PDEVICE_OBJECT Device, bool LocalSystem, bool FromHandle);
 void DeviceCloseFile(PDEVICE_OBJECT Device, bool FromHandle);
 
+bool DeviceAnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count);
 // Waits until no file object from a handle is open on any of the devices of the stacks above the
 // given ones.
 void DeviceAwaitNoOpens(const PDEVICE_OBJECT *Bottoms, size_t Count);

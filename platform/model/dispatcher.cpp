@@ -60,6 +60,39 @@ std::string WaitText(const DISPATCHER_HEADER *Header) {
   return line;
 }
 
+// --- where is waited -----------------------------------------------------------------------------
+
+static constexpr unsigned LineShift = 6;
+static constexpr size_t Lines = 32768;
+
+// Waits by the memory line of their object, several lines to a count. An abandoned run leaves its
+// own behind: a count says where to look, no more.
+static uint32_t waitsAt[Lines];  // guarded by DispatcherMutex
+
+static uint32_t *WaitsAt(uintptr_t line) {
+  return &waitsAt[line % Lines];
+}
+
+static void CountWait(const WaitBlock &block, uint32_t difference) {
+  *WaitsAt(reinterpret_cast<uintptr_t>(block.Object) >> LineShift) += difference;
+}
+
+static bool MayBeWithin(const void *low, size_t bytes) {
+  uintptr_t first = reinterpret_cast<uintptr_t>(low) >> LineShift;
+  uintptr_t last = (reinterpret_cast<uintptr_t>(low) + bytes) >> LineShift;
+  Guard guard(DispatcherMutex);
+  for (uintptr_t line = first; line <= last; ++line) {
+    if (*WaitsAt(line) > 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool WaitsWithin(const void *Low, size_t Bytes) {
+  return MayBeWithin(Low, Bytes) && ThreadsWaitWithin(Low, Bytes);
+}
+
 // --- waiting -----------------------------------------------------------------------------------
 
 static void Consume(DISPATCHER_HEADER *header) {
@@ -105,6 +138,7 @@ static bool TrySatisfy(const WaitBlock *blocks, ULONG count, bool all, NTSTATUS 
 static void Release(PKTHREAD thread, NTSTATUS status) {
   for (ULONG i = 0; i < thread->BlockCount; ++i) {
     RemoveEntryList(&thread->Blocks[i].Link);
+    CountWait(thread->Blocks[i], ~0u);
   }
   thread->WaitStatus = status;
   if (thread->Due != NoDeadline) {
@@ -158,6 +192,7 @@ static NTSTATUS WaitHere(PKTHREAD self, WaitBlock *blocks, ULONG count, bool all
   for (ULONG i = 0; i < count; ++i) {
     blocks[i].Thread = self;
     InsertTailList(&blocks[i].Object->WaitListHead, &blocks[i].Link);
+    CountWait(blocks[i], 1);
   }
   self->Blocks = blocks;
   self->BlockCount = count;

@@ -9,6 +9,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <map>
 
 #include "platform/model/area.h"
 #include "platform/model/faults.h"
@@ -17,6 +19,7 @@
 #include "platform/model/text.h"
 #include "platform/model/verifier.h"
 
+static constexpr size_t MostEntries = 4096;
 static constexpr size_t DumpOffset = offsetof(IO_ERROR_LOG_PACKET, DumpData);
 
 // In front of an entry that a driver has.
@@ -28,7 +31,8 @@ struct alignas(16) EntryHeader {
 
 static ModelMutex LogMutex;
 static LIST_ENTRY Allocated = {&Allocated, &Allocated};
-static std::vector<EventLogEntry> Log;
+static std::deque<EventLogEntry> Log;       // the latest ones
+static std::map<ULONG, size_t> CodeCounts;  // of all
 static void (*Watcher)(const EventLogEntry &);
 
 PVOID IoAllocateErrorLogEntry(PVOID IoObject, UCHAR EntrySize) {
@@ -107,7 +111,11 @@ void IoWriteErrorLogEntry(PVOID ElEntry) {
   void (*watcher)(const EventLogEntry &);
   {
     Guard guard(LogMutex);
+    ++CodeCounts[entry.Code];
     Log.push_back(entry);
+    if (Log.size() > MostEntries) {
+      Log.pop_front();
+    }
     watcher = Watcher;
   }
   if (watcher) {
@@ -117,16 +125,13 @@ void IoWriteErrorLogEntry(PVOID ElEntry) {
 
 std::vector<EventLogEntry> EventLogEntries() {
   Guard guard(LogMutex);
-  return Log;
+  return {Log.begin(), Log.end()};
 }
 
 size_t EventLogCount(ULONG Code) {
   Guard guard(LogMutex);
-  size_t count = 0;
-  for (const EventLogEntry &entry : Log) {
-    count += entry.Code == Code;
-  }
-  return count;
+  auto found = CodeCounts.find(Code);
+  return found == CodeCounts.end() ? 0 : found->second;
 }
 
 void EventLogWatch(void (*NewWatcher)(const EventLogEntry &Entry)) {
@@ -141,6 +146,7 @@ static void Clear() {
     free(CONTAINING_RECORD(RemoveHeadList(&Allocated), EntryHeader, Link));
   }
   Log.clear();
+  CodeCounts.clear();
   Watcher = nullptr;
 }
 

@@ -18,7 +18,7 @@ struct EventLogEntry {
   std::vector<std::string> Strings;  // UTF-8
 };
 
-// A copy of all entries so far, oldest first.
+// A copy of the latest few thousand entries, oldest first; the count is of all of the run.
 std::vector<EventLogEntry> EventLogEntries();
 size_t EventLogCount(ULONG Code);
 

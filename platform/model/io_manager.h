@@ -36,12 +36,6 @@ NTSTATUS SendPacket(PDEVICE_OBJECT Device, UCHAR Major, UCHAR Minor,
                     ULONG_PTR *Information = nullptr,
                     NTSTATUS InitialStatus = STATUS_NOT_SUPPORTED);
 
-// What PoSetPowerState was told last of a device, and how many power packets wait for or are in
-// their turn.
-DEVICE_POWER_STATE PowerStateReported(PDEVICE_OBJECT Device);
-uint64_t PowerReports();
-uint64_t PowerNextCalls();
-
 // Live packets and MDLs (model allocated or driver allocated).
 uint64_t PacketCount();
 uint64_t MdlCount();

@@ -1,6 +1,7 @@
 #include "platform/model/lock_order.h"
 
-#include <algorithm>
+#include <map>
+#include <set>
 #include <vector>
 
 #include "platform/model/guard.h"
@@ -8,22 +9,37 @@
 #include "platform/model/verifier.h"
 
 struct Edge {
-  PKSPIN_LOCK First;
-  PKSPIN_LOCK Second;
+  const KSPIN_LOCK *First;
+  const KSPIN_LOCK *Second;
   const void *FirstPlace;  // where it was learned; null when declared
   const void *SecondPlace;
 };
 
 static ModelMutex orderMutex;
-static std::vector<Edge> edges;
+// By first lock, and who has an edge to a second one. Ordered by address, so that what lies in
+// freed memory is found at once: there may be thousands.
+static std::map<const KSPIN_LOCK *, std::vector<Edge>> edges;
+static std::map<const KSPIN_LOCK *, std::set<const KSPIN_LOCK *>> firsts;
 
 void LockOrderBoot() {
   edges.clear();
+  firsts.clear();
 }
 
-static const Edge *Find(PKSPIN_LOCK first, PKSPIN_LOCK second) {
-  for (const Edge &edge : edges) {
-    if (edge.First == first && edge.Second == second) {
+static void Add(const Edge &edge) {
+  edges[edge.First].push_back(edge);
+  firsts[edge.Second].insert(edge.First);
+}
+
+static const std::vector<Edge> &EdgesFrom(const KSPIN_LOCK *first) {
+  static const std::vector<Edge> none;
+  auto found = edges.find(first);
+  return found == edges.end() ? none : found->second;
+}
+
+static const Edge *Find(const KSPIN_LOCK *first, const KSPIN_LOCK *second) {
+  for (const Edge &edge : EdgesFrom(first)) {
+    if (edge.Second == second) {
       return &edge;
     }
   }
@@ -31,10 +47,10 @@ static const Edge *Find(PKSPIN_LOCK first, PKSPIN_LOCK second) {
 }
 
 // The first edge of a way from one lock to the other, or null. The graph has no cycle, so the walk
-// ends; it is small, so it need not be clever.
-static const Edge *Way(PKSPIN_LOCK from, PKSPIN_LOCK to) {
-  for (const Edge &edge : edges) {
-    if (edge.First == from && (edge.Second == to || Way(edge.Second, to))) {
+// ends; few locks come after any one, so it need not be clever.
+static const Edge *Way(const KSPIN_LOCK *from, const KSPIN_LOCK *to) {
+  for (const Edge &edge : EdgesFrom(from)) {
+    if (edge.Second == to || Way(edge.Second, to)) {
       return &edge;
     }
   }
@@ -68,21 +84,43 @@ void LockOrderCheck(PKTHREAD Self, PKSPIN_LOCK Lock, const void *Place) {
     if (const Edge *against = Way(Lock, held.Lock)) {
       StopOrder(held, Lock, Place, *against);
     }
-    edges.push_back({held.Lock, Lock, held.Place, Place});
+    Add({held.Lock, Lock, held.Place, Place});
+  }
+}
+
+static void ForgetTo(const KSPIN_LOCK *second) {
+  for (const KSPIN_LOCK *first : firsts[second]) {
+    auto from = edges.find(first);
+    std::erase_if(from->second, [second](const Edge &edge) { return edge.Second == second; });
+    if (from->second.empty()) {
+      edges.erase(from);
+    }
+  }
+}
+
+static void ForgetFrom(const std::vector<Edge> &gone) {
+  for (const Edge &edge : gone) {
+    auto to = firsts.find(edge.Second);
+    to->second.erase(edge.First);
+    if (to->second.empty()) {
+      firsts.erase(to);
+    }
   }
 }
 
 void LockOrderForget(const void *Low, size_t Bytes) {
+  auto low = reinterpret_cast<uintptr_t>(Low);
+  auto *begin = reinterpret_cast<const KSPIN_LOCK *>(low);
+  auto *end = reinterpret_cast<const KSPIN_LOCK *>(low + Bytes);
   Guard guard(orderMutex);
-  if (edges.empty()) {
-    return;
+  for (auto at = edges.lower_bound(begin); at != edges.end() && at->first < end;) {
+    ForgetFrom(at->second);
+    at = edges.erase(at);
   }
-  const char *low = static_cast<const char *>(Low);
-  auto within = [low, Bytes](const KSPIN_LOCK *lock) {
-    const char *at = reinterpret_cast<const char *>(lock);
-    return at >= low && at < low + Bytes;
-  };
-  std::erase_if(edges, [&](const Edge &e) { return within(e.First) || within(e.Second); });
+  for (auto at = firsts.lower_bound(begin); at != firsts.end() && at->first < end;) {
+    ForgetTo(at->first);
+    at = firsts.erase(at);
+  }
 }
 
 void VerifierDeclareOrder(const PKSPIN_LOCK First, const PKSPIN_LOCK Second) {
@@ -93,6 +131,6 @@ void VerifierDeclareOrder(const PKSPIN_LOCK First, const PKSPIN_LOCK Second) {
                  against->FirstPlace ? "in which they were taken" : "declared before");
   }
   if (!Find(First, Second)) {
-    edges.push_back({First, Second, nullptr, nullptr});
+    Add({First, Second, nullptr, nullptr});
   }
 }

@@ -12,6 +12,7 @@
 #include "platform/model/objects.h"
 #include "platform/model/pnp_manager.h"
 #include "platform/model/pool.h"
+#include "platform/model/power.h"
 #include "platform/model/registry.h"
 #include "platform/model/run.h"
 #include "platform/model/verifier.h"

@@ -1,8 +1,13 @@
 #include "platform/model/model_bus.h"
 
+#include <cstring>
+
 #include "platform/model/devices.h"
 #include "platform/model/objects.h"
 #include "platform/model/packets.h"
+#include "platform/model/pool.h"
+
+static constexpr ULONG AnswerTag = FourCharacters("MBus");
 
 static PDRIVER_OBJECT BusDriver;
 static unsigned BusDevices;
@@ -18,6 +23,39 @@ static void FillCapabilities(PDEVICE_CAPABILITIES Capabilities) {
   Capabilities->WakeFromD2 = 1;
   Capabilities->SystemWake = PowerSystemSleeping3;
   Capabilities->DeviceWake = PowerDeviceD2;
+}
+
+// A request that only the driver of the physical device answers.
+static void Answer(PIRP Irp, const void *Bytes, size_t Count) {
+  PVOID block = ExAllocatePoolWithTag(PagedPool, Count, AnswerTag);
+  Irp->IoStatus.Status = block ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+  if (block) {
+    memcpy(block, Bytes, Count);
+    Irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(block);
+  }
+}
+
+static void AnswerId(PIRP Irp, BUS_QUERY_ID_TYPE Type) {
+  if (Type == BusQueryDeviceID) {
+    static const WCHAR id[] = L"MODEL\\SerialPort";
+    Answer(Irp, id, sizeof id);
+  } else if (Type == BusQueryHardwareIDs) {
+    static const WCHAR ids[] = L"MODEL\\SerialPort\0";
+    Answer(Irp, ids, sizeof ids);
+  } else if (Type == BusQueryInstanceID) {
+    static const WCHAR id[] = L"0";
+    Answer(Irp, id, sizeof id);
+  }
+}
+
+static void AnswerRelations(PDEVICE_OBJECT Device, PIRP Irp, DEVICE_RELATION_TYPE Type) {
+  if (Type == TargetDeviceRelation) {
+    DEVICE_RELATIONS relations = {1, {Device}};
+    Answer(Irp, &relations, sizeof relations);
+    if (NT_SUCCESS(Irp->IoStatus.Status)) {
+      ObReferenceObject(Device);  // the asker's
+    }
+  }
 }
 
 static NTSTATUS BusPnp(PDEVICE_OBJECT Device, PIRP Irp) {
@@ -40,6 +78,12 @@ static NTSTATUS BusPnp(PDEVICE_OBJECT Device, PIRP Irp) {
   case IRP_MN_REMOVE_DEVICE:
   case IRP_MN_SURPRISE_REMOVAL:
     Irp->IoStatus.Status = STATUS_SUCCESS;
+    break;
+  case IRP_MN_QUERY_ID:
+    AnswerId(Irp, location->Parameters.QueryId.IdType);
+    break;
+  case IRP_MN_QUERY_DEVICE_RELATIONS:
+    AnswerRelations(Device, Irp, location->Parameters.QueryDeviceRelations.Type);
     break;
   default:  // not the bus's business: as it came
     break;

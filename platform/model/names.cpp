@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <deque>
 #include <map>
 
 #include "platform/model/devices.h"
@@ -12,6 +13,7 @@
 #include "platform/model/verifier.h"
 
 static constexpr unsigned MostHops = 16;
+static constexpr size_t MostGone = 1024;
 static constexpr ULONG InterfaceTag = 0x69446f49;  // "IoDi"
 
 struct NamedThing {
@@ -22,6 +24,7 @@ struct NamedThing {
 };
 
 struct DeviceInterface {
+  DeviceInterface *Next;  // of the same device
   std::string Link;
   std::string Reference;
   GUID Class;
@@ -33,6 +36,7 @@ struct DeviceInterface {
 // the directory of DOS names.
 static std::map<std::string, NamedThing> Names;
 static std::map<std::string, DeviceInterface> Interfaces;
+static std::deque<std::string> GoneKeys;  // oldest first; some have come back since
 static uint64_t InterfaceNumber;
 static uint64_t StateChanges;
 
@@ -55,29 +59,39 @@ bool NameTaken(const std::string &Name) {
 }
 
 void NameAddDevice(const std::string &Name, PDEVICE_OBJECT Device) {
-  Names[KeyOf(Name)] = {Name, Device, {}, false};
+  auto at = Names.insert_or_assign(KeyOf(Name), NamedThing{Name, Device, {}, false}).first;
+  DeviceShadowOf(Device)->Name = &at->first;
 }
 
 void NameRemoveDevice(PDEVICE_OBJECT Device) {
-  for (auto at = Names.begin(); at != Names.end(); ++at) {
-    if (at->second.Device == Device) {
-      Names.erase(at);
-      return;
-    }
+  const std::string *&key = DeviceShadowOf(Device)->Name;
+  if (key) {
+    Names.erase(Names.find(*key));
+    key = nullptr;
   }
 }
 
 void NameForgetDevice(PDEVICE_OBJECT Device) {
   NameRemoveDevice(Device);
-  for (auto at = Interfaces.begin(); at != Interfaces.end();) {
-    if (at->second.Device != Device) {
-      ++at;
-      continue;
-    }
-    if (at->second.Enabled) {
+  DeviceInterface *next;
+  for (DeviceInterface *at = DeviceShadowOf(Device)->Interfaces; at; at = next) {
+    next = at->Next;
+    if (at->Enabled) {
       VerifierWarn("interface.left-enabled");
     }
-    at = Interfaces.erase(at);
+    Interfaces.erase(KeyOf(at->Link));
+  }
+}
+
+// A link that is gone is remembered for long, but not for ever.
+static void RememberGone(const std::string &Key) {
+  GoneKeys.push_back(Key);
+  if (GoneKeys.size() > MostGone) {
+    auto oldest = Names.find(GoneKeys.front());
+    if (oldest != Names.end() && oldest->second.Gone) {
+      Names.erase(oldest);
+    }
+    GoneKeys.pop_front();
   }
 }
 
@@ -167,6 +181,7 @@ NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName) {
     return STATUS_OBJECT_NAME_NOT_FOUND;
   }
   found->second.Gone = true;
+  RememberGone(found->first);
   return STATUS_SUCCESS;
 }
 
@@ -187,10 +202,11 @@ static bool SameGuid(const GUID &One, const GUID &Other) {
 // Under DeviceMutex: the name of the interface, and whether it was there already.
 static std::string AddInterface(PDEVICE_OBJECT Device, const GUID &Class,
                                 const std::string &Reference, bool *Existed) {
-  for (const auto &[key, known] : Interfaces) {
-    if (known.Device == Device && SameGuid(known.Class, Class) && known.Reference == Reference) {
+  DeviceInterface *&first = DeviceShadowOf(Device)->Interfaces;
+  for (const DeviceInterface *known = first; known; known = known->Next) {
+    if (SameGuid(known->Class, Class) && known->Reference == Reference) {
       *Existed = true;
-      return known.Link;
+      return known->Link;
     }
   }
   *Existed = false;
@@ -198,7 +214,9 @@ static std::string AddInterface(PDEVICE_OBJECT Device, const GUID &Class,
   if (!Reference.empty()) {
     link += "\\" + Reference;
   }
-  Interfaces[KeyOf(link)] = {link, Reference, Class, Device, false};
+  DeviceInterface *added = &Interfaces[KeyOf(link)];
+  *added = {first, link, Reference, Class, Device, false};
+  first = added;
   return link;
 }
 
@@ -277,6 +295,7 @@ uint64_t InterfaceStateChanges() {
 
 void NamesBoot() {
   Names.clear();
+  GoneKeys.clear();
   Interfaces.clear();
   InterfaceNumber = 0;
   StateChanges = 0;

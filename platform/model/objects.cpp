@@ -3,10 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
+#include <unordered_map>
 
 #include "platform/model/address_map.h"
 #include "platform/model/area.h"
+#include "platform/model/dispatcher.h"
 #include "platform/model/faults.h"
 #include "platform/model/guard.h"
 #include "platform/model/locks.h"
@@ -32,7 +33,7 @@ struct alignas(16) ObjectHeader {
 };
 
 struct HandleEntry {
-  void *Body;  // null once closed; a value is never given out twice
+  void *Body;
   ObjectLastHandle OnLastHandle;
 };
 
@@ -41,7 +42,8 @@ static AddressMap objectMap;
 static LIST_ENTRY objects = {&objects, &objects};        // live
 static LIST_ENTRY graveyard = {&graveyard, &graveyard};  // dead, oldest first
 static size_t deadCount;
-static std::vector<HandleEntry> handles;
+static std::unordered_map<uint64_t, HandleEntry> handles;  // open ones, by value
+static uint64_t lastHandle;
 
 static const char *KindText(ObjectKind kind) {
   static const char *const names[] = {"driver", "device", "file", "thread", "key"};
@@ -137,7 +139,7 @@ static void Bury(ObjectHeader *header) {
   void *body = BodyOf(header);
   if (VerifierEnabled) {
     LockLeaveMemory(body, header->Bytes);
-    if (ThreadsWaitWithin(body, header->Bytes)) {
+    if (WaitsWithin(body, header->Bytes)) {
       VerifierStop("dispatcher.freed-waited", body, "a thread waits within a deleted %s object",
                    KindText(header->Kind));
     }
@@ -183,13 +185,10 @@ LONG_PTR ObfDereferenceObject(PVOID Object) {
 
 // --- handles -----------------------------------------------------------------------------------
 
+// A value is never given out twice.
 static HandleEntry *FindHandle(HANDLE handle) {
-  uint64_t value = reinterpret_cast<uint64_t>(handle);
-  if (value == 0 || value % 4 != 0 || value / 4 > handles.size()) {
-    return nullptr;
-  }
-  HandleEntry *entry = &handles[value / 4 - 1];
-  return entry->Body ? entry : nullptr;
+  auto found = handles.find(reinterpret_cast<uint64_t>(handle));
+  return found == handles.end() ? nullptr : &found->second;
 }
 
 HANDLE ObjectOpenHandle(void *Body, ObjectLastHandle OnLastHandle) {
@@ -197,8 +196,9 @@ HANDLE ObjectOpenHandle(void *Body, ObjectLastHandle OnLastHandle) {
   ObjectHeader *header = Require(Body, "ObjectOpenHandle");
   ++header->References;
   ++header->Handles;
-  handles.push_back({Body, OnLastHandle});
-  return reinterpret_cast<HANDLE>(handles.size() * 4);
+  lastHandle += 4;
+  handles[lastHandle] = {Body, OnLastHandle};
+  return reinterpret_cast<HANDLE>(lastHandle);
 }
 
 void *ObjectFromHandle(HANDLE Handle, ObjectKind Kind) {
@@ -241,7 +241,7 @@ NTSTATUS ZwClose(HANDLE Handle) {
     HandleEntry *entry = FindHandle(Handle);
     if (entry) {
       closed = *entry;
-      entry->Body = nullptr;
+      handles.erase(reinterpret_cast<uint64_t>(Handle));
       last = --HeaderOf(closed.Body)->Handles == 0;
     }
   }
@@ -265,14 +265,14 @@ static void Boot() {
   InitializeListHead(&graveyard);
   deadCount = 0;
   handles.clear();
+  lastHandle = 0;
 }
 
 static void Check() {
-  for (size_t i = 0; i < handles.size(); ++i) {
-    if (handles[i].Body) {
-      VerifierStop("leak.handle", handles[i].Body, "handle %#zx of the %s object at %p is open",
-                   (i + 1) * 4, KindText(HeaderOf(handles[i].Body)->Kind), handles[i].Body);
-    }
+  for (const auto &[value, entry] : handles) {
+    VerifierStop("leak.handle", entry.Body, "handle %#llx of the %s object at %p is open",
+                 static_cast<unsigned long long>(value), KindText(HeaderOf(entry.Body)->Kind),
+                 entry.Body);
   }
   for (PLIST_ENTRY entry = objects.Flink; entry != &objects; entry = entry->Flink) {
     ObjectHeader *header = CONTAINING_RECORD(entry, ObjectHeader, Link);

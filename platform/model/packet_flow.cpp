@@ -7,12 +7,26 @@
 #include "platform/model/mdl.h"
 #include "platform/model/objects.h"
 #include "platform/model/packets.h"
+#include "platform/model/power.h"
+#include "platform/model/stack_rules.h"
 #include "platform/model/thread_object.h"
 #include "platform/model/verifier.h"
 
+static constexpr UCHAR InvokeBits = SL_INVOKE_ON_SUCCESS | SL_INVOKE_ON_ERROR | SL_INVOKE_ON_CANCEL;
+
+void PacketCountNext(PIRP Irp) {
+  PacketShadow *shadow = PacketRequireLive(Irp, "PoStartNextPowerIrp");
+  Guard guard(RequestMutex);
+  if (shadow->State != PacketState::Held || Irp->CurrentLocation != shadow->Location ||
+      IoGetCurrentIrpStackLocation(Irp)->MajorFunction != IRP_MJ_POWER) {
+    VerifierStop("power.next", Irp,
+                 "PoStartNextPowerIrp: the current location is not the caller's power request");
+  }
+  ++shadow->Locations[shadow->Location].PowerNexts;
+}
+
 static bool IsPowerTurn(const IO_STACK_LOCATION *Location) {
-  return Location->MajorFunction == IRP_MJ_POWER && (Location->MinorFunction == IRP_MN_SET_POWER ||
-                                                     Location->MinorFunction == IRP_MN_QUERY_POWER);
+  return Location->MajorFunction == IRP_MJ_POWER && PowerTakesTurn(Location->MinorFunction);
 }
 
 static void FramePush(DispatchFrame *Frame) {
@@ -125,8 +139,60 @@ static void RequireForwardable(const PacketShadow *Shadow, PIRP Irp) {
   }
 }
 
+unsigned PacketsAt(PDEVICE_OBJECT Device) {
+  Guard guard(RequestMutex);
+  return DeviceShadowOf(Device)->Packets;
+}
+
+// A removal deletes the device that it stands at, so Plug and Play packets do not count.
+static void CountIn(LocationShadow *Location, UCHAR Major) {
+  Location->Counted = Major != IRP_MJ_PNP;
+  DeviceShadowOf(Location->Device)->Packets += Location->Counted;
+}
+
+// The device need not be there any more when its packet counts no longer.
+static void Uncount(LocationShadow *Location) {
+  if (Location->Counted) {
+    Location->Counted = false;
+    --DeviceShadowOf(Location->Device)->Packets;
+  }
+}
+
+// The packet leaves the driver that holds it; without a completion routine it does not come back.
+static void LeaveDownward(PacketShadow *Shadow, PIRP Irp) {
+  const IO_STACK_LOCATION *next = IoGetNextIrpStackLocation(Irp);
+  LocationShadow *from = &Shadow->Locations[Shadow->Location];
+  if (StackRulesApply(next->MajorFunction)) {
+    StackRulesPassDown(from, Irp);
+    from->PassedOn = true;
+  }
+  if (from->Number == Irp->CurrentLocation - 1 || (next->Control & InvokeBits) == 0) {
+    Uncount(from);
+  }
+}
+
+// The location's device is another one, or has the packet again.
+static void ComeTo(PacketShadow *Shadow, LocationShadow *Location, PDEVICE_OBJECT Device, PIRP Irp,
+                   StackRole Role) {
+  if (Shadow->State == PacketState::Held) {
+    LeaveDownward(Shadow, Irp);
+  }
+  if (Location->Entered > 0 && Shadow->Location == Irp->CurrentLocation - 1) {
+    MdlLetGo(Location->Mdl);  // the location is shared by a driver that skipped it
+  } else {
+    *Location = {};
+  }
+  Location->Device = Device;
+  Location->Driver = Device->DriverObject;
+  Location->Number = Irp->CurrentLocation - 1;
+  Location->Role = Role;
+  Location->PassedOn = false;
+  Location->Came = Irp->IoStatus;
+  CountIn(Location, IoGetNextIrpStackLocation(Irp)->MajorFunction);
+}
+
 static void EnterLocation(PacketShadow *Shadow, PDEVICE_OBJECT Device, PIRP Irp,
-                          DispatchFrame *Frame) {
+                          DispatchFrame *Frame, StackRole Role) {
   int at = Irp->CurrentLocation - 1;
   LocationShadow *location = &Shadow->Locations[at];
   if (Shadow->State == PacketState::Fresh) {
@@ -134,14 +200,8 @@ static void EnterLocation(PacketShadow *Shadow, PDEVICE_OBJECT Device, PIRP Irp,
     Shadow->SentMdl = Irp->MdlAddress;
     Shadow->SentSystemBuffer = Irp->AssociatedIrp.SystemBuffer;
     Shadow->SentUserBuffer = Irp->UserBuffer;
-    *location = {};
-  } else if (at == Shadow->Location) {
-    MdlLetGo(location->Mdl);  // the location is shared by a driver that skipped it
-  } else {
-    *location = {};
   }
-  location->Device = Device;
-  location->Driver = Device->DriverObject;
+  ComeTo(Shadow, location, Device, Irp, Role);
   location->Mdl = Irp->MdlAddress;
   ++location->Entered;
   MdlTake(location->Mdl);
@@ -218,14 +278,21 @@ static NTSTATUS CheckedCall(PDEVICE_OBJECT Device, PIRP Irp) {
                  static_cast<void *>(Device));
   }
   DispatchFrame frame;
+  const IO_STACK_LOCATION *next = IoGetNextIrpStackLocation(Irp);
+  StackRole role = StackRole::None;
   {
     Guard guard(RequestMutex);
     RequireCallerOwns(shadow, Irp, "IofCallDriver", "packet.forward-completed");
     RequireForwardable(shadow, Irp);
-    EnterLocation(shadow, Device, Irp, &frame);
+    if (StackRulesApply(next->MajorFunction)) {
+      role = DeviceRole(Device);
+    }
+    EnterLocation(shadow, Device, Irp, &frame, role);
   }
-  HistoryNote("call", Irp, IoGetNextIrpStackLocation(Irp)->MajorFunction,
-              static_cast<uint64_t>(frame.Location));
+  if (next->MajorFunction == IRP_MJ_POWER) {
+    PowerArrived(Device, next);
+  }
+  HistoryNote("call", Irp, next->MajorFunction, static_cast<uint64_t>(frame.Location));
   Before before = LookBefore();
   FramePush(&frame);
   NTSTATUS returned = Dispatch(Device, Irp);
@@ -296,6 +363,20 @@ static void CheckPowerTurn(const LocationShadow *Location, PIRP Irp) {
   }
 }
 
+static void CheckStackRules(LocationShadow *Location, PIRP Irp) {
+  UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
+  if (Location->Entered == 0) {
+    return;
+  }
+  Uncount(Location);
+  if (StackRulesApply(major)) {
+    StackRulesLeave(Location, Irp);
+    if (Irp->CurrentLocation < Irp->StackCount) {
+      Location[1].Back = Irp->IoStatus;
+    }
+  }
+}
+
 // The current location is completed: tells the dispatch routines that entered there.
 static void LeaveLocation(PacketShadow *Shadow, PIRP Irp) {
   Guard guard(RequestMutex);
@@ -303,6 +384,7 @@ static void LeaveLocation(PacketShadow *Shadow, PIRP Irp) {
   LocationShadow *location = &Shadow->Locations[at];
   bool entered = location->Entered != 0;
   CheckPowerTurn(location, Irp);
+  CheckStackRules(location, Irp);
   MdlLetGo(location->Mdl);
   for (DispatchFrame *frame = location->Frames; frame; frame = frame->Next) {
     frame->Completed = true;
@@ -337,6 +419,10 @@ static NTSTATUS CheckedRoutine(PacketShadow *Shadow, PIRP Irp, PDEVICE_OBJECT De
   {
     Guard guard(RequestMutex);
     Shadow->State = Shadow->Location > Irp->StackCount ? PacketState::Fresh : PacketState::Held;
+    if (Shadow->State == PacketState::Held) {
+      // It has come back. The routine may give up what keeps the device, as its last act.
+      Uncount(&Shadow->Locations[Shadow->Location]);
+    }
     steps = ++Shadow->Steps;
   }
   Before before = LookBefore();

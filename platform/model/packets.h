@@ -42,6 +42,7 @@
 #include <cstdint>
 
 #include "platform/kernel.h"
+#include "platform/model/devices.h"
 #include "platform/model/guard.h"
 
 // Fresh -> Held (sent) -> Held (passed on, or taken back by a completion routine) -> Completing ->
@@ -72,11 +73,17 @@ struct DispatchFrame {
 struct LocationShadow {
   PDEVICE_OBJECT Device;
   PDRIVER_OBJECT Driver;
+  int Number;
   DispatchFrame *Frames;  // dispatch routines that entered here, still run, and are not completed
   PMDL Mdl;               // what the packet carried when it came
   unsigned Entered;
   unsigned PowerNexts;
   bool ReturnedPending;
+  StackRole Role;        // these four: of packets that StackRulesApply to
+  bool PassedOn;         // it has been below
+  IO_STATUS_BLOCK Came;  // what it carried when it came
+  IO_STATUS_BLOCK Back;  // and when it came back from below
+  bool Counted;          // at the device, among those that stand there
 };
 
 using PacketFinish = void (*)(PIRP Irp, void *Context);
@@ -116,6 +123,13 @@ inline PIRP PacketOf(PacketShadow *Shadow) {
 
 // The record of a packet that is not freed; stops the run otherwise.
 PacketShadow *PacketRequireLive(PIRP Irp, const char *Service);
+
+// Packets, Plug and Play ones apart, that stand at the device: they are there, or below it and have
+// to come back. Zero without the verifier.
+unsigned PacketsAt(PDEVICE_OBJECT Device);
+
+// PoStartNextPowerIrp was called for the packet: stops unless the caller holds it.
+void PacketCountNext(PIRP Irp);
 
 // The model's own packets. Finish owns the packet when it is called and frees it.
 PIRP PacketMake(CCHAR StackSize, PacketFinish Finish, void *Context);

@@ -1,14 +1,9 @@
-// The verifier's rules here:
+// The verifier's rules here, besides those of pnp_requests.h and stack_rules.h:
 //
 //   pnp.not-forwarded  answered with success, but never seen by the bus below
 //   pnp.must-succeed   a request that a driver may not fail came back failed
-//   pnp.bad-relations  the bus relations name what is no live device
 //   leak.node          a port was not removed
-//
-// Warnings: pnp.child-must-succeed, power.set-failed.
 #include "platform/model/pnp_manager.h"
-
-#include <algorithm>
 
 #include "platform/model/area.h"
 #include "platform/model/devices.h"
@@ -16,56 +11,17 @@
 #include "platform/model/io_manager.h"
 #include "platform/model/model_bus.h"
 #include "platform/model/objects.h"
-#include "platform/model/packets.h"
+#include "platform/model/pnp_node.h"
+#include "platform/model/pnp_requests.h"
 #include "platform/model/power.h"
 #include "platform/model/registry_keys.h"
 #include "platform/model/verifier.h"
 
-static constexpr ULONG Unknown = 0xFFFFFFFF;
 static const char EnumPath[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Enum\\";
-
-struct PnpChild {
-  PDEVICE_OBJECT Device;  // referenced
-  bool Started;
-  bool Listed;  // in the relations reported last
-};
-
-struct PnpNode {
-  PnpNode *Next;
-  PDEVICE_OBJECT Pdo;
-  std::string KeyPath;
-  bool HasKey;
-  std::vector<PnpChild> Children;
-  std::vector<PDEVICE_OBJECT> Bottoms;  // of the stacks, while a removal waits
-};
 
 static ModelMutex PnpMutex;
 static PnpNode *Nodes;  // guarded by PnpMutex
 static uint64_t NodeNumber;
-
-// ---- requests ----
-
-static NTSTATUS Send(PDEVICE_OBJECT Device, UCHAR Minor, PacketRequest *Request) {
-  Request->Major = IRP_MJ_PNP;
-  Request->Minor = Minor;
-  Request->Iosb.Status = STATUS_NOT_SUPPORTED;
-  return PacketSendAndWait(Device, Request);
-}
-
-static NTSTATUS SendPlain(PDEVICE_OBJECT Device, UCHAR Minor) {
-  PacketRequest request = {};
-  return Send(Device, Minor, &request);
-}
-
-NTSTATUS PnpSend(PDEVICE_OBJECT Device, UCHAR Minor, ULONG_PTR *Information) {
-  PacketRequest request = {};
-  request.Iosb.Information = Information ? *Information : 0;
-  NTSTATUS status = Send(Device, Minor, &request);
-  if (Information) {
-    *Information = request.Iosb.Information;
-  }
-  return status;
-}
 
 static bool MayNotFail(UCHAR Minor) {
   return Minor == IRP_MN_REMOVE_DEVICE || Minor == IRP_MN_SURPRISE_REMOVAL ||
@@ -74,9 +30,9 @@ static bool MayNotFail(UCHAR Minor) {
 }
 
 // To the top of a port's stack, with a look at what became of it below.
-static NTSTATUS SendDown(PnpNode *Node, UCHAR Minor, PacketRequest *Request) {
+static NTSTATUS SendToPort(PnpNode *Node, UCHAR Minor) {
   BusForget(Node->Pdo);
-  NTSTATUS status = Send(Node->Pdo, Minor, Request);
+  NTSTATUS status = PnpSendPlain(Node->Pdo, Minor);
   if (!VerifierOn()) {
     return status;
   }
@@ -90,149 +46,6 @@ static NTSTATUS SendDown(PnpNode *Node, UCHAR Minor, PacketRequest *Request) {
                  Minor, static_cast<unsigned>(status));
   }
   return status;
-}
-
-static NTSTATUS SendToPort(PnpNode *Node, UCHAR Minor) {
-  PacketRequest request = {};
-  return SendDown(Node, Minor, &request);
-}
-
-static NTSTATUS SendToChild(PDEVICE_OBJECT Child, UCHAR Minor) {
-  NTSTATUS status = SendPlain(Child, Minor);
-  if (!NT_SUCCESS(status) && MayNotFail(Minor)) {
-    VerifierWarn("pnp.child-must-succeed");
-  }
-  return status;
-}
-
-static void FillCapabilities(PIO_STACK_LOCATION Location, const void *Context) {
-  Location->Parameters.DeviceCapabilities.Capabilities =
-      static_cast<PDEVICE_CAPABILITIES>(const_cast<void *>(Context));
-}
-
-static PacketRequest CapabilitiesRequest(PDEVICE_CAPABILITIES Capabilities) {
-  *Capabilities = {};
-  Capabilities->Size = sizeof(DEVICE_CAPABILITIES);
-  Capabilities->Version = 1;
-  Capabilities->Address = Unknown;
-  Capabilities->UINumber = Unknown;
-  PacketRequest request = {};
-  request.Fill = FillCapabilities;
-  request.Context = Capabilities;
-  return request;
-}
-
-// ---- children ----
-
-static void FillQueryId(PIO_STACK_LOCATION Location, const void *Context) {
-  Location->Parameters.QueryId.IdType = *static_cast<const BUS_QUERY_ID_TYPE *>(Context);
-}
-
-static void FreeAnswer(NTSTATUS Status, ULONG_PTR Information) {
-  if (NT_SUCCESS(Status) && Information) {
-    ExFreePoolWithTag(reinterpret_cast<PVOID>(Information), 0);
-  }
-}
-
-// Whether the device has an answer. What it says is not used.
-static bool QueryId(PDEVICE_OBJECT Child, BUS_QUERY_ID_TYPE Type) {
-  PacketRequest request = {};
-  request.Fill = FillQueryId;
-  request.Context = &Type;
-  NTSTATUS status = Send(Child, IRP_MN_QUERY_ID, &request);
-  FreeAnswer(status, request.Iosb.Information);
-  return NT_SUCCESS(status) && request.Iosb.Information != 0;
-}
-
-// A child without a device ID is listed but has no place in the system.
-static void StartChild(PnpChild *Child) {
-  static const BUS_QUERY_ID_TYPE others[] = {BusQueryHardwareIDs, BusQueryCompatibleIDs,
-                                             BusQueryInstanceID};
-  bool known = QueryId(Child->Device, BusQueryDeviceID);
-  for (BUS_QUERY_ID_TYPE type : others) {
-    QueryId(Child->Device, type);
-  }
-  DEVICE_CAPABILITIES capabilities;
-  PacketRequest request = CapabilitiesRequest(&capabilities);
-  NTSTATUS status = Send(Child->Device, IRP_MN_QUERY_CAPABILITIES, &request);
-  bool raw = NT_SUCCESS(status) && capabilities.RawDeviceOK;
-
-  PacketRequest bus = {};
-  status = Send(Child->Device, IRP_MN_QUERY_BUS_INFORMATION, &bus);
-  FreeAnswer(status, bus.Iosb.Information);
-  if (known && raw) {
-    Child->Started = NT_SUCCESS(SendPlain(Child->Device, IRP_MN_START_DEVICE));
-  }
-}
-
-static void RequireRelated(const DEVICE_RELATIONS *Relations) {
-  for (ULONG i = 0; VerifierOn() && i < Relations->Count; ++i) {
-    if (!ObjectIs(Relations->Objects[i], ObjectKind::Device)) {
-      VerifierStop("pnp.bad-relations", Relations, "the bus relations name %p",
-                   static_cast<void *>(Relations->Objects[i]));
-    }
-  }
-}
-
-// Takes over the references of the relations: new children are kept with theirs, for known ones
-// the second reference is dropped.
-static void MergeChildren(PnpNode *Node, const DEVICE_RELATIONS *Relations) {
-  for (PnpChild &child : Node->Children) {
-    child.Listed = false;
-  }
-  for (ULONG i = 0; i < Relations->Count; ++i) {
-    PDEVICE_OBJECT device = Relations->Objects[i];
-    auto known = std::find_if(Node->Children.begin(), Node->Children.end(),
-                              [device](const PnpChild &c) { return c.Device == device; });
-    if (known == Node->Children.end()) {
-      device->Flags |= DO_BUS_ENUMERATED_DEVICE;
-      Node->Children.push_back({device, false, true});
-      StartChild(&Node->Children.back());
-    } else {
-      known->Listed = true;
-      ObfDereferenceObject(device);
-    }
-  }
-}
-
-static void DropVanished(PnpNode *Node) {
-  for (size_t i = 0; i < Node->Children.size();) {
-    PDEVICE_OBJECT device = Node->Children[i].Device;
-    if (Node->Children[i].Listed) {
-      ++i;
-      continue;
-    }
-    SendToChild(device, IRP_MN_REMOVE_DEVICE);
-    Node->Children.erase(Node->Children.begin() + static_cast<ptrdiff_t>(i));
-    ObfDereferenceObject(device);
-  }
-}
-
-static void FillBusRelations(PIO_STACK_LOCATION Location, const void *Context) {
-  UNREFERENCED_PARAMETER(Context);
-  Location->Parameters.QueryDeviceRelations.Type = BusRelations;
-}
-
-static void QueryChildren(PnpNode *Node) {
-  PacketRequest request = {};
-  request.Fill = FillBusRelations;
-  NTSTATUS status = Send(Node->Pdo, IRP_MN_QUERY_DEVICE_RELATIONS, &request);
-  if (!NT_SUCCESS(status) || !request.Iosb.Information) {
-    return;
-  }
-  auto *relations = reinterpret_cast<DEVICE_RELATIONS *>(request.Iosb.Information);
-  RequireRelated(relations);
-  MergeChildren(Node, relations);
-  DropVanished(Node);
-  ExFreePoolWithTag(relations, 0);
-}
-
-std::vector<PDEVICE_OBJECT> PnpChildren(const PnpNode *Node) {
-  std::vector<PDEVICE_OBJECT> devices;
-  for (const PnpChild &child : Node->Children) {
-    devices.push_back(child.Device);
-  }
-  return devices;
 }
 
 // ---- building ----
@@ -249,7 +62,8 @@ static void CheckAdded(PnpNode *Node, PDRIVER_OBJECT Driver, bool UpperFilter) {
                      "AddDevice left DO_DEVICE_INITIALIZING set on its device");
       }
       ULONG differs = (device->Flags ^ below->Flags) & (DO_BUFFERED_IO | DO_DIRECT_IO);
-      if (UpperFilter && differs) {
+      ULONG lacks = ~device->Flags & below->Flags & DO_POWER_PAGABLE;
+      if (UpperFilter && (differs | lacks)) {
         VerifierStop("device.flags", device, "flags 0x%x, the device below has 0x%x", device->Flags,
                      below->Flags);
       }
@@ -279,13 +93,41 @@ static PnpNode *MakeNode(const PortDescription &Port) {
     Guard guard(PnpMutex);
     node->KeyPath = EnumPath + Port.Id + "\\" + std::to_string(NodeNumber++);
     node->Next = Nodes;
+    node->Link = &Nodes;
+    if (Nodes) {
+      Nodes->Link = &node->Next;
+    }
     Nodes = node;
   }
   if (Port.HasKey) {
     RegistryAddKey(node->KeyPath, Port.Values);
   }
   node->Pdo = BusMakeDevice(node);
+  DeviceBeginChange(node->Pdo);
   return node;
+}
+
+// The devices above the physical one, from below, while they stand.
+static std::vector<PDEVICE_OBJECT> StackOf(const PnpNode *Node) {
+  std::vector<PDEVICE_OBJECT> devices;
+  Guard guard(DeviceMutex);
+  for (PDEVICE_OBJECT at = Node->Pdo->AttachedDevice; at; at = at->AttachedDevice) {
+    devices.push_back(at);
+  }
+  return devices;
+}
+
+static void RemoveDrivers(PnpNode *Node) {
+  std::vector<PDEVICE_OBJECT> devices = StackOf(Node);
+  DeviceBeginChange(Node->Pdo);
+  SendToPort(Node, IRP_MN_REMOVE_DEVICE);
+  for (PDEVICE_OBJECT device : devices) {
+    if (VerifierOn() && ObjectIs(device, ObjectKind::Device) && !DeviceIsDeleted(device) &&
+        DeviceBottom(device) == device) {
+      VerifierStop("device.not-deleted", device,
+                   "the removal detached the device, but did not delete it");
+    }
+  }
 }
 
 static void FreeNode(PnpNode *Node) {
@@ -303,11 +145,10 @@ static void FreeNode(PnpNode *Node) {
   BusDeleteDevice(Node->Pdo);
   {
     Guard guard(PnpMutex);
-    PnpNode **link = &Nodes;
-    while (*link != Node) {
-      link = &(*link)->Next;
+    *Node->Link = Node->Next;
+    if (Node->Next) {
+      Node->Next->Link = Node->Link;
     }
-    *link = Node->Next;
   }
   delete Node;
 }
@@ -322,10 +163,11 @@ PnpNode *PnpAdd(const PortDescription &Port, NTSTATUS *Status) {
     *Status = status;
   }
   if (NT_SUCCESS(status)) {
+    DeviceEndChange(node->Pdo);
     return node;
   }
   if (DeviceTop(node->Pdo) != node->Pdo) {
-    SendToPort(node, IRP_MN_REMOVE_DEVICE);
+    RemoveDrivers(node);
   }
   FreeNode(node);
   return nullptr;
@@ -354,43 +196,126 @@ NTSTATUS IoOpenDeviceRegistryKey(PDEVICE_OBJECT DeviceObject, ULONG DevInstKeyTy
   return node->HasKey ? RegistryOpenKey(node->KeyPath, DeviceRegKey) : STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-// ---- life ----
+// ---- start and relations ----
+
+NTSTATUS PnpInvalidateRelations(PnpNode *Node) {
+  std::vector<PDEVICE_OBJECT> related;
+  NTSTATUS status = PnpAskRelations(Node->Pdo, BusRelations, PnpChildren(Node), &related);
+  if (NT_SUCCESS(status)) {
+    PnpMergeChildren(Node, related);
+  }
+  return status;
+}
+
+// Drivers that could not go on after a stop may still have handles open: they are told first.
+static void StartFailed(PnpNode *Node) {
+  if (Node->State == PnpState::Stopped) {
+    PnpSurpriseRemove(Node);
+  } else if (Node->State != PnpState::Started) {
+    Node->State = PnpState::Failed;
+  }
+}
 
 NTSTATUS PnpStart(PnpNode *Node) {
+  if (Node->State == PnpState::New) {
+    PnpFilterResources(Node->Pdo);
+  }
   NTSTATUS status = SendToPort(Node, IRP_MN_START_DEVICE);
   if (!NT_SUCCESS(status)) {
+    StartFailed(Node);
     return status;
   }
+  Node->State = PnpState::Started;
   DEVICE_CAPABILITIES capabilities;
-  PacketRequest request = CapabilitiesRequest(&capabilities);
-  SendDown(Node, IRP_MN_QUERY_CAPABILITIES, &request);
-  QueryChildren(Node);
+  PnpAskCapabilities(Node->Pdo, &capabilities);
+  PnpAskState(Node->Pdo);
+  PnpInvalidateRelations(Node);
+  return status;
+}
+
+static void AskEverything(PDEVICE_OBJECT Device) {
+  for (BUS_QUERY_ID_TYPE type : {BusQueryDeviceID, BusQueryHardwareIDs, BusQueryCompatibleIDs,
+                                 BusQueryInstanceID, BusQueryDeviceSerialNumber}) {
+    PnpAskId(Device, type);
+  }
+  PnpAskText(Device, DeviceTextDescription);
+  PnpAskText(Device, DeviceTextLocationInformation);
+  PnpAskResources(Device);
+  PnpAskBusInformation(Device);
+  PnpAskInterface(Device);
+  PnpNotifyUsage(Device);
+  PnpAskState(Device);
+  std::vector<PDEVICE_OBJECT> related;
+  for (DEVICE_RELATION_TYPE type :
+       {EjectionRelations, PowerRelations, RemovalRelations, TargetDeviceRelation}) {
+    PnpAskRelations(Device, type, {}, &related);
+    for (PDEVICE_OBJECT device : related) {
+      ObfDereferenceObject(device);
+    }
+  }
+  PnpSendPlain(Device, IRP_MN_DEVICE_ENUMERATED);
+}
+
+void PnpAskEverything(PnpNode *Node) {
+  AskEverything(Node->Pdo);
+  for (PDEVICE_OBJECT child : PnpChildren(Node)) {
+    AskEverything(child);
+  }
+}
+
+// ---- stop ----
+
+// The first so many children that were asked, and the one that refused with them, hear that nothing
+// comes of it.
+static NTSTATUS QueryChildren(PnpNode *Node, UCHAR Query, UCHAR Cancel) {
+  size_t asked = 0;
+  NTSTATUS status = PnpTellChildren(Node, PnpState::Started, Query, &asked);
+  for (size_t i = 0; !NT_SUCCESS(status) && i < asked; ++i) {
+    if (Node->Children[i].State == PnpState::Started) {
+      PnpSendToChild(Node->Children[i].Device, Cancel);
+    }
+  }
   return status;
 }
 
 NTSTATUS PnpQueryStop(PnpNode *Node) {
-  return SendToPort(Node, IRP_MN_QUERY_STOP_DEVICE);
+  NTSTATUS status = QueryChildren(Node, IRP_MN_QUERY_STOP_DEVICE, IRP_MN_CANCEL_STOP_DEVICE);
+  if (!NT_SUCCESS(status)) {
+    return status;
+  }
+  status = SendToPort(Node, IRP_MN_QUERY_STOP_DEVICE);
+  if (!NT_SUCCESS(status)) {
+    PnpCancelStop(Node);
+  }
+  return status;
 }
 
 NTSTATUS PnpCancelStop(PnpNode *Node) {
-  return SendToPort(Node, IRP_MN_CANCEL_STOP_DEVICE);
+  NTSTATUS status = SendToPort(Node, IRP_MN_CANCEL_STOP_DEVICE);
+  PnpTellChildren(Node, PnpState::Started, IRP_MN_CANCEL_STOP_DEVICE);
+  return status;
 }
 
 NTSTATUS PnpStop(PnpNode *Node) {
-  return SendToPort(Node, IRP_MN_STOP_DEVICE);
-}
-
-NTSTATUS PnpQueryRemove(PnpNode *Node) {
-  for (size_t i = 0; i < Node->Children.size(); ++i) {
-    NTSTATUS status = SendToChild(Node->Children[i].Device, IRP_MN_QUERY_REMOVE_DEVICE);
-    if (!NT_SUCCESS(status)) {
-      for (size_t asked = 0; asked <= i; ++asked) {
-        SendToChild(Node->Children[asked].Device, IRP_MN_CANCEL_REMOVE_DEVICE);
-      }
-      return status;
+  PnpTellChildren(Node, PnpState::Started, IRP_MN_STOP_DEVICE);
+  for (PnpChild &child : Node->Children) {
+    if (child.State == PnpState::Started) {
+      child.State = PnpState::Stopped;
     }
   }
-  NTSTATUS status = SendToPort(Node, IRP_MN_QUERY_REMOVE_DEVICE);
+  NTSTATUS status = SendToPort(Node, IRP_MN_STOP_DEVICE);
+  Node->State = PnpState::Stopped;
+  return status;
+}
+
+// ---- removal ----
+
+NTSTATUS PnpQueryRemove(PnpNode *Node) {
+  NTSTATUS status = QueryChildren(Node, IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE);
+  if (!NT_SUCCESS(status)) {
+    return status;
+  }
+  status = SendToPort(Node, IRP_MN_QUERY_REMOVE_DEVICE);
   if (!NT_SUCCESS(status)) {
     PnpCancelRemove(Node);
   }
@@ -399,17 +324,22 @@ NTSTATUS PnpQueryRemove(PnpNode *Node) {
 
 NTSTATUS PnpCancelRemove(PnpNode *Node) {
   NTSTATUS status = SendToPort(Node, IRP_MN_CANCEL_REMOVE_DEVICE);
-  for (const PnpChild &child : Node->Children) {
-    SendToChild(child.Device, IRP_MN_CANCEL_REMOVE_DEVICE);
-  }
+  PnpTellChildren(Node, PnpState::Started, IRP_MN_CANCEL_REMOVE_DEVICE);
   return status;
 }
 
+// What never started has nothing to be surprised in: its removal is enough.
 void PnpSurpriseRemove(PnpNode *Node) {
-  for (const PnpChild &child : Node->Children) {
-    SendToChild(child.Device, IRP_MN_SURPRISE_REMOVAL);
+  for (PnpState state : {PnpState::Started, PnpState::Stopped}) {
+    PnpTellChildren(Node, state, IRP_MN_SURPRISE_REMOVAL);
   }
-  SendToPort(Node, IRP_MN_SURPRISE_REMOVAL);
+  for (PnpChild &child : Node->Children) {
+    child.State = PnpState::Gone;
+  }
+  if (Node->State == PnpState::Started || Node->State == PnpState::Stopped) {
+    SendToPort(Node, IRP_MN_SURPRISE_REMOVAL);
+  }
+  Node->State = PnpState::Gone;
 }
 
 void PnpRemove(PnpNode *Node, bool Force) {
@@ -419,9 +349,9 @@ void PnpRemove(PnpNode *Node, bool Force) {
     DeviceAwaitNoOpens(Node->Bottoms.data(), Node->Bottoms.size());
   }
   for (const PnpChild &child : Node->Children) {
-    SendToChild(child.Device, IRP_MN_REMOVE_DEVICE);
+    PnpSendToChild(child.Device, IRP_MN_REMOVE_DEVICE);
   }
-  SendToPort(Node, IRP_MN_REMOVE_DEVICE);
+  RemoveDrivers(Node);
   while (!Node->Children.empty()) {
     PDEVICE_OBJECT device = Node->Children.back().Device;
     Node->Children.pop_back();

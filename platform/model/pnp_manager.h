@@ -24,22 +24,33 @@ struct PnpNode;
 PnpNode *PnpAdd(const PortDescription &Port, NTSTATUS *Status = nullptr);
 PDEVICE_OBJECT PnpPdo(const PnpNode *Node);
 
-// Start to the top of the stack; on success the capabilities and the bus relations are queried and
-// new children asked for their IDs, capabilities and bus information, and started (a raw child
-// needs no driver). A failed start leaves the node to PnpRemove.
+// To the top of the stack: the resource requirements may be filtered (before the first start), then
+// the start; on success capabilities, state and bus relations are queried and children looked
+// after, see PnpInvalidateRelations. A first start that fails leaves the node to PnpRemove, as does
+// a start that fails after a stop: the stack and its children are then told of a surprise removal
+// first.
 NTSTATUS PnpStart(PnpNode *Node);
 
-// Stop for rebalancing: query, then stop or (when refused) cancel. A refused query returns its
-// status. Restart with PnpStart.
+// The bus relations are asked for again. New children are asked for their IDs, capabilities and bus
+// information, and started (a raw child needs no driver; one that fails is removed); stopped ones
+// are started again; those that vanished get a surprise removal and, once no handle is open on
+// them, a removal (looked at again at every query and at the port's removal). The status is the
+// query's.
+NTSTATUS PnpInvalidateRelations(PnpNode *Node);
+
+// Stop for rebalancing: query, then stop or cancel; started children go before the port, and are
+// cancelled after it. A refused query is followed by a cancel to all that were asked and returns
+// its status. Restart with PnpStart.
 NTSTATUS PnpQueryStop(PnpNode *Node);
 NTSTATUS PnpCancelStop(PnpNode *Node);
 NTSTATUS PnpStop(PnpNode *Node);
 
-// Children first. A refused query is followed by a cancel to all that were asked.
+// Started children first. A refused query is followed by a cancel to all that were asked.
 NTSTATUS PnpQueryRemove(PnpNode *Node);
 NTSTATUS PnpCancelRemove(PnpNode *Node);
 
-// The device is gone: surprise removal to children and stack. PnpRemove must follow.
+// The device is gone: surprise removal to children and stack, as far as they have been started.
+// PnpRemove must follow.
 void PnpSurpriseRemove(PnpNode *Node);
 
 // Removal of children and stack; the physical device goes with it and Node is freed. Waits first
@@ -47,13 +58,13 @@ void PnpSurpriseRemove(PnpNode *Node);
 // unless Force is set.
 void PnpRemove(PnpNode *Node, bool Force = false);
 
+// Every other question of the manager, to the top of the stack and to the children, one after the
+// other: IDs, texts, resources, bus information, interface, usage, relations of every type, state.
+void PnpAskEverything(PnpNode *Node);
+
 // A minor function of the caller's choice to the top of the stack; see SendPacket.
 NTSTATUS PnpSend(PDEVICE_OBJECT Device, UCHAR Minor, ULONG_PTR *Information = nullptr);
 
 // The children reported last (referenced by the manager as long as they are listed).
 std::vector<PDEVICE_OBJECT> PnpChildren(const PnpNode *Node);
-
-// Power packets to the top of the stack, one of a kind at a time; the status is the packet's.
-NTSTATUS PnpSetDevicePower(PDEVICE_OBJECT Device, DEVICE_POWER_STATE State);
-NTSTATUS PnpSetSystemPower(PDEVICE_OBJECT Device, SYSTEM_POWER_STATE State);
-NTSTATUS PnpQueryDevicePower(PDEVICE_OBJECT Device, DEVICE_POWER_STATE State);
+bool PnpChildStarted(const PnpNode *Node, PDEVICE_OBJECT Child);

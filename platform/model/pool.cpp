@@ -3,10 +3,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <map>
 #include <vector>
 
 #include "platform/model/address_map.h"
 #include "platform/model/area.h"
+#include "platform/model/dispatcher.h"
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"
 #include "platform/model/guard.h"
@@ -49,7 +52,7 @@ static LIST_ENTRY liveBlocks = {&liveBlocks, &liveBlocks};
 static LIST_ENTRY quarantine = {&quarantine, &quarantine};
 static size_t quarantinedBlocks;
 static size_t quarantinedBytes;
-static size_t pagedBlocks;
+static std::map<const char *, SIZE_T> pagedBlocks;  // live ones, with their sizes
 static std::vector<TagCount> tagCounts;
 static PoolCounts total;
 
@@ -91,7 +94,9 @@ static void CountIn(PoolHeader *header) {
     ++counts->Allocations;
     counts->Bytes += header->Bytes;
   }
-  pagedBlocks += header->Type == PagedPool;
+  if (header->Type == PagedPool) {
+    pagedBlocks[static_cast<const char *>(BlockOf(header))] = header->Bytes;
+  }
 }
 
 static void CountOut(PoolHeader *header) {
@@ -99,7 +104,9 @@ static void CountOut(PoolHeader *header) {
     --counts->Blocks;
     counts->Bytes -= header->Bytes;
   }
-  pagedBlocks -= header->Type == PagedPool;
+  if (header->Type == PagedPool) {
+    pagedBlocks.erase(static_cast<const char *>(BlockOf(header)));
+  }
 }
 
 PoolCounts PoolCount(ULONG Tag) {
@@ -110,17 +117,15 @@ PoolCounts PoolCount(ULONG Tag) {
 bool PoolIsPaged(const void *Address) {
   const char *at = static_cast<const char *>(Address);
   Guard guard(poolMutex);
-  if (pagedBlocks == 0) {
-    return false;
-  }
-  for (PLIST_ENTRY entry = liveBlocks.Flink; entry != &liveBlocks; entry = entry->Flink) {
-    PoolHeader *header = CONTAINING_RECORD(entry, PoolHeader, Link);
-    const char *block = static_cast<const char *>(BlockOf(header));
-    if (header->Type == PagedPool && at >= block && at < block + header->Bytes) {
-      return true;
-    }
-  }
-  return false;
+  auto after = pagedBlocks.upper_bound(at);
+  return after != pagedBlocks.begin() && at < std::prev(after)->first + std::prev(after)->second;
+}
+
+SIZE_T PoolBlockBytes(const void *Block) {
+  Guard guard(poolMutex);
+  AddressNode *node = AddressFind(&poolMap, Block);
+  const PoolHeader *header = node ? CONTAINING_RECORD(node, PoolHeader, Node) : nullptr;
+  return header && !header->FreePlace ? header->Bytes : 0;
 }
 
 std::string PoolLeaks() {
@@ -272,7 +277,7 @@ static void CheckFree(PoolHeader *header) {
   CheckIrql(header->Type, "ExFreePoolWithTag");
   CheckMarks(header);
   LockLeaveMemory(BlockOf(header), header->Bytes);
-  if (ThreadsWaitWithin(BlockOf(header), header->Bytes)) {
+  if (WaitsWithin(BlockOf(header), header->Bytes)) {
     VerifierStop("dispatcher.freed-waited", BlockOf(header), "a thread waits within %s",
                  BlockText(header).c_str());
   }
@@ -299,7 +304,8 @@ void ExFreePoolWithTag(PVOID Block, ULONG Tag) {
 static void Boot() {
   InitializeListHead(&liveBlocks);
   InitializeListHead(&quarantine);
-  quarantinedBlocks = quarantinedBytes = pagedBlocks = 0;
+  quarantinedBlocks = quarantinedBytes = 0;
+  pagedBlocks.clear();
   tagCounts.clear();
   total = {};
 }

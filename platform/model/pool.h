@@ -24,5 +24,8 @@ constexpr ULONG FourCharacters(const char (&T)[5]) {
 // Whether the address lies in a live block of paged pool.
 bool PoolIsPaged(const void *Address);
 
+// The size of a live block; 0 when no block begins at the address.
+SIZE_T PoolBlockBytes(const void *Block);
+
 // One line a live block: tag, size, where it was allocated.
 std::string PoolLeaks();

@@ -22,11 +22,16 @@ struct NamedValue {
 };
 using RegistryKey = std::map<std::string, NamedValue>;  // by name in upper case
 
+struct OpenedKey {
+  std::shared_ptr<RegistryKey> Key;
+  unsigned Objects;
+};
+
 // Guarded by RegistryMutex. Keys by path in upper case. A key that is removed while a handle is
 // open stays for the handle.
 static ModelMutex RegistryMutex;
 static std::map<std::string, std::shared_ptr<RegistryKey>> Keys;
-static std::vector<std::shared_ptr<RegistryKey>> Opened;
+static std::map<RegistryKey *, OpenedKey> Opened;
 static std::vector<std::string> HiddenRoutines;
 
 struct KeyBody {
@@ -83,6 +88,14 @@ void RegistryRemoveKey(const std::string &Path) {
   Keys.erase(TextUpper(Path));
 }
 
+static void KeyGone(void *Body) {
+  Guard guard(RegistryMutex);
+  auto opened = Opened.find(static_cast<KeyBody *>(Body)->Key);
+  if (--opened->second.Objects == 0) {
+    Opened.erase(opened);
+  }
+}
+
 NTSTATUS RegistryOpenKey(const std::string &Path, HANDLE *Key) {
   RegistryKey *key;
   {
@@ -92,11 +105,11 @@ NTSTATUS RegistryOpenKey(const std::string &Path, HANDLE *Key) {
       return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     key = found->second.get();
-    if (std::find(Opened.begin(), Opened.end(), found->second) == Opened.end()) {
-      Opened.push_back(found->second);
-    }
+    OpenedKey *opened = &Opened[key];
+    opened->Key = found->second;
+    ++opened->Objects;
   }
-  KeyBody *body = static_cast<KeyBody *>(ObjectCreate(ObjectKind::Key, sizeof(KeyBody), nullptr));
+  KeyBody *body = static_cast<KeyBody *>(ObjectCreate(ObjectKind::Key, sizeof(KeyBody), KeyGone));
   body->Key = key;
   *Key = ObjectOpenHandle(body, nullptr);
   ObfDereferenceObject(body);

@@ -180,6 +180,15 @@ static const BadRoutine BadDrivers[] = {
        IoCreateSymbolicLink(&link.String, &target.String);
        TwoUnload();
      }},
+    {"deleted while a request is inside", "device.requests-inside",
+     [] {
+       TwoLoad();
+       OnUpper = HoldIt;
+       ThreadStart("sender", [] { SendPacket(Two.Lower, IRP_MJ_FLUSH_BUFFERS, 0, nullptr); });
+       ThreadSettle();
+       IoDetachDevice(Two.Lower);
+       IoDeleteDevice(Two.Upper);
+     }},
     {"link deleted twice", "link.deleted-twice",
      [] {
        Wide link("\\??\\Twice");

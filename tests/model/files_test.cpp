@@ -132,6 +132,102 @@ TEST(Files, LookUpByNameOpensForReal) {
   });
 }
 
+static NTSTATUS LookUp(const char *Name, PFILE_OBJECT *File) {
+  Wide name(Name);
+  PDEVICE_OBJECT top;
+  *File = nullptr;
+  return IoGetDeviceObjectPointer(&name.String, FILE_ALL_ACCESS, File, &top);
+}
+
+TEST(Files, LookUpIsRefusedLikeAnyOpen) {
+  ExpectClean([] {
+    LoadLogging();
+    PFILE_OBJECT file;
+    CreateStatus = STATUS_SHARING_VIOLATION;
+    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(Arrivals, "cC");
+    EXPECT_EQ(Two.Lower->ReferenceCount, 0);
+    CreateStatus = STATUS_SUCCESS;
+
+    // Exclusive: who looked it up has it open, until the file object goes.
+    Two.Lower->Flags |= DO_EXCLUSIVE;
+    HANDLE handle = OpenLow();
+    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(file, nullptr);
+    FileClose(handle);
+    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
+    EXPECT_EQ(FileOpen("\\Device\\Low", Account::User, &handle), STATUS_ACCESS_DENIED);
+    ObDereferenceObject(file);
+
+    // What is named decides, not what is on top.
+    Two.Lower->Flags &= ~static_cast<ULONG>(DO_EXCLUSIVE);
+    Two.Upper->Flags |= DO_EXCLUSIVE | DO_DEVICE_INITIALIZING;
+    handle = OpenLow();
+    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
+    ObDereferenceObject(file);
+    FileClose(handle);
+    Two.Lower->Flags |= DO_DEVICE_INITIALIZING;
+    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_NO_SUCH_DEVICE);
+    TwoUnload();
+  });
+}
+
+// As a driver does that puts itself over a device outside of any stack, found by its name.
+TEST(Files, WhoAttachesLaterSeesWhatWasOpenedBefore) {
+  ExpectClean([] {
+    LoadLogging();
+    IoDetachDevice(Two.Lower);
+    HANDLE handle = OpenLow();
+    PFILE_OBJECT file;
+    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
+    EXPECT_EQ(Arrivals, "CCU");
+    Two.Upper->StackSize = 1;
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(Two.Upper, Two.Lower), Two.Lower);
+    EXPECT_EQ(Two.Upper->StackSize, 2);
+    ObDereferenceObject(file);
+    EXPECT_EQ(Arrivals, "CCUxX");
+    std::vector<uint8_t> bytes;
+    FileRead(handle, 1, &bytes);
+    EXPECT_EQ(Arrivals, "CCUxXrR");
+
+    // Detached with the handle open: the handle is the device's below.
+    IoDetachDevice(Two.Lower);
+    IoDeleteDevice(Two.Upper);
+    EXPECT_FALSE(ObjectIs(Two.Upper, ObjectKind::Device));
+    FileRead(handle, 1, &bytes);
+    FileClose(handle);
+    EXPECT_EQ(Arrivals, "CCUxXrRRUX");
+    IoDeleteDevice(Two.Lower);
+    DriverUnload(Two.UpperDriver);
+    DriverUnload(Two.LowerDriver);
+  });
+}
+
+// Its driver deletes the device that another one's is attached over, with a handle open.
+TEST(Files, ADeletedDeviceServesWhoeverStillHasIt) {
+  ExpectClean([] {
+    LoadLogging();
+    HANDLE handle = OpenLow();
+    IoDeleteDevice(Two.Lower);
+    HANDLE refused;
+    EXPECT_EQ(FileOpen("\\Device\\Low", Account::User, &refused), STATUS_OBJECT_NAME_NOT_FOUND);
+    PDEVICE_OBJECT late;
+    EXPECT_EQ(IoCreateDevice(Two.UpperDriver, 0, nullptr, 0x22, 0, FALSE, &late), STATUS_SUCCESS);
+    IoDetachDevice(Two.Lower);
+    EXPECT_EQ(IoAttachDeviceToDeviceStack(late, Two.Lower), nullptr);
+    IoDeleteDevice(late);
+    std::vector<uint8_t> bytes;
+    FileRead(handle, 1, &bytes);
+    EXPECT_TRUE(ObjectIs(Two.Lower, ObjectKind::Device));
+    FileClose(handle);
+    EXPECT_EQ(Arrivals, "cCRUX");
+    EXPECT_FALSE(ObjectIs(Two.Lower, ObjectKind::Device));
+    IoDeleteDevice(Two.Upper);
+    DriverUnload(Two.UpperDriver);
+    DriverUnload(Two.LowerDriver);
+  });
+}
+
 // ---- who may open ----
 
 static NTSTATUS OpenStatus(const char *Name, Account Who) {

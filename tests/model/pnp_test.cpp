@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "tests/model/two_drivers.h"
 
 // A function driver with one raw child, below a pass-through filter.
@@ -13,9 +15,12 @@ static PDRIVER_OBJECT Filter;
 static std::string Log;  // a letter a minor function, as each device sees it
 static NTSTATUS StartStatus;
 static NTSTATUS FilterAddStatus;
-static UCHAR Refused;  // minor function that the child refuses
+static UCHAR Refused;      // minor function that the child refuses
+static UCHAR PortRefuses;  // and the port
 static bool ReportChild;
 static PDRIVER_DISPATCH FilterPnp;
+static PDRIVER_DISPATCH FunctionFirst;  // tried before the function driver's own; may pass
+static NTSTATUS (*OnChild)(PIRP Irp);   // takes the place of the child's own answers
 
 static PortExtension *ExtensionOf(PDEVICE_OBJECT Device) {
   return static_cast<PortExtension *>(Device->DeviceExtension);
@@ -47,6 +52,10 @@ static const char *MinorText(UCHAR Minor) {
     return "id";
   case IRP_MN_QUERY_BUS_INFORMATION:
     return "bus";
+  case IRP_MN_QUERY_PNP_DEVICE_STATE:
+    return "state";
+  case IRP_MN_FILTER_RESOURCE_REQUIREMENTS:
+    return "resources";
   default:
     return "other";
   }
@@ -69,6 +78,9 @@ static NTSTATUS ChildPnp(PIRP Irp) {
   if (location->MinorFunction == Refused) {
     return CompleteWith(Irp, STATUS_DEVICE_BUSY);
   }
+  if (OnChild) {
+    return OnChild(Irp);
+  }
   PVOID answer = nullptr;
   PNP_BUS_INFORMATION bus = {};
   switch (location->MinorFunction) {
@@ -81,6 +93,8 @@ static NTSTATUS ChildPnp(PIRP Irp) {
   case IRP_MN_QUERY_CAPABILITIES:
     location->Parameters.DeviceCapabilities.Capabilities->RawDeviceOK = 1;
     break;
+  case IRP_MN_QUERY_DEVICE_RELATIONS:
+    return CompleteWith(Irp, STATUS_NOT_SUPPORTED);
   }
   return CompleteWith(Irp, STATUS_SUCCESS, reinterpret_cast<ULONG_PTR>(answer));
 }
@@ -116,11 +130,23 @@ static NTSTATUS FunctionPnp(PDEVICE_OBJECT Device, PIRP Irp) {
     return ChildPnp(Irp);
   }
   Note("f:", Irp);
-  switch (IoGetCurrentIrpStackLocation(Irp)->MinorFunction) {
+  PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(Irp);
+  if (location->MinorFunction == PortRefuses) {
+    return CompleteWith(Irp, STATUS_DEVICE_BUSY);
+  }
+  if (FunctionFirst) {
+    NTSTATUS status = FunctionFirst(Device, Irp);
+    if (status != STATUS_MORE_PROCESSING_REQUIRED) {
+      return status;
+    }
+  }
+  switch (location->MinorFunction) {
   case IRP_MN_START_DEVICE:
     return NT_SUCCESS(StartStatus) ? SendDown(Device, Irp) : CompleteWith(Irp, StartStatus);
   case IRP_MN_QUERY_DEVICE_RELATIONS:
-    Relate(ExtensionOf(Device), Irp);
+    if (location->Parameters.QueryDeviceRelations.Type == BusRelations) {
+      Relate(ExtensionOf(Device), Irp);
+    }
     return SendDown(Device, Irp);
   case IRP_MN_REMOVE_DEVICE:
     return RemoveFunction(Device, Irp);
@@ -185,7 +211,9 @@ static NTSTATUS Entry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
 static PortDescription Load() {
   Log.clear();
   StartStatus = FilterAddStatus = STATUS_SUCCESS;
-  Refused = 0xFF;
+  Refused = PortRefuses = 0xFF;
+  FunctionFirst = nullptr;
+  OnChild = nullptr;
   ReportChild = true;
   FilterPnp = FilterPnpAsItShould;
   Function = DriverLoad("Function", Entry);
@@ -214,28 +242,135 @@ TEST(Pnp, StartFindsAndStartsTheRawChild) {
     EXPECT_EQ(DeviceTop(PnpPdo(node))->StackSize, 3);
     EXPECT_EQ(PnpStart(node), STATUS_SUCCESS);
     EXPECT_EQ(Log,
-              "f:start f:capabilities f:relations c:id c:id c:id c:id c:capabilities c:bus "
-              "c:start");
+              "f:resources f:start f:capabilities f:state f:relations c:id c:id c:id c:id "
+              "c:capabilities c:bus c:start c:capabilities c:state c:relations");
     std::vector<PDEVICE_OBJECT> children = PnpChildren(node);
     ASSERT_EQ(children.size(), 1u);
     EXPECT_TRUE(children[0]->Flags & DO_BUS_ENUMERATED_DEVICE);
+    EXPECT_TRUE(PnpChildStarted(node, children[0]));
+    PnpAskEverything(node);
+    PnpRemove(node);
+    Unload();
+  });
+}
 
-    // Known children are not started again; a vanished one is removed.
+TEST(Pnp, StopGoesToChildrenFirstAndStartToThemLast) {
+  ExpectCleanOnBoth([] {
+    PnpNode *node = PnpAdd(Load());
+    PnpStart(node);
     Log.clear();
     EXPECT_EQ(PnpQueryStop(node), STATUS_SUCCESS);
     EXPECT_EQ(PnpCancelStop(node), STATUS_SUCCESS);
-    EXPECT_EQ(PnpQueryStop(node), STATUS_SUCCESS);
+    EXPECT_EQ(Log, "c:query-stop f:query-stop f:cancel-stop c:cancel-stop");
+
+    Log.clear();
+    Refused = IRP_MN_QUERY_STOP_DEVICE;
+    EXPECT_EQ(PnpQueryStop(node), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(Log, "c:query-stop c:cancel-stop");
+    Refused = 0xFF;
+
+    Log.clear();
+    PortRefuses = IRP_MN_QUERY_STOP_DEVICE;
+    EXPECT_EQ(PnpQueryStop(node), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(Log, "c:query-stop f:query-stop f:cancel-stop c:cancel-stop");
+    PortRefuses = 0xFF;
+
+    Log.clear();
     EXPECT_EQ(PnpStop(node), STATUS_SUCCESS);
+    EXPECT_FALSE(PnpChildStarted(node, PnpChildren(node)[0]));
     EXPECT_EQ(PnpStart(node), STATUS_SUCCESS);
     EXPECT_EQ(Log,
-              "f:query-stop f:cancel-stop f:query-stop f:stop f:start f:capabilities f:relations");
+              "c:stop f:stop f:start f:capabilities f:state f:relations c:start c:capabilities "
+              "c:state c:relations");
+    PnpRemove(node);
+    Unload();
+  });
+}
+
+TEST(Pnp, ChildrenComeAndVanishWithTheRelations) {
+  ExpectClean([] {
+    PortDescription port = Load();
+    ReportChild = false;
+    PnpNode *node = PnpAdd(port);
+    PnpStart(node);
+    EXPECT_TRUE(PnpChildren(node).empty());
+    ReportChild = true;
+    EXPECT_EQ(PnpInvalidateRelations(node), STATUS_SUCCESS);
+    ASSERT_EQ(PnpChildren(node).size(), 1u);
+    Log.clear();
+    EXPECT_EQ(PnpInvalidateRelations(node), STATUS_SUCCESS);
+    EXPECT_EQ(Log, "f:relations");
+
+    // The removal waits for the handle, the news of it does not.
+    HANDLE handle;
+    EXPECT_EQ(FileOpen("\\Device\\Child", Account::User, &handle), STATUS_SUCCESS);
     Log.clear();
     ReportChild = false;
-    EXPECT_EQ(PnpStart(node), STATUS_SUCCESS);
-    EXPECT_EQ(Log, "f:start f:capabilities f:relations c:remove");
+    PnpInvalidateRelations(node);
+    PnpInvalidateRelations(node);
+    EXPECT_EQ(Log, "f:relations c:surprise f:relations");
+    FileClose(handle);
+    PnpInvalidateRelations(node);
+    EXPECT_EQ(Log, "f:relations c:surprise f:relations f:relations c:remove");
     EXPECT_TRUE(PnpChildren(node).empty());
 
+    // One that fails its start is removed from its drivers and stays listed.
+    ReportChild = true;
+    Refused = IRP_MN_START_DEVICE;
+    PnpInvalidateRelations(node);
+    Log.clear();
+    PnpInvalidateRelations(node);
+    PnpQueryRemove(node);
+    EXPECT_EQ(Log, "f:relations f:query-remove");
+    EXPECT_EQ(PnpChildren(node).size(), 1u);
     PnpRemove(node);
+    Unload();
+  });
+}
+
+TEST(Pnp, OnlyWhatHasStartedIsSurprised) {
+  ExpectClean([] {
+    PortDescription port = Load();
+    PnpNode *node = PnpAdd(port);
+    PnpSurpriseRemove(node);
+    PnpRemove(node);
+    EXPECT_EQ(Log, "f:remove");
+
+    // A start that fails after a stop ends as a surprise removal does.
+    node = PnpAdd(port);
+    PnpStart(node);
+    PnpStop(node);
+    Log.clear();
+    StartStatus = STATUS_IO_DEVICE_ERROR;
+    EXPECT_EQ(PnpStart(node), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(Log, "f:start c:surprise f:surprise");
+    PnpRemove(node);
+    EXPECT_EQ(Log, "f:start c:surprise f:surprise c:remove f:remove");
+    Unload();
+  });
+}
+
+// Whatever the order in which they go, everybody's names and devices are found again.
+TEST(Pnp, ManyPortsComeAndGo) {
+  ExpectClean([] {
+    PortDescription port = Load();
+    port.Drivers = {Filter};
+    std::vector<PnpNode *> nodes;
+    for (int i = 0; i < 60; ++i) {
+      nodes.push_back(PnpAdd(port));
+      ASSERT_EQ(PnpStart(nodes.back()), STATUS_SUCCESS);
+    }
+    for (size_t step : {7, 3, 1}) {
+      for (size_t i = 0; i < nodes.size(); i += step) {
+        if (nodes[i]) {
+          PnpRemove(nodes[i]);
+          nodes[i] = nullptr;
+        }
+      }
+      uint64_t left = static_cast<uint64_t>(std::count_if(
+          nodes.begin(), nodes.end(), [](const PnpNode *node) { return node != nullptr; }));
+      EXPECT_EQ(DeviceCount(Filter), left);
+    }
     Unload();
   });
 }
@@ -341,27 +476,6 @@ TEST(Pnp, HardwareKeyOfThePort) {
   });
 }
 
-TEST(Pnp, PowerGoesThroughTheStack) {
-  ExpectClean([] {
-    PnpNode *node = PnpAdd(Load());
-    PnpStart(node);
-    EXPECT_EQ(PnpQueryDevicePower(PnpPdo(node), PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_EQ(PowerReports(), 0u);
-    EXPECT_EQ(PnpSetDevicePower(PnpPdo(node), PowerDeviceD3), STATUS_SUCCESS);
-    EXPECT_EQ(PowerStateReported(PnpPdo(node)), PowerDeviceD3);
-    EXPECT_EQ(PnpSetSystemPower(PnpChildren(node)[0], PowerSystemSleeping3), STATUS_SUCCESS);
-    EXPECT_EQ(PowerReports(), 1u);
-    EXPECT_EQ(PowerNextCalls(), 7u);
-    EXPECT_EQ(VerifierWarnings("power.next"), 0u);
-
-    Filter->MajorFunction[IRP_MJ_POWER] = SendDown;  // forgets PoStartNextPowerIrp
-    PnpQueryDevicePower(PnpPdo(node), PowerDeviceD0);
-    EXPECT_EQ(VerifierWarnings("power.next"), 1u);
-    PnpRemove(node);
-    Unload();
-  });
-}
-
 // ---- what the verifier stops ----
 
 static void StartWith(PDRIVER_DISPATCH Bad) {
@@ -372,14 +486,213 @@ static void StartWith(PDRIVER_DISPATCH Bad) {
   PnpRemove(node);
 }
 
+// Pass what they spoil by minor function; everything else as it should be.
+static bool Is(PIRP Irp, UCHAR Minor) {
+  return IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Minor;
+}
+
+// The port lives with the filter's or function driver's fault, and is asked everything.
+static void LiveWith(PDRIVER_DISPATCH BadFilter, PDRIVER_DISPATCH BadFunction = nullptr,
+                     NTSTATUS (*BadChild)(PIRP Irp) = nullptr) {
+  PnpNode *node = PnpAdd(Load());
+  FilterPnp = BadFilter ? BadFilter : FilterPnp;
+  FunctionFirst = BadFunction;
+  OnChild = BadChild;
+  PnpStart(node);
+  PnpAskEverything(node);
+  PnpSurpriseRemove(node);
+  PnpRemove(node);
+}
+
+// Relations of the function driver that name Device, referenced or not, as often as Count says.
+static NTSTATUS RelateTo(PDEVICE_OBJECT Device, PIRP Irp, PDEVICE_OBJECT Related, ULONG Count,
+                         bool Referenced) {
+  if (!Is(Irp, IRP_MN_QUERY_DEVICE_RELATIONS)) {
+    return STATUS_MORE_PROCESSING_REQUIRED;
+  }
+  // Room for two.
+  PVOID answer[] = {reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Count)), Related, Related};
+  for (ULONG i = 0; Referenced && i < Count; ++i) {
+    ObReferenceObject(Related);
+  }
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  Irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(Answer(answer, sizeof answer));
+  return SendDown(Device, Irp);
+}
+
+// The child answers one minor function, with these bytes, and no other.
+static NTSTATUS AnswerOnly(PIRP Irp, UCHAR Minor, const WCHAR *Text, size_t Count) {
+  PVOID answer = Is(Irp, Minor) ? Answer(Text, Count * sizeof(WCHAR)) : nullptr;
+  return CompleteWith(Irp, answer ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED,
+                      reinterpret_cast<ULONG_PTR>(answer));
+}
+
+static NTSTATUS Unsupport(PDEVICE_OBJECT, PIRP Irp, PVOID) {
+  Irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+  return STATUS_SUCCESS;
+}
+
+static NTSTATUS SwallowControl(PDEVICE_OBJECT, PIRP Irp) {
+  return CompleteWith(Irp, STATUS_SUCCESS);
+}
+
 static const BadRoutine BadDrivers[] = {
     {"swallows a request", "pnp.not-forwarded", [] { StartWith(Succeed); }},
+    {"leaves what it does not know undone", "pnp.not-forwarded",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         return Is(Irp, IRP_MN_QUERY_DEVICE_TEXT) ? CompleteWith(Irp, Irp->IoStatus.Status)
+                                                  : FilterPnpAsItShould(Device, Irp);
+       });
+     }},
     {"fails what may not fail", "pnp.must-succeed",
      [] {
        StartWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         bool stop = IoGetCurrentIrpStackLocation(Irp)->MinorFunction == IRP_MN_STOP_DEVICE;
-         return stop ? CompleteWith(Irp, STATUS_UNSUCCESSFUL) : SendDown(Device, Irp);
+         return Is(Irp, IRP_MN_STOP_DEVICE) ? CompleteWith(Irp, STATUS_UNSUCCESSFUL)
+                                            : SendDown(Device, Irp);
        });
+     }},
+    {"supports what it does not know", "pnp.status-changed",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         Irp->IoStatus.Status = STATUS_SUCCESS;
+         return FilterPnpAsItShould(Device, Irp);
+       });
+     }},
+    {"answers what it does not know", "pnp.status-changed",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         Irp->IoStatus.Information = Is(Irp, IRP_MN_QUERY_RESOURCES) ? 4711 : 0;
+         return FilterPnpAsItShould(Device, Irp);
+       });
+     }},
+    {"passes a failure down", "pnp.status-changed",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+         return SendDown(Device, Irp);
+       });
+     }},
+    {"takes back what the bus has said", "pnp.status-changed",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         IoCopyCurrentIrpStackLocationToNext(Irp);
+         IoSetCompletionRoutine(Irp, Unsupport, nullptr, TRUE, TRUE, TRUE);
+         return IofCallDriver(ExtensionOf(Device)->Lower, Irp);
+       });
+     }},
+    {"keeps system control", "system-control.not-forwarded",
+     [] {
+       PnpNode *node = PnpAdd(Load());
+       Filter->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = SwallowControl;
+       SendPacket(PnpPdo(node), IRP_MJ_SYSTEM_CONTROL, 0, nullptr);
+     }},
+    {"does not reference a child", "pnp.bad-relations",
+     [] {
+       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
+         return RelateTo(Device, Irp, ExtensionOf(Device)->Child, 1, false);
+       });
+     }},
+    {"reports a child twice", "pnp.bad-relations",
+     [] {
+       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
+         return RelateTo(Device, Irp, ExtensionOf(Device)->Child, 2, true);
+       });
+     }},
+    {"reports more children than it has room for", "pnp.bad-relations",
+     [] {
+       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
+         return RelateTo(Device, Irp, ExtensionOf(Device)->Child, 3, true);
+       });
+     }},
+    {"reports itself", "pnp.bad-relations",
+     [] {
+       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
+         return RelateTo(Device, Irp, Device, 1, true);
+       });
+     }},
+    {"reports the port as its own child", "pnp.bad-relations",
+     [] {
+       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
+         return RelateTo(Device, Irp, ExtensionOf(Device)->Lower, 1, true);
+       });
+     }},
+    {"reports what is no device", "pnp.bad-relations",
+     [] {
+       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
+         return RelateTo(Device, Irp, reinterpret_cast<PDEVICE_OBJECT>(Function), 1, true);
+       });
+     }},
+    {"changes the capabilities' version", "pnp.bad-capabilities",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         if (Is(Irp, IRP_MN_QUERY_CAPABILITIES)) {
+           IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceCapabilities.Capabilities->Version =
+               2;
+         }
+         return FilterPnpAsItShould(Device, Irp);
+       });
+     }},
+    {"does not end an identifier", "pnp.bad-answer",
+     [] {
+       LiveWith(nullptr, nullptr,
+                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_ID, L"NOEND", 5); });
+     }},
+    {"ends a list of identifiers like one", "pnp.bad-answer",
+     [] {
+       LiveWith(nullptr, nullptr,
+                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_ID, L"ONE\0", 4); });
+     }},
+    {"has a comma in an identifier", "pnp.bad-answer",
+     [] {
+       LiveWith(nullptr, nullptr,
+                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_ID, L"A,B\0", 4); });
+     }},
+    {"answers too little", "pnp.bad-answer",
+     [] {
+       LiveWith(nullptr, nullptr,
+                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_BUS_INFORMATION, L"AB", 2); });
+     }},
+    {"answers a state with a block", "pnp.bad-answer",
+     [] {
+       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
+         bool state = Is(Irp, IRP_MN_QUERY_PNP_DEVICE_STATE);
+         Irp->IoStatus = state ? IO_STATUS_BLOCK{{STATUS_SUCCESS}, 0x7FFF0000} : Irp->IoStatus;
+         return state ? SendDown(Device, Irp) : STATUS_MORE_PROCESSING_REQUIRED;
+       });
+     }},
+    {"takes the stack apart in a surprise removal", "device.detached-early",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         bool surprise = Is(Irp, IRP_MN_SURPRISE_REMOVAL);
+         NTSTATUS status = FilterPnpAsItShould(Device, Irp);
+         if (surprise) {
+           IoDetachDevice(ExtensionOf(Device)->Lower);
+         }
+         return status;
+       });
+     }},
+    {"detaches, but does not delete", "device.not-deleted",
+     [] {
+       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+         PDEVICE_OBJECT lower = ExtensionOf(Device)->Lower;
+         bool removes = Is(Irp, IRP_MN_REMOVE_DEVICE);
+         NTSTATUS status = SendDown(Device, Irp);
+         if (removes) {
+           IoDetachDevice(lower);
+         }
+         return status;
+       });
+     }},
+    {"is not powered as the device below", "device.flags",
+     [] {
+       PortDescription port = Load();
+       Function->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
+         FunctionAdd(Driver, Pdo);
+         Pdo->AttachedDevice->Flags |= DO_POWER_PAGABLE;
+         return STATUS_SUCCESS;
+       };
+       PnpAdd(port);
      }},
     {"stays attached", "device.not-detached",
      [] {
