@@ -14,6 +14,8 @@ struct Story {
   std::string Text;
   bool Failed = false;   // some step has
   bool Revived = false;  // and a later one has not
+  // Reads that a fault left without their bytes are cancelled, once nothing else goes on.
+  bool GivesUp = false;
 };
 
 static bool Tell(Story *Story, const std::string &Step, bool Worked) {
@@ -23,6 +25,16 @@ static bool Tell(Story *Story, const std::string &Step, bool Worked) {
   return Worked;
 }
 
+static bool Finished(const Story *Story, Io *Io) {
+  if (Story->GivesUp) {
+    ThreadSettle();
+    if (!FileDone(Io)) {
+      FileCancel(Io);
+    }
+  }
+  return FileWait(Io) == STATUS_SUCCESS;
+}
+
 static void Command(World *World, Story *Story, ULONG Command, ULONG Argument = 0) {
   Tell(Story, "command", SendCommand(World, Command, 0, Argument) == STATUS_SUCCESS);
 }
@@ -30,14 +42,14 @@ static void Command(World *World, Story *Story, ULONG Command, ULONG Argument = 
 static void TellFrame(World *World, Story *Story) {
   Io read;
   StartRead(World->Zk, &read, 4096);
-  bool worked = FileWait(&read) == STATUS_SUCCESS;
+  bool worked = Finished(Story, &read);
   Frame frame = DecodeFrame(read);
   Tell(Story, frame.Header.Type == FRAME_CONTROL_REPLY ? "reply" : "[" + frame.Payload + "]",
        worked);
 }
 
 static void TellRead(Story *Story, Io *Read) {
-  bool worked = FileWait(Read) == STATUS_SUCCESS;
+  bool worked = Finished(Story, Read);
   Tell(Story, "<" + Read->Text() + ">", worked);
 }
 
@@ -51,8 +63,8 @@ static void LockedPart(World *World, Story *Story) {
   LowerFeed(&World->Lower, "cd");
   // Whatever ends some of these three may let others pass, so they are one step.
   bool worked = SendCommand(World, COMMAND_UNLOCK_STREAM) == STATUS_SUCCESS;
-  worked &= FileWait(&write) == STATUS_SUCCESS;
-  worked &= FileWait(&read) == STATUS_SUCCESS;
+  worked &= Finished(Story, &write);
+  worked &= Finished(Story, &read);
   Tell(Story, "unlock<" + read.Text() + ">", worked);
   TellFrame(World, Story);  // the reply
   TellFrame(World, Story);
@@ -68,10 +80,10 @@ static void NormalPart(World *World, Story *Story) {
   TellRead(Story, &read);
   TellFrame(World, Story);
   StartWrite(World->Client, &write, "out");
-  Tell(Story, "write", FileWait(&write) == STATUS_SUCCESS);
+  Tell(Story, "write", Finished(Story, &write));
   TellFrame(World, Story);
   StartWrite(World->Zk, &data, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "zk"));
-  Tell(Story, "data", FileWait(&data) == STATUS_SUCCESS);
+  Tell(Story, "data", Finished(Story, &data));
   LockedPart(World, Story);
 }
 
@@ -216,6 +228,67 @@ TEST(WholeLife, RebalancedAtEverySwitchPoint) {
       });
   EXPECT_NE(stopped, 0u);
   EXPECT_NE(refused, 0u);
+}
+
+// --- With everything failing in turn ---------------------------------------------------------
+
+// A life from attach to removal whose n-th call that can fail does, once or from there on. Returns
+// whether there was an n-th. Whatever came of it, the port or its successor then lives a whole
+// life.
+static bool FailingLife(const WorldOptions &Options, uint64_t Nth, bool AndAllAfter, bool Surprise,
+                        const std::string &Whole) {
+  bool delivered = false;
+  RunReport report = ModelRun({}, [&] {
+    World world;
+    WorldLoad(&world, Options);
+    FaultArm({FaultEverything, 0, Nth, AndAllAfter});
+    bool started = NT_SUCCESS(WorldAdd(&world, Options));
+    Story failing, after;
+    failing.GivesUp = true;
+    if (started) {
+      Live(&world, &failing);
+      PnpQueryRemove(world.Node);
+      PnpCancelRemove(world.Node);
+    }
+    if (Surprise && world.Node != nullptr) {
+      PnpSurpriseRemove(world.Node);
+    }
+    // A close that gets no item leaves its device open for good.
+    bool stuck = started && WorldPort(&world)->OpenCount != 0;
+    if (world.Node != nullptr && (!started || Surprise || stuck)) {
+      PnpRemove(world.Node);
+      world.Node = nullptr;
+    }
+    delivered = FaultDisarm();
+    world.Lower.Input.clear();
+    if (world.Node == nullptr) {
+      EXPECT_EQ(DeviceCount(world.Driver), 0u);
+      ASSERT_EQ(WorldAdd(&world, Options), STATUS_SUCCESS);
+    }
+    Live(&world, &after);
+    EXPECT_EQ(after.Text, Whole) << "after " << failing.Text;
+    WorldEnd(&world);
+  });
+  EXPECT_FALSE(report.Stopped) << "call " << Nth << (AndAllAfter ? " and all after\n" : "\n")
+                               << report.Text;
+  return delivered;
+}
+
+TEST(WholeLife, EveryCallFailsInTurn) {
+  std::string whole = Undisturbed();
+  for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
+    for (bool after : {false, true}) {
+      for (bool surprise : {false, true}) {
+        WorldOptions options;
+        options.Buffering = buffering;
+        uint64_t nth = 1;
+        while (FailingLife(options, nth, after, surprise, whole) && !HasFailure()) {
+          ++nth;
+        }
+        EXPECT_GT(nth, 70u);
+      }
+    }
+  }
 }
 
 // --- In numbers -----------------------------------------------------------------------------

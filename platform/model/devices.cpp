@@ -271,14 +271,7 @@ static void RequireChanging(PDEVICE_OBJECT Target) {
   }
 }
 
-PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice,
-                                           PDEVICE_OBJECT TargetDevice) {
-  VerifierRequireIrql(DISPATCH_LEVEL, "IoAttachDeviceToDeviceStack");
-  DeviceRequireLive(SourceDevice, "IoAttachDeviceToDeviceStack");
-  DeviceRequireLive(TargetDevice, "IoAttachDeviceToDeviceStack");
-  if (FaultHere(FaultAttach)) {
-    return nullptr;
-  }
+static PDEVICE_OBJECT Attach(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetDevice) {
   Guard guard(DeviceMutex);
   DeviceShadow *source = DeviceShadowOf(SourceDevice);
   if (source->AttachedTo) {
@@ -294,6 +287,20 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice,
   SourceDevice->AlignmentRequirement = top->AlignmentRequirement;
   SourceDevice->SectorSize = top->SectorSize;
   return top;
+}
+
+PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice,
+                                           PDEVICE_OBJECT TargetDevice) {
+  VerifierRequireIrql(DISPATCH_LEVEL, "IoAttachDeviceToDeviceStack");
+  DeviceRequireLive(SourceDevice, "IoAttachDeviceToDeviceStack");
+  DeviceRequireLive(TargetDevice, "IoAttachDeviceToDeviceStack");
+  if (FaultHere(FaultAttach)) {
+    return nullptr;
+  }
+  PDEVICE_OBJECT below = Attach(SourceDevice, TargetDevice);
+  // Requests come in before the caller knows what it stands on.
+  SwitchPoint(SwitchReason::Call, SourceDevice);
+  return below;
 }
 
 void IoDetachDevice(PDEVICE_OBJECT TargetDevice) {

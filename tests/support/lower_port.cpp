@@ -31,11 +31,14 @@ static char *BufferOf(PIRP Irp) {
       MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority));
 }
 
-static void Record(LowerPort *Port, PIRP Irp) {
+// False when the bytes of a write cannot be had.
+static bool Record(LowerPort *Port, PIRP Irp) {
   PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
   LowerSeen seen = {};
   seen.Major = stack->MajorFunction;
   seen.Minor = stack->MinorFunction;
+  seen.Status = Irp->IoStatus.Status;
+  seen.Covered = stack->DeviceObject->AttachedDevice != nullptr;
   seen.Cancel = Irp->Cancel;
   if (stack->FileObject != nullptr) {
     seen.HasFile = true;
@@ -44,7 +47,11 @@ static void Record(LowerPort *Port, PIRP Irp) {
   if (seen.Major == IRP_MJ_READ || seen.Major == IRP_MJ_WRITE) {
     seen.Length = stack->Parameters.Read.Length;
     if (seen.Major == IRP_MJ_WRITE && seen.Length != 0) {
-      seen.Bytes.assign(BufferOf(Irp), seen.Length);
+      const char *bytes = BufferOf(Irp);
+      if (bytes == nullptr) {
+        return false;
+      }
+      seen.Bytes.assign(bytes, seen.Length);
     }
   }
   if (seen.Major == IRP_MJ_DEVICE_CONTROL) {
@@ -52,16 +59,22 @@ static void Record(LowerPort *Port, PIRP Irp) {
   }
   std::lock_guard<std::mutex> guard(Port->Mutex);
   Port->Seen.push_back(seen);
+  return true;
 }
 
-static void Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::string &Bytes,
-                     bool AtDispatchLevel) {
+// Returns the status: a read whose buffer cannot be had fails.
+static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::string &Bytes,
+                         bool AtDispatchLevel) {
   PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
   ULONG_PTR information = 0;
   if (stack->MajorFunction == IRP_MJ_READ) {
     information = std::min<size_t>(Bytes.size(), stack->Parameters.Read.Length);
-    if (information != 0) {
-      memcpy(BufferOf(Irp), Bytes.data(), information);
+    char *room = information != 0 ? BufferOf(Irp) : nullptr;
+    if (room != nullptr) {
+      memcpy(room, Bytes.data(), information);
+    } else if (information != 0) {
+      Status = STATUS_INSUFFICIENT_RESOURCES;
+      information = 0;
     }
     information = Port->ClaimedRead != 0 ? Port->ClaimedRead : information;
   } else if (stack->MajorFunction == IRP_MJ_WRITE && NT_SUCCESS(Status)) {
@@ -71,6 +84,9 @@ static void Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::stri
   }
   Irp->IoStatus.Status = Status;
   Irp->IoStatus.Information = information;
+  if (stack->MajorFunction == IRP_MJ_POWER) {
+    PoStartNextPowerIrp(Irp);
+  }
   if (AtDispatchLevel) {
     KIRQL irql = IrqlRaise(DISPATCH_LEVEL);
     IofCompleteRequest(Irp, IO_NO_INCREMENT);
@@ -78,6 +94,7 @@ static void Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::stri
   } else {
     IofCompleteRequest(Irp, IO_NO_INCREMENT);
   }
+  return Status;
 }
 
 static void CancelHeld(PDEVICE_OBJECT Device, PIRP Irp) {
@@ -137,14 +154,15 @@ static NTSTATUS ServeQueuedRead(LowerPort *Port, PIRP Irp) {
     LowerFeed(Port, "");  // what came in before the read was held
     return status;
   }
-  Complete(Port, Irp, STATUS_SUCCESS, bytes, false);
-  return STATUS_SUCCESS;
+  return Complete(Port, Irp, STATUS_SUCCESS, bytes, false);
 }
 
 static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
   LowerPort *port = PortOfDevice(Device);
   UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
-  Record(port, Irp);
+  if (!Record(port, Irp)) {
+    return Complete(port, Irp, STATUS_INSUFFICIENT_RESOURCES, "", false);
+  }
   switch (port->How[major]) {
   case Behaviour::Pend:
     return Hold(port, Irp, true);
@@ -160,16 +178,28 @@ static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
   }
 }
 
+static NTSTATUS PassPowerDown(LowerPort *Port, PIRP Irp) {
+  PoStartNextPowerIrp(Irp);
+  IoCopyCurrentIrpStackLocationToNext(Irp);
+  return PoCallDriver(Port->Lower, Irp);
+}
+
 static NTSTATUS LowerPower(PDEVICE_OBJECT Device, PIRP Irp) {
   LowerPort *port = PortOfDevice(Device);
   Record(port, Irp);
-  PoStartNextPowerIrp(Irp);
-  IoSkipCurrentIrpStackLocation(Irp);
-  return PoCallDriver(port->Lower, Irp);
+  if (port->How[IRP_MJ_POWER] != Behaviour::Inline) {
+    return Hold(port, Irp, port->How[IRP_MJ_POWER] == Behaviour::Pend);
+  }
+  NTSTATUS failure = port->Result[IRP_MJ_POWER];
+  if (failure != STATUS_SUCCESS) {
+    Complete(port, Irp, failure, "", false);
+    return failure;
+  }
+  return PassPowerDown(port, Irp);
 }
 
 static void DeleteName(LowerPort *Port) {
-  if (Port->MakesName) {
+  if (Port->MakesName || Port->Outside != nullptr) {
     std::u16string link = u"\\DosDevices\\";
     link.append(Port->Name.begin(), Port->Name.end());
     UNICODE_STRING name;
@@ -184,17 +214,33 @@ static NTSTATUS PassDown(LowerPort *Port, PIRP Irp) {
   return IofCallDriver(Port->Lower, Irp);
 }
 
-static NTSTATUS Remove(LowerPort *Port, PIRP Irp) {
-  // What is still held ends here; a driver that goes keeps nothing.
+// What is still held ends here; a driver that goes keeps nothing.
+static void EndHeld(LowerPort *Port) {
   KIRQL irql;
   IoAcquireCancelSpinLock(&irql);
   Port->Removed = true;
   IoReleaseCancelSpinLock(irql);
-  for (UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_DEVICE_CONTROL, IRP_MJ_FLUSH_BUFFERS}) {
+  for (UCHAR major :
+       {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_DEVICE_CONTROL, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_POWER}) {
     while (LowerFinish(Port, major, STATUS_DEVICE_NOT_CONNECTED)) {
     }
   }
+}
+
+static void DeleteOutside(LowerPort *Port) {
+  if (Port->Outside != nullptr) {
+    Port->OutsideWasCovered = Port->Outside->Device->AttachedDevice != nullptr;
+    IoDeleteDevice(Port->Outside->Device);
+  }
+}
+
+static NTSTATUS Remove(LowerPort *Port, PIRP Irp) {
+  EndHeld(Port);
+  if (Port->Outside != nullptr) {
+    EndHeld(Port->Outside);
+  }
   DeleteName(Port);
+  DeleteOutside(Port);
   Irp->IoStatus.Status = STATUS_SUCCESS;
   PDEVICE_OBJECT device = Port->Device;
   PDEVICE_OBJECT lower = Port->Lower;
@@ -237,23 +283,57 @@ static NTSTATUS MakeName(LowerPort *Port, PUNICODE_STRING DeviceName) {
   return IoCreateSymbolicLink(&name, DeviceName);
 }
 
-static NTSTATUS LowerAddDevice(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
-  LowerPort *port = Next;
-  std::u16string text = u"\\Device\\Lower";
-  text.append(port->Name.begin(), port->Name.end());
+static void NameDevice(LowerPort *Port, const char16_t *Prefix, std::u16string *Text,
+                       PUNICODE_STRING Name) {
+  *Text = Prefix;
+  Text->append(Port->Name.begin(), Port->Name.end());
+  RtlInitUnicodeString(Name, reinterpret_cast<PCWSTR>(Text->c_str()));
+}
+
+static NTSTATUS MakeDevice(PDRIVER_OBJECT Driver, LowerPort *Port, PUNICODE_STRING Name) {
+  NTSTATUS status = IoCreateDevice(Driver, sizeof(LowerExtension), Name, FILE_DEVICE_SERIAL_PORT, 0,
+                                   FALSE, &Port->Device);
+  if (NT_SUCCESS(status)) {
+    static_cast<LowerExtension *>(Port->Device->DeviceExtension)->Port = Port;
+    Port->Removed = false;
+    InitializeListHead(&Port->Held);
+    Port->Device->Flags |= Port->BufferingFlags;
+  }
+  return status;
+}
+
+// The device that the DOS name leads to, and the name.
+static NTSTATUS MakeOutsideAndName(PDRIVER_OBJECT Driver, LowerPort *Port, PUNICODE_STRING Own) {
+  if (Port->Outside == nullptr) {
+    return Port->MakesName ? MakeName(Port, Own) : STATUS_SUCCESS;
+  }
+  std::u16string text;
   UNICODE_STRING name;
-  RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(text.c_str()));
-  PDEVICE_OBJECT device;
-  NTSTATUS status = IoCreateDevice(Driver, sizeof(LowerExtension), &name, FILE_DEVICE_SERIAL_PORT,
-                                   0, FALSE, &device);
+  NameDevice(Port, u"\\Device\\Outside", &text, &name);
+  PDRIVER_OBJECT driver = Port->OutsideDriver != nullptr ? Port->OutsideDriver : Driver;
+  NTSTATUS status = MakeDevice(driver, Port->Outside, &name);
   if (!NT_SUCCESS(status)) {
     return status;
   }
-  static_cast<LowerExtension *>(device->DeviceExtension)->Port = port;
-  port->Device = device;
-  port->Removed = false;
-  InitializeListHead(&port->Held);
-  status = port->MakesName ? MakeName(port, &name) : STATUS_SUCCESS;
+  Port->Outside->Device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+  status = MakeName(Port, &name);
+  if (!NT_SUCCESS(status)) {
+    DeleteOutside(Port);
+  }
+  return status;
+}
+
+static NTSTATUS LowerAddDevice(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
+  LowerPort *port = Next;
+  std::u16string text;
+  UNICODE_STRING name;
+  NameDevice(port, u"\\Device\\Lower", &text, &name);
+  NTSTATUS status = MakeDevice(Driver, port, &name);
+  if (!NT_SUCCESS(status)) {
+    return status;
+  }
+  PDEVICE_OBJECT device = port->Device;
+  status = MakeOutsideAndName(Driver, port, &name);
   if (!NT_SUCCESS(status)) {
     IoDeleteDevice(device);
     return status;
@@ -261,10 +341,10 @@ static NTSTATUS LowerAddDevice(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
   port->Lower = IoAttachDeviceToDeviceStack(device, Pdo);
   if (port->Lower == nullptr) {
     DeleteName(port);
+    DeleteOutside(port);
     IoDeleteDevice(device);
     return STATUS_UNSUCCESSFUL;
   }
-  device->Flags |= port->BufferingFlags;
   device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
   return STATUS_SUCCESS;
 }
@@ -330,6 +410,10 @@ bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status, const std::strin
   }
   if (Major == IRP_MJ_PNP) {
     HandlePnp(Port, irp);
+  } else if (Major == IRP_MJ_POWER && NT_SUCCESS(Status)) {
+    KIRQL irql = IrqlRaise(Port->AtDispatchLevel ? DISPATCH_LEVEL : KeGetCurrentIrql());
+    PassPowerDown(Port, irp);
+    IrqlLower(irql);
   } else {
     Complete(Port, irp, Status, Bytes, Port->AtDispatchLevel);
   }
@@ -358,4 +442,76 @@ void LowerFeed(LowerPort *Port, const std::string &Bytes) {
       Complete(Port, irp, STATUS_SUCCESS, bytes, Port->AtDispatchLevel);
     }
   }
+}
+
+// --- The relay ------------------------------------------------------------------------------
+
+struct RelayExtension {
+  PDEVICE_OBJECT Lower;
+  bool Started;
+};
+
+static RelayExtension *RelayOf(PDEVICE_OBJECT Device) {
+  return static_cast<RelayExtension *>(Device->DeviceExtension);
+}
+
+static NTSTATUS RelayDown(PDEVICE_OBJECT Device, PIRP Irp) {
+  IoCopyCurrentIrpStackLocationToNext(Irp);
+  return IofCallDriver(RelayOf(Device)->Lower, Irp);
+}
+
+static NTSTATUS RelayOpenClose(PDEVICE_OBJECT Device, PIRP Irp) {
+  if (RelayOf(Device)->Started) {
+    return RelayDown(Device, Irp);
+  }
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  Irp->IoStatus.Information = 0;
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  return STATUS_SUCCESS;
+}
+
+static NTSTATUS RelayPnp(PDEVICE_OBJECT Device, PIRP Irp) {
+  UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
+  PDEVICE_OBJECT lower = RelayOf(Device)->Lower;
+  NTSTATUS status = RelayDown(Device, Irp);
+  if (minor == IRP_MN_START_DEVICE) {
+    RelayOf(Device)->Started = NT_SUCCESS(status);
+  } else if (minor == IRP_MN_REMOVE_DEVICE) {
+    IoDetachDevice(lower);
+    IoDeleteDevice(Device);
+  }
+  return status;
+}
+
+static NTSTATUS RelayPower(PDEVICE_OBJECT Device, PIRP Irp) {
+  PoStartNextPowerIrp(Irp);
+  return RelayDown(Device, Irp);
+}
+
+static NTSTATUS RelayAddDevice(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
+  PDEVICE_OBJECT device;
+  NTSTATUS status = IoCreateDevice(Driver, sizeof(RelayExtension), nullptr, FILE_DEVICE_SERIAL_PORT,
+                                   0, FALSE, &device);
+  if (!NT_SUCCESS(status)) {
+    return status;
+  }
+  *RelayOf(device) = {IoAttachDeviceToDeviceStack(device, Pdo), false};
+  device->Flags |=
+      RelayOf(device)->Lower->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO | DO_POWER_PAGABLE);
+  device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+  return STATUS_SUCCESS;
+}
+
+NTSTATUS RelayEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
+  for (PDRIVER_DISPATCH &routine : Driver->MajorFunction) {
+    routine = RelayDown;
+  }
+  for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
+    Driver->MajorFunction[major] = RelayOpenClose;
+  }
+  Driver->MajorFunction[IRP_MJ_PNP] = RelayPnp;
+  Driver->MajorFunction[IRP_MJ_POWER] = RelayPower;
+  Driver->DriverExtension->AddDevice = RelayAddDevice;
+  Driver->DriverUnload = LowerUnload;
+  return STATUS_SUCCESS;
 }

@@ -18,7 +18,9 @@ enum class Behaviour {
 struct LowerSeen {
   UCHAR Major;
   UCHAR Minor;
-  ULONG Length;  // of a read or write
+  NTSTATUS Status;  // that the request carried
+  bool Covered;     // a device was attached above when it came
+  ULONG Length;     // of a read or write
   std::string Bytes;
   PVOID FsContext;
   bool HasFile;
@@ -32,6 +34,12 @@ struct LowerPort {
   ULONG BufferingFlags = DO_BUFFERED_IO;
   std::string Name = "COM3";
   bool MakesName = true;  // gives the DOS name to its device
+  // When given, a second device gets the DOS name instead. It stands outside of the stack, serves
+  // requests like the first, with a record of its own, and is deleted at the port's removal; what
+  // its handles send after that is answered as before, but nothing is held any more.
+  LowerPort *Outside = nullptr;
+  PDRIVER_OBJECT OutsideDriver = nullptr;  // of the second device; null: the port's own
+  bool OutsideWasCovered = false;          // something was attached to it when it was deleted
 
   Behaviour How[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};
   NTSTATUS Result[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};  // of inline completions
@@ -60,9 +68,14 @@ std::string LowerWritten(LowerPort *Port);
 size_t LowerHeldCount(LowerPort *Port);
 
 // Completes the oldest held request of a major function with a status and, for a read, bytes; false
-// when there is none. A held Plug and Play request goes on its way instead. Information is the
-// number of bytes, or of a write's length on success.
+// when there is none. A held Plug and Play request goes on its way instead, as does a power request
+// when the status is a success. Information is the number of bytes, or of a write's length on
+// success.
 bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status = STATUS_SUCCESS,
                  const std::string &Bytes = "");
 // Bytes for reads with Behaviour::Queue: to the oldest held read, or kept for the next.
 void LowerFeed(LowerPort *Port, const std::string &Bytes);
+
+// A driver whose devices pass everything down, one stack location further, wherever they stand in a
+// stack. Until its port is started it answers opens, cleanups and closes itself.
+NTSTATUS RelayEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING Path);

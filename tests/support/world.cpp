@@ -10,18 +10,26 @@
 #include "platform/model/cancel_lock.h"
 
 void WorldLoad(World *World, const WorldOptions &Options) {
-  World->Lower.BufferingFlags = Options.Buffering;
-  World->Lower.How[IRP_MJ_READ] = Behaviour::Queue;
+  for (LowerPort *port : {&World->Lower, &World->Outside}) {
+    port->BufferingFlags = Options.Buffering;
+    port->How[IRP_MJ_READ] = Behaviour::Queue;
+  }
   World->PortDriver = DriverLoad("LowerPort", LowerEntry);
   World->Driver = DriverLoad("Vorlix", DriverEntry);
-}
-
-static PortExtension *ExtensionAbove(PDEVICE_OBJECT Device) {
-  return static_cast<PortExtension *>(Device->AttachedDevice->DeviceExtension);
+  if (Options.Name == DosName::OtherDriver) {
+    World->OtherDriver = DriverLoad("OtherPort", LowerEntry);
+  }
+  if (Options.Relay != RelayPlace::None) {
+    World->RelayDriver = DriverLoad("Relay", RelayEntry);
+  }
 }
 
 PortExtension *WorldPort(World *World) {
-  return ExtensionAbove(World->Lower.Device);
+  PDEVICE_OBJECT device = World->Lower.Device->AttachedDevice;
+  while (device->DriverObject != World->Driver) {
+    device = device->AttachedDevice;
+  }
+  return static_cast<PortExtension *>(device->DeviceExtension);
 }
 
 static void DeclareLockOrder(PortExtension *Port) {
@@ -36,6 +44,16 @@ NTSTATUS WorldAdd(World *World, const WorldOptions &Options) {
   port.Values = Options.Values;
   port.Values.try_emplace("PortName", RegistryText(World->Lower.Name));
   port.Drivers = {World->PortDriver, World->Driver};
+  if (Options.Relay != RelayPlace::None) {
+    port.Drivers.insert(
+        Options.Relay == RelayPlace::BelowTheFilter ? port.Drivers.end() - 1 : port.Drivers.end(),
+        World->RelayDriver);
+  }
+  World->Lower.MakesName = World->Lower.MakesName && Options.Name == DosName::OwnStack;
+  if (Options.Name == DosName::SameDriver || Options.Name == DosName::OtherDriver) {
+    World->Lower.Outside = &World->Outside;
+    World->Lower.OutsideDriver = World->OtherDriver;
+  }
   LowerNext(&World->Lower);
   World->Node = PnpAdd(port, &World->AddStatus);
   if (World->Node == nullptr) {
@@ -52,8 +70,12 @@ void WorldEnd(World *World) {
     PnpRemove(World->Node);
     World->Node = nullptr;
   }
-  DriverUnload(World->Driver);
-  DriverUnload(World->PortDriver);
+  for (PDRIVER_OBJECT driver :
+       {World->Driver, World->PortDriver, World->OtherDriver, World->RelayDriver}) {
+    if (driver != nullptr) {
+      DriverUnload(driver);
+    }
+  }
 }
 
 static void Play(const std::function<void(World *)> &Scenario, const WorldOptions &Options) {

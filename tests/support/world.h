@@ -12,17 +12,33 @@
 #include "platform/model/model.h"
 #include "tests/support/lower_port.h"
 
+// Where the port's DOS name leads to.
+enum class DosName {
+  OwnStack,     // the port's device, and so the top of its stack
+  SameDriver,   // a second device of the port's driver, outside of the stack: World::Outside
+  OtherDriver,  // likewise, of another driver
+  Nowhere,
+};
+
+// A driver more in the port's stack; see RelayEntry.
+enum class RelayPlace { None, BelowTheFilter, AboveTheFilter };
+
 struct WorldOptions {
   ULONG Buffering = DO_BUFFERED_IO;
   std::map<std::string, RegistryValue>
       Values;  // of the port's key; "PortName" is COM3 unless given
   bool Start = true;
+  DosName Name = DosName::OwnStack;
+  RelayPlace Relay = RelayPlace::None;
 };
 
 struct World {
   PDRIVER_OBJECT Driver = nullptr;
   PDRIVER_OBJECT PortDriver = nullptr;
+  PDRIVER_OBJECT OtherDriver = nullptr;  // likewise a scripted port driver
+  PDRIVER_OBJECT RelayDriver = nullptr;
   LowerPort Lower;
+  LowerPort Outside;  // when the DOS name leads there
   PnpNode *Node = nullptr;
   NTSTATUS AddStatus = STATUS_SUCCESS;
   HANDLE Client = nullptr;
