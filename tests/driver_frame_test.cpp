@@ -13,7 +13,7 @@ static const char ServiceKey[] = "\\Registry\\Machine\\System\\CurrentControlSet
 
 static uint64_t BreaksWith(const RegistryValue *Value, bool OldSystem) {
   uint64_t breaks = 0;
-  RunReport report = ModelRun({}, [&] {
+  RunReport report = ModelRun({.BreaksAllowed = true}, [&] {
     if (OldSystem) {
       SystemRoutineHide("RtlQueryRegistryValuesEx");
     }

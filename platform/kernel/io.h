@@ -404,11 +404,16 @@ FORCEINLINE void IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE Complet
                                      (InvokeOnCancel ? SL_INVOKE_ON_CANCEL : 0));
 }
 
+// The model looks at who marks a packet and who makes it cancellable.
+NTKERNELAPI void KiMarkPendingPoint(PIRP Irp);
+NTKERNELAPI void KiCancelRoutinePoint(PIRP Irp, PDRIVER_CANCEL CancelRoutine);
+
 FORCEINLINE void IoMarkIrpPending(PIRP Irp) {
+  KiMarkPendingPoint(Irp);
   IoGetCurrentIrpStackLocation(Irp)->Control |= SL_PENDING_RETURNED;
 }
 
 FORCEINLINE PDRIVER_CANCEL IoSetCancelRoutine(PIRP Irp, PDRIVER_CANCEL CancelRoutine) {
-  KiInterlockedPoint(&Irp->CancelRoutine);
+  KiCancelRoutinePoint(Irp, CancelRoutine);
   return __atomic_exchange_n(&Irp->CancelRoutine, CancelRoutine, __ATOMIC_SEQ_CST);
 }

@@ -96,7 +96,17 @@ typedef struct _MDL *PMDL;
 #define FIELD_OFFSET(type, field) (static_cast<LONG>(offsetof(type, field)))
 #define RtlZeroMemory(d, n) __builtin_memset((d), 0, (n))
 #define RtlFillMemory(d, n, v) __builtin_memset((d), (v), (n))
-#define RtlCopyMemory(d, s, n) __builtin_memcpy((d), (s), (n))
+#define RtlCopyMemory(d, s, n) KiCopyMemory((d), (s), (n))
+
+extern "C" [[noreturn]] void KiCopyOverlaps(const void *Destination);
+FORCEINLINE void KiCopyMemory(void *Destination, const void *Source, SIZE_T Bytes) {
+  auto to = reinterpret_cast<ULONG_PTR>(Destination);
+  auto from = reinterpret_cast<ULONG_PTR>(Source);
+  if (to - from < Bytes || from - to < Bytes) {
+    KiCopyOverlaps(Destination);
+  }
+  __builtin_memcpy(Destination, Source, Bytes);
+}
 
 // Checked wherever the model runs; compiled out of a release image.
 extern "C" [[noreturn]] void KiAssertionFailed(const char *Expression);

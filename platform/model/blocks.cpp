@@ -71,11 +71,19 @@ void BlocksReset(BlockStore *Store) {
   Store->LiveCount = 0;
 }
 
-void *BlockAnyLive(BlockStore *Store) {
-  for (Block *block = Store->Live.Next; block != &Store->Live; block = block->Next) {
+static void *LiveFrom(BlockStore *Store, Block *block) {
+  for (; block != &Store->Live; block = block->Next) {
     if (!block->Retired) {
       return block + 1;
     }
   }
   return nullptr;
+}
+
+void *BlockAnyLive(BlockStore *Store) {
+  return LiveFrom(Store, Store->Live.Next);
+}
+
+void *BlockNextLive(BlockStore *Store, void *After) {
+  return LiveFrom(Store, HeaderOf(After)->Next);
 }

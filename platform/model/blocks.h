@@ -33,5 +33,6 @@ void BlockRetire(BlockStore *Store, void *Body);
 void BlockGive(BlockStore *Store, void *Body, bool HoldBack);
 // Gives back everything, live, retired or held back.
 void BlocksReset(BlockStore *Store);
-// The body of the oldest live block, or null.
+// The body of the oldest live block, or null; of the one after a live or retired block.
 void *BlockAnyLive(BlockStore *Store);
+void *BlockNextLive(BlockStore *Store, void *After);

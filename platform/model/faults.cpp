@@ -18,6 +18,7 @@ static FaultPlan plan;
 static bool armed;
 static bool delivered;
 static uint64_t matched;  // since the plan was armed
+static uint64_t drawn;    // the coin's state
 static uint64_t calls[KindCount];
 static std::vector<TagCalls> poolCalls;
 
@@ -36,6 +37,7 @@ void FaultArm(const FaultPlan &Plan) {
   armed = true;
   delivered = false;
   matched = 0;
+  drawn = Plan.Seed;
 }
 
 bool FaultDisarm() {
@@ -82,6 +84,18 @@ static void CountCall(FaultKind kind, ULONG tag) {
   }
 }
 
+// Under faultMutex, for a matching call. The mixing is that of SplitMix64.
+static bool Fails() {
+  ++matched;
+  if (plan.Percent == 0) {
+    return matched == plan.Nth || (plan.AndAllAfter && matched > plan.Nth);
+  }
+  uint64_t z = drawn += 0x9E3779B97F4A7C15;
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EB;
+  return (z ^ (z >> 31)) % 100 < plan.Percent;
+}
+
 bool FaultHere(FaultKind Kind, ULONG Tag) {
   bool fails = false;
   {
@@ -90,8 +104,7 @@ bool FaultHere(FaultKind Kind, ULONG Tag) {
     bool matches =
         armed && (plan.Kinds & Kind) && (Kind != FaultPool || plan.Tag == 0 || plan.Tag == Tag);
     if (matches) {
-      ++matched;
-      fails = matched == plan.Nth || (plan.AndAllAfter && matched > plan.Nth);
+      fails = Fails();
       delivered |= fails;
     }
   }

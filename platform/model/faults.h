@@ -27,6 +27,8 @@ struct FaultPlan {
   ULONG Tag = 0;             // with FaultPool: only allocations of this tag; 0 is any
   uint64_t Nth = 1;          // the n-th matching call from now fails, counted from 1
   bool AndAllAfter = false;  // and every matching call after it
+  unsigned Percent = 0;      // not 0: instead, so many in a hundred fail, drawn from the seed
+  uint64_t Seed = 0;
 };
 
 // One plan at a time. Arming starts the count anew; Disarm returns whether the fault was delivered.

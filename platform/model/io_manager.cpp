@@ -8,6 +8,7 @@
 #include "platform/model/objects.h"
 #include "platform/model/packets.h"
 #include "platform/model/text.h"
+#include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 
 static constexpr CSHORT DriverType = 4;
@@ -71,7 +72,11 @@ PDRIVER_OBJECT DriverLoad(const std::string &Name, PDRIVER_INITIALIZE Entry, NTS
       static_cast<USHORT>(path.size() * sizeof(WCHAR));
 
   CallbackScope scope = CallbackBegin();
-  NTSTATUS status = Entry(driver, &registryPath);
+  NTSTATUS status;
+  {
+    ActingAs acting(driver);
+    status = Entry(driver, &registryPath);
+  }
   CallbackEnd(scope, "the entry routine");
 
   if (Status) {
@@ -79,6 +84,7 @@ PDRIVER_OBJECT DriverLoad(const std::string &Name, PDRIVER_INITIALIZE Entry, NTS
   }
   if (!NT_SUCCESS(status)) {
     RequireNoDevices(driver, "by an entry routine that failed");
+    UnloadCheck(driver);
     ObfDereferenceObject(driver);
     return nullptr;
   }
@@ -90,11 +96,7 @@ PDRIVER_OBJECT DriverLoad(const std::string &Name, PDRIVER_INITIALIZE Entry, NTS
 }
 
 void DriverUnload(PDRIVER_OBJECT Driver) {
-  CallbackScope scope = CallbackBegin();
-  if (Driver->DriverUnload) {
-    Driver->DriverUnload(Driver);
-  }
-  CallbackEnd(scope, "the unload routine");
+  UnloadRun(Driver);
   RequireNoDevices(Driver, "after the unload routine");
   ObfDereferenceObject(Driver);
   // What is left of the last driver can belong to nobody else.

@@ -1,5 +1,6 @@
 #include "platform/model/irql.h"
 
+#include "platform/model/paged_pool.h"
 #include "platform/model/thread_object.h"
 #include "platform/model/verifier.h"
 
@@ -14,6 +15,9 @@ KIRQL IrqlRaise(KIRQL NewIrql) {
     VerifierStop("irql.wrong-raise", nullptr, "raised from %u to %u", before, NewIrql);
   }
   self->Irql = NewIrql;
+  if (NewIrql >= DISPATCH_LEVEL) {
+    PagedRaised();
+  }
   return before;
 }
 

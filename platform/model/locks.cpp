@@ -10,6 +10,7 @@
 #include "platform/model/cancel_lock.h"
 #include "platform/model/executor.h"
 #include "platform/model/lock_order.h"
+#include "platform/model/paged_pool.h"
 #include "platform/model/scheduler.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
@@ -122,6 +123,7 @@ KIRQL LockAcquireRaise(PKSPIN_LOCK Lock, const void *Place) {
   PKTHREAD self = ThreadSelf();
   KIRQL saved = self->Irql;
   self->Irql = DISPATCH_LEVEL;
+  PagedRaised();
   Take(self, Lock, false, saved, Place);
   return saved;
 }

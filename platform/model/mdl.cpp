@@ -7,6 +7,7 @@
 #include "platform/model/io_manager.h"
 #include "platform/model/packets.h"
 #include "platform/model/pool.h"
+#include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 
 static constexpr uint64_t MdlMagic = 0x4d'44'4c'4d'44'4c'21'21;
@@ -16,9 +17,11 @@ struct alignas(16) MdlShadow {
   uint64_t Magic;
   bool Live;
   unsigned Users;  // packets that are with a driver
+  PDRIVER_OBJECT Maker;
 };
 
 static BlockStore Mdls;
+static size_t MdlsInUse;  // that have users
 
 static MdlShadow *ShadowOf(PMDL Mdl) {
   return reinterpret_cast<MdlShadow *>(Mdl) - 1;
@@ -48,6 +51,7 @@ static PMDL MdlMake(const void *Address, ULONG Bytes) {
     *shadow = {};
     shadow->Magic = MdlMagic;
     shadow->Live = true;
+    shadow->Maker = ThreadSelf()->Acting;
   }
   SyncAcquire(shadow);
   PMDL mdl = reinterpret_cast<PMDL>(shadow + 1);
@@ -97,13 +101,13 @@ void MdlUnlockAndFree(PMDL Mdl) {
 
 void MdlTake(PMDL Mdl) {
   if (Mdl && ShadowOf(Mdl)->Magic == MdlMagic) {
-    ++ShadowOf(Mdl)->Users;
+    MdlsInUse += ++ShadowOf(Mdl)->Users == 1;
   }
 }
 
 void MdlLetGo(PMDL Mdl) {
   if (Mdl && ShadowOf(Mdl)->Magic == MdlMagic) {
-    --ShadowOf(Mdl)->Users;
+    MdlsInUse -= --ShadowOf(Mdl)->Users == 0;
   }
 }
 
@@ -228,7 +232,35 @@ uint64_t MdlCount() {
   return Mdls.LiveCount;
 }
 
+void MdlPoolFreed(const void *Block, size_t Bytes) {
+  if (__atomic_load_n(&MdlsInUse, __ATOMIC_RELAXED) == 0) {
+    return;
+  }
+  const char *low = static_cast<const char *>(Block);
+  Guard guard(RequestMutex);
+  for (void *body = BlockAnyLive(&Mdls); body; body = BlockNextLive(&Mdls, body)) {
+    MdlShadow *shadow = static_cast<MdlShadow *>(body);
+    PMDL mdl = reinterpret_cast<PMDL>(shadow + 1);
+    char *at = shadow->Users > 0 ? static_cast<char *>(MmGetMdlVirtualAddress(mdl)) : nullptr;
+    if (at && at < low + Bytes && at + mdl->ByteCount > low) {
+      VerifierStop("mdl.pool-freed", mdl,
+                   "pool at %p is freed, which the MDL of a packet with a driver describes", Block);
+    }
+  }
+}
+
+void MdlsCheckUnloaded(PDRIVER_OBJECT Driver) {
+  Guard guard(RequestMutex);
+  for (void *body = BlockAnyLive(&Mdls); body; body = BlockNextLive(&Mdls, body)) {
+    if (static_cast<MdlShadow *>(body)->Maker == Driver) {
+      VerifierStop("leak.mdl", body, "%s is unloaded and leaves an MDL",
+                   DriverText(Driver).c_str());
+    }
+  }
+}
+
 void MdlBoot() {
+  MdlsInUse = 0;
   BlocksReset(&Mdls);
 }
 

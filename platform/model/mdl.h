@@ -9,6 +9,7 @@
 //   mdl.paged             built for nonpaged pool over paged pool
 //   mdl.not-locked        mapped, or used as a source, with pages neither locked nor nonpaged
 //   mdl.already-mapped    mapped again
+//   mdl.pool-freed        pool freed that an MDL of a packet under way describes
 //   mdl.outside           a partial MDL for bytes that its source does not describe
 //   mdl.target-too-small  a partial MDL that was allocated for fewer pages
 //   leak.mdl              left over
@@ -23,6 +24,9 @@ void MdlUnlockAndFree(PMDL Mdl);
 // A packet that carries the MDL is with a driver. Under RequestMutex; null is fine.
 void MdlTake(PMDL Mdl);
 void MdlLetGo(PMDL Mdl);
+
+// Pool is about to be freed.
+void MdlPoolFreed(const void *Block, size_t Bytes);
 
 // Parts of RequestArea.
 void MdlBoot();

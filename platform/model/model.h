@@ -4,6 +4,7 @@
 
 #include "platform/kernel.h"
 
+#include "platform/model/cancel_sweep.h"
 #include "platform/model/event_log.h"
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"

@@ -3,7 +3,9 @@
 #include <utility>
 
 #include "platform/model/cancel_lock.h"
+#include "platform/model/cancel_sweep.h"
 #include "platform/model/executor.h"
+#include "platform/model/forced.h"
 #include "platform/model/mdl.h"
 #include "platform/model/objects.h"
 #include "platform/model/packets.h"
@@ -33,10 +35,14 @@ static void FramePush(DispatchFrame *Frame) {
   PKTHREAD self = ThreadSelf();
   Frame->Outer = self->Dispatching;
   self->Dispatching = Frame;
+  Frame->ActedBefore = self->Acting;
+  self->Acting = Frame->Driver;
 }
 
 static void FramePop(DispatchFrame *Frame) {
-  ThreadSelf()->Dispatching = Frame->Outer;
+  PKTHREAD self = ThreadSelf();
+  self->Dispatching = Frame->Outer;
+  self->Acting = Frame->ActedBefore;
 }
 
 struct Before {
@@ -108,6 +114,35 @@ static void RequireGoodStack(const PacketShadow *Shadow, PIRP Irp, const char *S
   }
 }
 
+static constexpr UCHAR SuccessAndError = SL_INVOKE_ON_SUCCESS | SL_INVOKE_ON_ERROR;
+static constexpr UCHAR AnyRoutine = SuccessAndError | SL_INVOKE_ON_CANCEL;
+
+// Whoever allocated a packet must get it back, whatever becomes of it.
+static void RequireRoutines(const PacketShadow *Shadow, PIRP Irp, const IO_STACK_LOCATION *Next) {
+  bool own = Shadow->State == PacketState::Fresh && !Shadow->Finish;
+  if (own && (Next->Control & SuccessAndError) != SuccessAndError) {
+    VerifierStop(
+        "packet.no-completion", Irp,
+        "a packet from IoAllocateIrp is sent without a completion routine for both success "
+        "and error");
+  }
+}
+
+// The holder has filled the location below instead of skipping its own.
+static void RequireGoodCopy(PIRP Irp, const IO_STACK_LOCATION *Next) {
+  const IO_STACK_LOCATION *current = IoGetCurrentIrpStackLocation(Irp);
+  if (Next->Control & SL_PENDING_RETURNED) {
+    VerifierStop("packet.bad-copy", Irp, "the pending mark was copied to the location below");
+  }
+  if (Next->MajorFunction == IRP_MJ_CREATE && current->MajorFunction != IRP_MJ_CREATE) {
+    VerifierStop("packet.bad-copy", Irp, "the location below was never filled");
+  }
+  // Who marked its location pending cannot skip it any more.
+  if (!(Next->Control & AnyRoutine) && !(current->Control & SL_PENDING_RETURNED)) {
+    VerifierWarn("copy-without-routine");
+  }
+}
+
 static void RequireForwardable(const PacketShadow *Shadow, PIRP Irp) {
   if (Shadow->State != PacketState::Fresh && Shadow->State != PacketState::Held) {
     VerifierStop("packet.forward-completed", Irp, "IofCallDriver: the packet is completed");
@@ -123,7 +158,11 @@ static void RequireForwardable(const PacketShadow *Shadow, PIRP Irp) {
   if (next->MajorFunction > IRP_MJ_MAXIMUM_FUNCTION) {
     VerifierStop("packet.bad-major", Irp, "major function %d", next->MajorFunction);
   }
+  RequireRoutines(Shadow, Irp, next);
   bool ownNext = Shadow->State == PacketState::Held && Irp->CurrentLocation == Shadow->Location;
+  if (ownNext) {
+    RequireGoodCopy(Irp, next);
+  }
   if (ownNext && next->CompletionRoutine) {
     PIO_STACK_LOCATION current = IoGetCurrentIrpStackLocation(Irp);
     if (next->CompletionRoutine == current->CompletionRoutine &&
@@ -212,7 +251,7 @@ static void EnterLocation(PacketShadow *Shadow, PDEVICE_OBJECT Device, PIRP Irp,
   Frame->Sending = Shadow->Sendings;
   Frame->Location = at;
   Frame->Entry = location->Entered;
-  Frame->Completed = false;
+  Frame->Completed = Frame->Deferred = false;
   // A driver that held the packet marked it and may skip the marked location when it goes on: that
   // mark answers for the driver's own return, not for that of the one below.
   Frame->MarkedBefore = (PacketLocation(Irp, at)->Control & SL_PENDING_RETURNED) != 0;
@@ -269,6 +308,25 @@ static void JudgeReturn(DispatchFrame *Frame, PIRP Irp, NTSTATUS Returned) {
   }
 }
 
+static bool LowersPower(const IO_STACK_LOCATION *Location) {
+  return Location->MajorFunction == IRP_MJ_POWER && Location->MinorFunction == IRP_MN_SET_POWER &&
+         (Location->Parameters.Power.Type == DevicePowerState
+              ? Location->Parameters.Power.State.DeviceState > PowerDeviceD0
+              : Location->Parameters.Power.State.SystemState > PowerSystemWorking);
+}
+
+// What pages or allocates in a power-down may need the very device that goes to sleep.
+static NTSTATUS DispatchInScope(PDEVICE_OBJECT Device, PIRP Irp) {
+  if (!LowersPower(IoGetNextIrpStackLocation(Irp))) {
+    return Dispatch(Device, Irp);
+  }
+  PKTHREAD self = ThreadSelf();
+  ++self->PowerDown;
+  NTSTATUS returned = Dispatch(Device, Irp);
+  --self->PowerDown;
+  return returned;
+}
+
 static NTSTATUS CheckedCall(PDEVICE_OBJECT Device, PIRP Irp) {
   VerifierRequireIrql(DISPATCH_LEVEL, "IofCallDriver");
   VerifierRequireNoLocks("IofCallDriver", Irp);
@@ -295,14 +353,14 @@ static NTSTATUS CheckedCall(PDEVICE_OBJECT Device, PIRP Irp) {
   HistoryNote("call", Irp, next->MajorFunction, static_cast<uint64_t>(frame.Location));
   Before before = LookBefore();
   FramePush(&frame);
-  NTSTATUS returned = Dispatch(Device, Irp);
+  NTSTATUS returned = DispatchInScope(Device, Irp);
   FramePop(&frame);
   HistoryNote("returned", Irp, static_cast<uint32_t>(returned),
               static_cast<uint64_t>(frame.Location));
   RequireRestored(before, "a dispatch routine", Irp);
   JudgeReturn(&frame, Irp, returned);
   PacketShadowLet(shadow);
-  return returned;
+  return frame.Deferred ? STATUS_PENDING : returned;
 }
 
 NTSTATUS PacketCall(PDEVICE_OBJECT Device, PIRP Irp) {
@@ -424,6 +482,8 @@ static NTSTATUS CheckedRoutine(PacketShadow *Shadow, PIRP Irp, PDEVICE_OBJECT De
       Uncount(&Shadow->Locations[Shadow->Location]);
     }
     steps = ++Shadow->Steps;
+    frame.Driver = Shadow->Location > Irp->StackCount ? Shadow->Maker
+                                                      : Shadow->Locations[Shadow->Location].Driver;
   }
   Before before = LookBefore();
   FramePush(&frame);
@@ -466,6 +526,7 @@ static bool RoutineWanted(const IRP *Irp, UCHAR Control) {
 }
 
 static void FinishPacket(PacketShadow *Shadow, PIRP Irp) {
+  PacketCheckCancelTime(Shadow);
   if (!Shadow->Finish) {
     if (VerifierOn()) {
       VerifierStop("packet.not-reclaimed", Irp,
@@ -486,34 +547,41 @@ void IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
   UNREFERENCED_PARAMETER(PriorityBoost);
   SwitchPoint(SwitchReason::Complete, Irp);
   PacketShadow *checked = VerifierOn() ? BeginCompletion(Irp) : nullptr;
+  if (checked && PendingForced && PacketDefer(checked, Irp)) {
+    return;
+  }
+  PacketGoUp(checked, Irp);
+}
+
+void PacketGoUp(PacketShadow *Checked, PIRP Irp) {
   while (Irp->CurrentLocation <= Irp->StackCount) {
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(Irp);
     PIO_COMPLETION_ROUTINE routine = location->CompletionRoutine;
     UCHAR control = location->Control;
     Irp->PendingReturned = (control & SL_PENDING_RETURNED) != 0;
-    if (checked) {
-      LeaveLocation(checked, Irp);
+    if (Checked) {
+      LeaveLocation(Checked, Irp);
     }
     IoSkipCurrentIrpStackLocation(Irp);
     ClearLocation(location);
     bool above = Irp->CurrentLocation <= Irp->StackCount;
     if (RoutineWanted(Irp, control)) {
       PDEVICE_OBJECT device = above ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject : nullptr;
-      NTSTATUS status = checked ? CheckedRoutine(checked, Irp, device, routine, location->Context)
+      NTSTATUS status = Checked ? CheckedRoutine(Checked, Irp, device, routine, location->Context)
                                 : routine(device, Irp, location->Context);
       if (status == STATUS_MORE_PROCESSING_REQUIRED) {
-        if (checked) {
-          PacketShadowLet(checked);
+        if (Checked) {
+          PacketShadowLet(Checked);
         }
         return;  // the packet is its driver's again, and may be gone
       }
     } else if (Irp->PendingReturned && above) {
-      IoMarkIrpPending(Irp);
+      IoGetCurrentIrpStackLocation(Irp)->Control |= SL_PENDING_RETURNED;
     }
   }
   FinishPacket(PacketShadowOf(Irp), Irp);
-  if (checked) {
-    PacketShadowLet(checked);
+  if (Checked) {
+    PacketShadowLet(Checked);
   }
 }
 
@@ -528,6 +596,7 @@ static void CallCancelRoutine(PDRIVER_CANCEL Routine, PIRP Irp, const Before &Wa
   }
   DispatchFrame frame = {};
   frame.What = DispatchFrame::Kind::Cancel;
+  frame.Driver = device ? device->DriverObject : nullptr;
   FramePush(&frame);
   Routine(device, Irp);
   FramePop(&frame);
@@ -541,7 +610,7 @@ BOOLEAN IoCancelIrp(PIRP Irp) {
   VerifierRequireIrql(DISPATCH_LEVEL, "IoCancelIrp");
   SwitchPoint(SwitchReason::Cancel, Irp);
   if (VerifierOn()) {
-    PacketRequireLive(Irp, "IoCancelIrp");
+    PacketNoteCancel(PacketRequireLive(Irp, "IoCancelIrp"));
   }
   Before before = LookBefore();
   KIRQL irql;

@@ -10,6 +10,7 @@
 #include "platform/model/file_objects.h"
 #include "platform/model/io_manager.h"
 #include "platform/model/mdl.h"
+#include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 
 static constexpr uint64_t PacketMagic = 0x50'41'43'4b'45'54'21'21;
@@ -137,6 +138,7 @@ PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
     return nullptr;
   }
   PIRP irp = PacketMake(StackSize, nullptr, nullptr);
+  PacketShadowOf(irp)->Maker = ThreadSelf()->Acting;
   HistoryNote("IoAllocateIrp", irp, static_cast<uint64_t>(StackSize));
   return irp;
 }
@@ -166,6 +168,9 @@ void IoFreeIrp(PIRP Irp) {
                    static_cast<void *>(Irp));
     }
     RequireOwn(Irp, "IoFreeIrp", "packet.free-in-flight");
+    if (Irp->CancelRoutine) {
+      VerifierStop("packet.cancel-routine-set", Irp, "IoFreeIrp with a cancel routine");
+    }
   }
   PacketFree(Irp);
 }
@@ -235,7 +240,23 @@ static void RequestBoot() {
   MdlBoot();
 }
 
+PacketShadow *PacketNext(PacketShadow *After) {
+  return static_cast<PacketShadow *>(After ? BlockNextLive(&Packets, After)
+                                           : BlockAnyLive(&Packets));
+}
+
+void PacketsCheckUnloaded(PDRIVER_OBJECT Driver) {
+  Guard guard(RequestMutex);
+  for (PacketShadow *shadow = PacketNext(nullptr); shadow; shadow = PacketNext(shadow)) {
+    if (shadow->Maker == Driver) {
+      VerifierStop("leak.packet", PacketOf(shadow), "%s is unloaded and leaves packet %p",
+                   DriverText(Driver).c_str(), static_cast<void *>(PacketOf(shadow)));
+    }
+  }
+}
+
 static void RequestCheck() {
+  PacketsRequireCancelledEnded();
   void *left = BlockAnyLive(&Packets);
   if (left) {
     PIRP irp = PacketOf(static_cast<PacketShadow *>(left));

@@ -29,14 +29,21 @@
 //   packet.buffer-changed       came back with another buffer or MDL than it was sent with
 //   packet.not-reclaimed        a driver's own packet went past the top
 //   packet.information          more bytes reported than the requester has room for
+//   packet.bad-copy             the location below was never filled, or got the pending mark too
+//   packet.no-completion        an own packet sent without a routine for success and for error
+//   packet.pend-not-owned       marked pending by who has not got it
+//   packet.touched-completed    changed by the driver that had completed it (forced pending)
 //   cancel.lock-held            a cancel routine returned with the cancel spin lock
+//   cancel.not-owner            a cancel routine set by who has not got the packet
+//   cancel.not-completed        cancelled, but not completed in time
+//   power.down-call             a passive-only service or an allocation in a power-down
 //   irql.not-restored           a driver's routine returned at another IRQL
 //   lock.not-released           a driver's routine returned with a lock that it took
 //   power.next                  PoStartNextPowerIrp twice for one packet (missing: a warning)
 //   device.not-live             a packet for a device that is gone
 //   leak.packet, leak.mdl       left over
 //
-// Warnings: forward-at-dispatch, power.next.
+// Warnings: forward-at-dispatch, copy-without-routine, power.next.
 #pragma once
 
 #include <cstdint>
@@ -64,9 +71,11 @@ struct DispatchFrame {
   int Location;
   unsigned Entry;  // the how manieth to enter there: who skips a location shares it
   Kind What;
-  bool MarkedBefore;  // the location carried the pending mark when the routine was entered
-  bool Completed;     // the location was completed; what follows is of that moment
+  PDRIVER_OBJECT ActedBefore;  // the thread's Acting before the call
+  bool MarkedBefore;           // the location carried the pending mark when the routine was entered
+  bool Completed;              // the location was completed; what follows is of that moment
   bool Marked;
+  bool Deferred;  // the location's completion was put off: what is above gets STATUS_PENDING
   NTSTATUS Status;
 };
 
@@ -93,6 +102,7 @@ struct alignas(16) PacketShadow {
   uint64_t Magic;
   PacketFinish Finish;  // the model's own packet: called when it comes out at the top
   void *Context;
+  PDRIVER_OBJECT Maker;       // who called IoAllocateIrp, if that is known
   LocationShadow *Locations;  // by location number, from 1
   size_t Bytes;               // of the packet and its locations
   PacketState State;
@@ -102,6 +112,8 @@ struct alignas(16) PacketShadow {
   bool FreeWhenLet;   // freed by the last canceller
   uint64_t Sendings;  // out of its requester's hands, ever
   uint64_t Steps;     // any change of hands
+  int64_t Cancelled;  // when IoCancelIrp was called first, on the system clock; 0 when it was not
+  uint64_t Sweep;     // the last CancelOutstanding that saw it
   PMDL SentMdl;
   PVOID SentSystemBuffer;
   PVOID SentUserBuffer;
@@ -146,6 +158,19 @@ void PacketShadowLet(PacketShadow *Shadow);
 // IofCallDriver without its switch point, for who must find the top of a stack and call it at one
 // go.
 NTSTATUS PacketCall(PDEVICE_OBJECT Device, PIRP Irp);
+
+// What IofCompleteRequest does with a packet that its holder has let go. Checked is the shadow, or
+// null when the verifier is off.
+void PacketGoUp(PacketShadow *Checked, PIRP Irp);
+
+// Forced pending: has a thread of its own complete the packet later and returns true, when a driver
+// above called the one that completes it and would have got the answer at once.
+bool PacketDefer(PacketShadow *Shadow, PIRP Irp);
+
+// The live packet after After (the first one when null), or null. Under RequestMutex.
+PacketShadow *PacketNext(PacketShadow *After);
+// Stops the run when a cancelled packet of the model's own is still on its way.
+void PacketsRequireCancelledEnded();
 
 // A packet that is sent and waited for. Fill, when given, completes the first stack location;
 // Iosb goes in and out. The top of the stack is looked up at the time of the call.

@@ -15,6 +15,7 @@
 #include "platform/model/pnp_requests.h"
 #include "platform/model/power.h"
 #include "platform/model/registry_keys.h"
+#include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 
 static const char EnumPath[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Enum\\";
@@ -78,7 +79,11 @@ static NTSTATUS AddDriver(PnpNode *Node, PDRIVER_OBJECT Driver, bool UpperFilter
     return STATUS_INVALID_DEVICE_REQUEST;
   }
   CallbackScope scope = CallbackBegin();
-  NTSTATUS status = addDevice(Driver, Node->Pdo);
+  NTSTATUS status;
+  {
+    ActingAs acting(Driver);
+    status = addDevice(Driver, Node->Pdo);
+  }
   CallbackEnd(scope, "AddDevice");
   if (NT_SUCCESS(status) && VerifierOn()) {
     CheckAdded(Node, Driver, UpperFilter);

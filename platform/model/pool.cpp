@@ -14,7 +14,11 @@
 #include "platform/model/faults.h"
 #include "platform/model/guard.h"
 #include "platform/model/locks.h"
+#include "platform/model/mdl.h"
+#include "platform/model/paged_pool.h"
 #include "platform/model/scheduler.h"
+#include "platform/model/thread_object.h"
+#include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
 
@@ -34,7 +38,7 @@ struct alignas(16) PoolHeader {
   POOL_TYPE Type;
   const void *Place;      // where it was allocated
   const void *FreePlace;  // and given back, once it is in quarantine
-  uint64_t Unused;
+  PDRIVER_OBJECT Maker;   // the driver that was at work; null when none was
   uint64_t Front;
 };
 static_assert(sizeof(PoolHeader) == 80);
@@ -137,6 +141,23 @@ std::string PoolLeaks() {
   return text;
 }
 
+void PoolCheckUnloaded(PDRIVER_OBJECT Driver) {
+  Guard guard(poolMutex);
+  uint64_t count = 0;
+  std::string text;
+  for (PLIST_ENTRY entry = liveBlocks.Flink; entry != &liveBlocks; entry = entry->Flink) {
+    PoolHeader *header = CONTAINING_RECORD(entry, PoolHeader, Link);
+    if (header->Maker == Driver) {
+      ++count;
+      text += BlockText(header) + '\n';
+    }
+  }
+  if (count > 0) {
+    VerifierStop("leak.pool", Driver, "%s is unloaded and leaves %llu blocks\n%s",
+                 DriverText(Driver).c_str(), static_cast<unsigned long long>(count), text.c_str());
+  }
+}
+
 // --- marks -------------------------------------------------------------------------------------
 
 static void Mark(PoolHeader *header) {
@@ -192,6 +213,15 @@ static void CheckAllocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
   if (tag == 0) {
     VerifierStop("pool.no-tag", nullptr, "an allocation without a tag");
   }
+  PDRIVER_OBJECT acting = ThreadSelf()->Acting;
+  if (acting && acting == UnloadingDriver()) {
+    VerifierStop("pool.unloading", acting, "%s allocates \"%s\" while it is unloaded",
+                 DriverText(acting).c_str(), TagText(tag).c_str());
+  }
+  if (ThreadSelf()->PowerDown > 0) {
+    VerifierStop("power.down-call", nullptr, "pool \"%s\" is allocated in a power-down",
+                 TagText(tag).c_str());
+  }
 }
 
 PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
@@ -202,7 +232,9 @@ PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
   if (FaultHere(FaultPool, Tag)) {
     return nullptr;
   }
-  void *memory = malloc(sizeof(PoolHeader) + NumberOfBytes + TailBytes);
+  void *memory = PagedForced && PoolType == PagedPool
+                     ? PagedTake(sizeof(PoolHeader), NumberOfBytes + TailBytes)
+                     : malloc(sizeof(PoolHeader) + NumberOfBytes + TailBytes);
   if (!memory) {
     return nullptr;
   }
@@ -212,6 +244,7 @@ PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
   header->Type = PoolType;
   header->Place = __builtin_return_address(0);
   header->FreePlace = nullptr;
+  header->Maker = ThreadSelf()->Acting;
   if (VerifierEnabled) {
     Mark(header);
   }
@@ -229,11 +262,18 @@ static void Drop(PoolHeader *header) {
   RemoveEntryList(&header->Link);
   AddressRemove(&poolMap, &header->Node);
   BytesAllow(header, sizeof *header + header->Bytes);
-  free(header);
+  if (PagedForced && header->Type == PagedPool) {
+    PagedGive(header);
+  } else {
+    free(header);
+  }
 }
 
 static void LeaveQuarantine() {
   PoolHeader *oldest = CONTAINING_RECORD(quarantine.Flink, PoolHeader, Link);
+  if (PagedForced && oldest->Type == PagedPool) {
+    PagedReach(oldest);
+  }
   CheckStillFreed(oldest);
   --quarantinedBlocks;
   quarantinedBytes -= oldest->Bytes;
@@ -277,6 +317,7 @@ static void CheckFree(PoolHeader *header) {
   CheckIrql(header->Type, "ExFreePoolWithTag");
   CheckMarks(header);
   LockLeaveMemory(BlockOf(header), header->Bytes);
+  MdlPoolFreed(BlockOf(header), header->Bytes);
   if (WaitsWithin(BlockOf(header), header->Bytes)) {
     VerifierStop("dispatcher.freed-waited", BlockOf(header), "a thread waits within %s",
                  BlockText(header).c_str());

@@ -153,6 +153,9 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
   }
   KeyBody *body = static_cast<KeyBody *>(ObjectFromHandle(KeyHandle, ObjectKind::Key));
   if (!body) {
+    if (VerifierOn()) {
+      VerifierStop("handle.bad", nullptr, "ZwQueryValueKey: %p is no key's handle", KeyHandle);
+    }
     return STATUS_INVALID_HANDLE;
   }
   if (KeyValueInformationClass != KeyValueFullInformation) {

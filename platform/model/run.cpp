@@ -5,9 +5,11 @@
 #include "platform/model/area.h"
 #include "platform/model/cancel_lock.h"
 #include "platform/model/clock.h"
+#include "platform/model/forced.h"
 #include "platform/model/lock_order.h"
 #include "platform/model/schedule.h"
 #include "platform/model/scheduler.h"
+#include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
 
@@ -17,11 +19,13 @@ static const ModelArea *const areas[] = {
 static constexpr size_t AreaCount = sizeof areas / sizeof areas[0];
 
 static void Boot(const RunOptions &options) {
-  VerifierBoot(options.Verifier);
+  VerifierBoot(options.Verifier, options.BreaksAllowed);
   FaultsBoot();
   SchedulerBoot(options.Executor == ExecutorKind::Threads);
   ClockBoot(options.RealClock);
   LockOrderBoot();
+  ForcedBoot(options.Forced);
+  UnloadBoot();
   CancelLockBoot();
   for (const ModelArea *area : areas) {
     area->Boot();
@@ -94,6 +98,7 @@ static bool NextSchedule(std::vector<Choice> *choices) {
 ExploreResult ModelExplore(const ExploreOptions &Options, const std::function<void()> &Scenario) {
   RunOptions options;
   options.Verifier = Options.Verifier;
+  options.Forced = Options.Forced;
   ExploreResult result;
   std::vector<Choice> choices;
   while (result.Runs < Options.MaxRuns) {

@@ -22,10 +22,25 @@ struct SchedulePolicy {
   std::string Replay;
 };
 
+// Harsher conditions, each at the cost of some time. They are found in drivers that work under the
+// usual ones by luck.
+struct ForcedOptions {
+  // Paged pool cannot be reached at DISPATCH_LEVEL; with the fiber executor, and not under
+  // ThreadSanitizer.
+  bool PagedPool = false;
+  // What a driver completes at once for the driver above comes back later, after STATUS_PENDING.
+  bool Pending = false;
+};
+
+// Forces more than their options ask for on all runs of this process.
+void ForceAlways(const ForcedOptions &Options);
+
 struct RunOptions {
   ExecutorKind Executor = ExecutorKind::Fibers;
   SchedulePolicy Schedule = {};
   bool Verifier = true;
+  ForcedOptions Forced = {};
+  bool BreaksAllowed = false;  // a debugger break is expected, not a fault
   // False: a virtual clock that starts at a fixed instant and moves only when every thread waits
   // and one of them waits with a time-out. True: the machine's clock.
   bool RealClock = false;
@@ -51,6 +66,7 @@ struct ExploreOptions {
   unsigned Preemptions = 2;      // at most this many per run
   uint64_t MaxRuns = 1'000'000;  // gives up (Exhausted false) after this many
   bool Verifier = true;
+  ForcedOptions Forced = {};
 };
 
 struct ExploreResult {

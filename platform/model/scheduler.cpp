@@ -14,8 +14,10 @@
 #include "platform/model/locks.h"
 #include "platform/model/objects.h"
 #include "platform/model/objects_internal.h"
+#include "platform/model/paged_pool.h"
 #include "platform/model/schedule.h"
 #include "platform/model/verifier.h"
+#include "platform/model/verifier_state.h"
 
 constinit thread_local PKTHREAD CurrentThread;
 _KTHREAD HostThread;
@@ -83,6 +85,7 @@ static PKTHREAD ChooseNext() {
       return CONTAINING_RECORD(RemoveHeadList(&settlers), _KTHREAD, QueueLink);
     }
     if (TimedWaiters == 0) {
+      PacketsRequireCancelledEnded();
       StopDeadlock();
     }
     ClockToNextDeadline();
@@ -94,6 +97,9 @@ static void SwitchTo(PKTHREAD self, PKTHREAD next) {
   if (next != self) {
     ++switches;
     CurrentThread = next;
+    if (next->Irql >= DISPATCH_LEVEL) {
+      PagedRaised();
+    }
     FiberSwitch(&self->Context, &next->Context);
   }
 }
@@ -105,6 +111,7 @@ static void Idle() {
   if (!IsListEmpty(&settlers)) {
     SchedulerWake(CONTAINING_RECORD(RemoveHeadList(&settlers), _KTHREAD, QueueLink));
   } else if (TimedWaiters == 0) {
+    PacketsRequireCancelledEnded();
     StopDeadlock();
   } else if (!ClockReal) {
     ClockToNextDeadline();
@@ -277,6 +284,9 @@ void ThreadEnd() {
     next->State = ThreadState::Running;
     ++switches;
     CurrentThread = next;
+    if (next->Irql >= DISPATCH_LEVEL) {
+      PagedRaised();
+    }
     FiberLeave(&context, &next->Context);
   }
   {

@@ -2,8 +2,9 @@
 //
 // The verifier's rules here:
 //
-//   string.overlap     a copy between overlapping buffers
-//   irql.paged-memory  a string in paged pool touched at DISPATCH_LEVEL
+//   string.overlap       a copy between overlapping buffers
+//   string.unterminated  a string in pool that does not end within its block
+//   irql.paged-memory    a string in paged pool touched at DISPATCH_LEVEL
 #include <type_traits>
 
 #include "platform/kernel.h"
@@ -21,6 +22,22 @@ static void RequireReachable(const void *Text, const char *Service) {
   }
 }
 
+// The number of characters before the terminator, which must stand in the same block; Most when
+// there are that many.
+template <typename Character>
+static size_t TerminatedLength(const Character *Text, const char *Service, size_t Most = SIZE_MAX) {
+  size_t room = VerifierOn() ? PoolBlockBytes(Text) / sizeof(Character) : 0;
+  for (size_t length = 0;; ++length) {
+    if (room != 0 && length == room && length < Most) {
+      VerifierStop("string.unterminated", Text, "%s: the string does not end in its block of pool",
+                   Service);
+    }
+    if (length == Most || Text[length] == 0) {
+      return length;
+    }
+  }
+}
+
 // ---- counted strings ----
 
 void RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString) {
@@ -29,7 +46,7 @@ void RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString
     return;
   }
   RequireReachable(SourceString, "RtlInitUnicodeString");
-  size_t bytes = WideLength(SourceString) * sizeof(WCHAR);
+  size_t bytes = TerminatedLength(SourceString, "RtlInitUnicodeString") * sizeof(WCHAR);
   if (bytes > MostUnicodeBytes - sizeof(WCHAR)) {
     bytes = MostUnicodeBytes - sizeof(WCHAR);
   }
@@ -43,7 +60,7 @@ void RtlInitAnsiString(PANSI_STRING DestinationString, PCSZ SourceString) {
   if (!SourceString) {
     return;
   }
-  size_t bytes = __builtin_strlen(SourceString);
+  size_t bytes = TerminatedLength(SourceString, "RtlInitAnsiString");
   if (bytes > MostUnicodeBytes) {
     bytes = MostUnicodeBytes;
   }
@@ -123,6 +140,7 @@ static bool BadRoom(SIZE_T Bytes) {
 static NTSTATUS CopyAt(PWSTR Destination, SIZE_T Characters, SIZE_T At, PCWSTR Source) {
   RequireReachable(Source, "RtlStringCbCopyW");
   RequireReachable(Destination, "RtlStringCbCopyW");
+  TerminatedLength(Source, "RtlStringCbCopyW", Characters - At);
   if (VerifierOn() && Source >= Destination && Source < Destination + Characters) {
     VerifierStop("string.overlap", Destination, "a string copied onto itself");
   }

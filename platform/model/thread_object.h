@@ -48,6 +48,8 @@ struct _KTHREAD {
   unsigned HeldCount;
   HeldLock Held[MostLocksHeld];
   struct DispatchFrame *Dispatching;  // the driver routine it runs for a packet, see packets.h
+  PDRIVER_OBJECT Acting;              // the driver whose routine it runs, if that is known
+  unsigned PowerDown;                 // dispatch routines for a power-down that it is in
 
   // Guarded by DispatcherMutex.
   ThreadState State;

@@ -21,6 +21,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
   };
   PKTHREAD thread = ThreadCreate(name, body, FiberBytes);
   thread->System = true;
+  thread->Acting = ThreadSelf()->Acting;
   *ThreadHandle = ObjectOpenHandle(thread, nullptr);
   ThreadLaunch(thread);
   ObfDereferenceObject(thread);
@@ -46,6 +47,10 @@ NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER 
   VerifierRequireIrql(PASSIVE_LEVEL, "ZwWaitForSingleObject");
   void *thread = ObjectFromHandle(Handle, ObjectKind::Thread);
   if (thread == nullptr) {
+    if (VerifierOn()) {
+      VerifierStop("handle.bad", nullptr, "ZwWaitForSingleObject: %p is no thread's handle",
+                   Handle);
+    }
     return STATUS_INVALID_HANDLE;
   }
   // The handle may be closed by another thread meanwhile.

@@ -40,11 +40,13 @@ static std::vector<Warning> warnings;
 static HistoryEntry history[HistorySize];
 static uint64_t historyNext;
 static uint64_t debuggerBreaks;
+static bool breaksAllowed;
 static StopReport report;
 static bool stopping;  // thread executor: somebody reports already
 
-void VerifierBoot(bool On) {
+void VerifierBoot(bool On, bool BreaksAllowed) {
   VerifierEnabled = On;
+  breaksAllowed = BreaksAllowed;
   warnings.clear();
   historyNext = 0;
   debuggerBreaks = 0;
@@ -135,6 +137,10 @@ void __fastfail(unsigned int Code) {
 
 void DbgBreakPoint(void) {
   __atomic_add_fetch(&debuggerBreaks, 1, __ATOMIC_RELAXED);
+  if (VerifierEnabled && !breaksAllowed) {
+    VerifierStop("break", nullptr, "a debugger break at %s; nobody has asked for it",
+                 PlaceText(__builtin_return_address(0)).c_str());
+  }
 }
 
 uint64_t DebuggerBreaks() {
@@ -148,9 +154,16 @@ void KiInterlockedPoint(const volatile void *Target) {
 // --- rules that several services share ---------------------------------------------------------
 
 void VerifierRequireIrql(KIRQL Highest, const char *Service) {
-  if (VerifierEnabled && ThreadSelf()->Irql > Highest) {
+  if (!VerifierEnabled) {
+    return;
+  }
+  PKTHREAD self = ThreadSelf();
+  if (self->Irql > Highest) {
     VerifierStop("irql.too-high", nullptr, "%s at IRQL %u; it allows %u at most", Service,
-                 ThreadSelf()->Irql, Highest);
+                 self->Irql, Highest);
+  }
+  if (Highest == PASSIVE_LEVEL && self->PowerDown > 0) {
+    VerifierStop("power.down-call", nullptr, "%s in a power-down", Service);
   }
 }
 
@@ -235,6 +248,10 @@ static std::string HistoryLines(const volatile void *object, unsigned most) {
 std::string HistoryText(const volatile void *Object, unsigned Most) {
   Guard guard(noteMutex);
   return HistoryLines(Object, Most);
+}
+
+void KiCopyOverlaps(const void *Destination) {
+  VerifierStop("memory.overlap", Destination, "bytes are copied onto themselves");
 }
 
 void KiAssertionFailed(const char *Expression) {

@@ -43,6 +43,8 @@
 //   handle.bad                not an open handle
 //   leak.pool leak.object leak.handle leak.thread   left over at the end of a run
 //   fastfail bugcheck         the driver stopped the system itself
+//   break                     the debugger break in a run that does not expect it
+//   memory.overlap            a copy between overlapping bytes
 //   assertion                 an assertion of the driver failed
 //   schedule.diverged         a replayed run offered other choices: it depends on something else
 //   model.no-thread           the machine ran out of threads
@@ -87,5 +89,5 @@ std::string HistoryText(const volatile void *Object, unsigned Most);
 // A bug check: stops with rule "bugcheck".
 [[noreturn]] void KeBugCheckModel(const char *Why);
 
-// The debugger break is counted and returns.
+// The debugger break is counted and returns, in a run that allows it.
 uint64_t DebuggerBreaks();

@@ -8,8 +8,11 @@
 extern bool VerifierEnabled;
 extern bool RunActive;  // between the boot of the areas and their shutdown
 
-void VerifierBoot(bool On);
+void VerifierBoot(bool On, bool BreaksAllowed);
 void FaultsBoot();
+
+// Before nobody being able to run is reported: what explains it better (packets).
+void PacketsRequireCancelledEnded();
 
 // Why the last run stopped.
 struct StopReport {

@@ -449,6 +449,7 @@ static const BadRoutine BadDrivers[] = {
        };
        PIRP irp = IoAllocateIrp(1, FALSE);
        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+       IoSetCompletionRoutine(irp, Routine, nullptr, TRUE, TRUE, TRUE);
        OnUpper = [](PDEVICE_OBJECT, PIRP Irp) { return IofCallDriver(Two.Lower, Irp); };
        IofCallDriver(Two.Upper, irp);
      }},

@@ -9,6 +9,14 @@
 #include "driver/entry.h"
 #include "platform/model/cancel_lock.h"
 
+// VORLIX_FORCE puts every run under harsher conditions: "paged" closes paged pool at
+// DISPATCH_LEVEL.
+[[maybe_unused]] static const bool forced = [] {
+  const char *what = getenv("VORLIX_FORCE");
+  ForceAlways({.PagedPool = what != nullptr && strstr(what, "paged") != nullptr});
+  return true;
+}();
+
 void WorldLoad(World *World, const WorldOptions &Options) {
   for (LowerPort *port : {&World->Lower, &World->Outside}) {
     port->BufferingFlags = Options.Buffering;
