@@ -20,19 +20,32 @@ static QueryRegistryValues FindQueryRoutine() {
                             : &RtlQueryRegistryValues;
 }
 
+// Where a direct query puts a value, whoever wrote it: at most four bytes as they are; more only as
+// far as the size allows that the first four bytes name, negative. Its low-order byte is 0, which
+// says no break when nothing is put there.
+struct QueriedValue {
+  LONG Start;
+  UCHAR Room[252];
+};
+
 static NTSTATUS QueryBreakOnLoad(PCWSTR Path) {
   static WCHAR valueName[] = L"VORLIXBreakOnLoad";
   ULONG absent = 0;
+  QueriedValue value = {};
+  value.Start = -static_cast<LONG>(sizeof(value));
   RTL_QUERY_REGISTRY_TABLE table[2];
   RtlZeroMemory(table, sizeof(table));
-  table[0].Flags = RTL_QUERY_REGISTRY_DIRECT;
+  // Text would be stored as a counted string.
+  table[0].Flags = RTL_QUERY_REGISTRY_DIRECT | RTL_QUERY_REGISTRY_TYPECHECK;
   table[0].Name = valueName;
-  table[0].EntryContext = &DriverWide.BreakOnLoad;
-  table[0].DefaultType = REG_DWORD;
+  table[0].EntryContext = &value;
+  table[0].DefaultType = REG_DWORD << RTL_QUERY_REGISTRY_TYPECHECK_SHIFT | REG_DWORD;
   table[0].DefaultData = &absent;
   table[0].DefaultLength = sizeof(absent);
-  return FindQueryRoutine()(RTL_REGISTRY_ABSOLUTE | RTL_REGISTRY_OPTIONAL, Path, table, nullptr,
-                            nullptr);
+  NTSTATUS status = FindQueryRoutine()(RTL_REGISTRY_ABSOLUTE | RTL_REGISTRY_OPTIONAL, Path, table,
+                                       nullptr, nullptr);
+  DriverWide.BreakOnLoad = static_cast<ULONG>(value.Start);
+  return status;
 }
 
 static void ReadDriverParameters(PUNICODE_STRING ServiceKey) {

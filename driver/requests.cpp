@@ -27,6 +27,9 @@ static NTSTATUS Park(PortExtension *Port, PIRP Irp) {
     IoReleaseCancelSpinLock(irql);
     return Refuse(Irp, STATUS_CANCELLED);
   }
+  // A request that goes on after all may have to end with the status that it came with.
+  Irp->Tail.Overlay.DriverContext[0] =
+      reinterpret_cast<PVOID>(static_cast<LONG_PTR>(Irp->IoStatus.Status));
   Irp->IoStatus.Status = STATUS_PENDING;
   IoMarkIrpPending(Irp);
   InsertTailList(&Port->PnpHoldList, &Irp->Tail.Overlay.ListEntry);
@@ -162,6 +165,8 @@ void RestartPnpHeldRequests(PDEVICE_OBJECT Device) {
   while (PIRP irp = TakeHeldRequest(&held)) {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     PDEVICE_OBJECT arrivedAt = stack->DeviceObject;
+    irp->IoStatus.Status = static_cast<NTSTATUS>(
+        reinterpret_cast<LONG_PTR>(irp->Tail.Overlay.DriverContext[0]));
     // The dispatch routine counts the request itself; the reference it was parked with ends here.
     arrivedAt->DriverObject->MajorFunction[stack->MajorFunction](arrivedAt, irp);
     ReleaseRequest(Device, irp);

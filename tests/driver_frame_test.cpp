@@ -37,6 +37,15 @@ TEST(DriverFrame, BreaksOnLoadByTheLowOrderByte) {
     EXPECT_EQ(BreaksWith(&highBits, oldSystem), 0u);
     EXPECT_EQ(BreaksWith(&zero, oldSystem), 0u);
     EXPECT_EQ(BreaksWith(nullptr, oldSystem), 0u);
+    // Whatever else stands there is kept out of the driver's memory.
+    RegistryValue text = RegistryText("1");
+    RegistryValue nothing = {REG_DWORD, {}};
+    RegistryValue fits = {REG_DWORD, std::vector<uint8_t>(256, 1)};
+    RegistryValue large = {REG_DWORD, std::vector<uint8_t>(257, 1)};
+    EXPECT_EQ(BreaksWith(&text, oldSystem), 0u);
+    EXPECT_EQ(BreaksWith(&nothing, oldSystem), 0u);
+    EXPECT_EQ(BreaksWith(&fits, oldSystem), 1u);
+    EXPECT_EQ(BreaksWith(&large, oldSystem), 0u);
   }
 }
 

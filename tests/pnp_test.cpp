@@ -253,20 +253,21 @@ TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
     PortExtension *port = WorldPort(world);
     GoNormal(world);
     ASSERT_EQ(PnpSend(port->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS);
-    Io write, second, cancelled, zkRead, command;
+    Io write, second, cancelled, zkRead, command, nobodys;
     EXPECT_EQ(StartWrite(world->Client, &write, "later"), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &cancelled, "never"), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &second, ", last"), STATUS_PENDING);
     EXPECT_EQ(StartRead(world->Zk, &zkRead, 100), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Zk, &command, MakeFrame(FRAME_CONTROL, 9, COMMAND_GET_MODE)),
               STATUS_PENDING);
-    EXPECT_EQ(port->RequestCount, 6);
+    EXPECT_EQ(StartWrite(world->Zk, &nobodys, MakeFrame(FRAME_DATA, 5, 0, "x")), STATUS_PENDING);
+    EXPECT_EQ(port->RequestCount, 7);
     OwnPacket late;
     late.Cancelled = true;
     EXPECT_EQ(OwnSend(port->Header.Device, IRP_MJ_WRITE, &late), STATUS_CANCELLED);
     EXPECT_EQ(OwnWait(&late), STATUS_CANCELLED);
     EXPECT_EQ(late.Iosb.Information, 0u);
-    EXPECT_EQ(port->RequestCount, 6);
+    EXPECT_EQ(port->RequestCount, 7);
     EXPECT_TRUE(FileCancel(&cancelled));
     EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
     EXPECT_EQ(LowerWritten(&world->Lower), "");
@@ -275,6 +276,7 @@ TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
     EXPECT_EQ(FileWait(&second), STATUS_SUCCESS);
     EXPECT_EQ(LowerWritten(&world->Lower), "later, last");
     EXPECT_EQ(FileWait(&command), STATUS_SUCCESS);
+    EXPECT_EQ(FileWait(&nobodys), STATUS_SUCCESS);  // ended with the status it came with
     EXPECT_EQ(FileWait(&zkRead), STATUS_SUCCESS);
     EXPECT_EQ(DecodeFrame(zkRead).Payload, "later");  // ZK's read stayed ZK's
     EXPECT_EQ(NextFrame(world).Payload, ", last");

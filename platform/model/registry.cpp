@@ -255,6 +255,11 @@ static NTSTATUS QueryEntry(const RegistryKey *Key, const RTL_QUERY_REGISTRY_TABL
       value = FindValue(*Key, TextFromWide(Entry->Name, WideLength(Entry->Name)));
     }
   }
+  bool checked = (Entry->Flags & RTL_QUERY_REGISTRY_TYPECHECK) != 0;
+  ULONG expected = Entry->DefaultType >> RTL_QUERY_REGISTRY_TYPECHECK_SHIFT;
+  if (value && checked && value->Value.Type != expected) {
+    return STATUS_OBJECT_TYPE_MISMATCH;
+  }
   if (value) {
     return Deliver(Entry, value->Value.Type, value->Value.Data.data(), value->Value.Data.size(),
                    Context);
@@ -262,7 +267,8 @@ static NTSTATUS QueryEntry(const RegistryKey *Key, const RTL_QUERY_REGISTRY_TABL
   if (Entry->DefaultType == NoDefault) {
     return STATUS_SUCCESS;
   }
-  return Deliver(Entry, Entry->DefaultType, Entry->DefaultData, DefaultBytes(Entry), Context);
+  ULONG type = checked ? Entry->DefaultType & 0x00FFFFFF : Entry->DefaultType;
+  return Deliver(Entry, type, Entry->DefaultData, DefaultBytes(Entry), Context);
 }
 
 // A path that does not exist is no error when it is optional: every value takes its default.

@@ -38,6 +38,10 @@ PsTerminateSystemThread(NTSTATUS ExitStatus);
 extern "C" DECLSPEC_IMPORT NTSTATUS NTAPI ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable,
                                                                 PLARGE_INTEGER Timeout);
 
+// Flags newer than the kit.
+#define RTL_QUERY_REGISTRY_TYPECHECK 0x00000100
+#define RTL_QUERY_REGISTRY_TYPECHECK_SHIFT 24
+
 // The kit declares the priority as an enumeration, which leaves no room for the flag.
 #define MdlMappingNoExecute 0x40000000
 FORCEINLINE PVOID MmMapLockedPagesSpecifyCache(PMDL Mdl, KPROCESSOR_MODE AccessMode,
