@@ -16,5 +16,11 @@ constexpr size_t BlockSizes[] = {64, 1024, 65536};
 std::string BlockName(size_t Bytes, Way How);
 void RegisterBlocks();
 
-// The counter of both: pool allocations for one request or block.
+// A run of an explored race, with the verifier on, and a switch from one fiber to another.
+constexpr char ExploredRunName[] = "explore/run";
+constexpr char FiberSwitchName[] = "explore/fiber-switch";
+constexpr char StepsCounter[] = "steps";  // switch points of a run
+void RegisterExploring();
+
+// The counter of the others: pool allocations for one request or block.
 constexpr char AllocationsCounter[] = "allocations";

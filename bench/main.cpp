@@ -37,6 +37,7 @@ int main(int Count, char **Values) {
   }
   RegisterPassThrough();
   RegisterBlocks();
+  RegisterExploring();
   FigureReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   return PrintRatios(reporter.Figures) ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -21,7 +21,9 @@ void FigureReporter::ReportRuns(const std::vector<Run> &Runs) {
   }
   auto counter = quickest->counters.find(AllocationsCounter);
   double allocations = counter == quickest->counters.end() ? 0 : counter->second.value;
-  Figures[quickest->run_name.function_name] = {quickest->GetAdjustedCPUTime(), allocations};
+  counter = quickest->counters.find(StepsCounter);
+  double steps = counter == quickest->counters.end() ? 0 : counter->second.value;
+  Figures[quickest->run_name.function_name] = {quickest->GetAdjustedCPUTime(), allocations, steps};
   best.insert({quickest->family_index, *quickest});
 }
 
@@ -74,6 +76,16 @@ static void PrintVerifier(const Figure *On, const Figure *Off, const std::string
   }
 }
 
+static void PrintExploring(const Figure *Run, const Figure *Switch) {
+  if (Run && Switch) {
+    printf(
+        "exploring a race of the driver, verifier on: %.0f runs/s on one core, %.0f switch points "
+        "a run, as long as %.0f fiber switches of %.1f ns\n",
+        1e9 / Run->Nanoseconds, Run->Steps, Run->Nanoseconds / Switch->Nanoseconds,
+        Switch->Nanoseconds);
+  }
+}
+
 bool PrintRatios(const FigureMap &Figures) {
   struct {
     PassedRequest What;
@@ -97,5 +109,6 @@ bool PrintRatios(const FigureMap &Figures) {
     PrintVerifier(Find(Figures, BlockName(bytes, Way::DriverVerified)),
                   Find(Figures, BlockName(bytes, Way::Driver)), "block of " + SizeText(bytes));
   }
+  PrintExploring(Find(Figures, ExploredRunName), Find(Figures, FiberSwitchName));
   return good;
 }

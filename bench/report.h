@@ -10,6 +10,7 @@
 struct Figure {
   double Nanoseconds;  // of processor time, in the best repetition: others only add to it
   double Allocations;
+  double Steps;  // switch points of an explored run
 };
 
 // Keeps each benchmark's best repetition, and shows them in the order of their registration.

@@ -130,7 +130,7 @@ static NTSTATUS MinimalEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
 
 // --- The stack ------------------------------------------------------------------------------
 
-static void Begin(Rig *Rig, Above What) {
+void RigBegin(Rig *Rig, Above What) {
   Rig->PortDriver = DriverLoad("BenchPort", PortEntry);
   PortDescription port;
   port.Values["PortName"] = RegistryText(Rig->Port.Name);
@@ -150,7 +150,7 @@ static void Begin(Rig *Rig, Above What) {
       "the port cannot be opened");
 }
 
-static void End(Rig *Rig) {
+void RigEnd(Rig *Rig) {
   if (Rig->Zk != nullptr) {
     FileClose(Rig->Zk);
   }
@@ -167,9 +167,9 @@ void RunRig(Above What, bool Verifier, const std::function<void(Rig *)> &Body) {
   options.Verifier = Verifier;
   RunReport report = ModelRun(options, [&] {
     Rig rig;
-    Begin(&rig, What);
+    RigBegin(&rig, What);
     Body(&rig);
-    End(&rig);
+    RigEnd(&rig);
   });
   RigRequire(!report.Stopped, report.Text.c_str());
 }

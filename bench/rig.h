@@ -23,6 +23,10 @@ struct Rig {
 // ends the program.
 void RunRig(Above What, bool Verifier, const std::function<void(Rig *)> &Body);
 
+// Its two ends, for a body that is a run of its own.
+void RigBegin(Rig *Rig, Above What);
+void RigEnd(Rig *Rig);
+
 // Opens the control device and sets NORMAL. To be called once; the rig's end closes it.
 void RigGoNormal(Rig *Rig);
 

@@ -684,7 +684,6 @@ static void RemoveAgainst(World *World, const std::function<void()> &Other) {
 // to come back to.
 TEST(AuxiliaryRaces, RemovalAgainstWhatComesBack) {
   for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLOSE, IRP_MJ_FLUSH_BUFFERS}) {
-    std::set<NTSTATUS> seen;
     auto scenario = [&](World *world) {
       LowerPort *outside = &world->Outside;
       if (major != IRP_MJ_CREATE) {
@@ -694,12 +693,12 @@ TEST(AuxiliaryRaces, RemovalAgainstWhatComesBack) {
       Io flush;
       PKTHREAD party = ThreadStart("party", [&] {
         if (major == IRP_MJ_CREATE) {
-          seen.insert(OpenClient(world));
+          ExploreSaw(OpenClient(world));
         } else if (major == IRP_MJ_CLOSE) {
           CloseClient(world);
         } else {
           StartFlush(world->Client, &flush);
-          seen.insert(FileWait(&flush));
+          ExploreSaw(FileWait(&flush));
         }
       });
       ThreadSettle();
@@ -707,26 +706,25 @@ TEST(AuxiliaryRaces, RemovalAgainstWhatComesBack) {
       RemoveAgainst(world, [&] { LowerFinish(outside, major); });
       ThreadJoin(party);
     };
-    ExploreWorld(scenario, 1, Detected);
+    std::set<std::string> seen = OutcomesOf(ExploreWorld(scenario, 1, Detected));
     if (major == IRP_MJ_FLUSH_BUFFERS) {
-      EXPECT_EQ(seen, (std::set<NTSTATUS>{STATUS_SUCCESS, STATUS_DEVICE_NOT_CONNECTED}));
+      EXPECT_EQ(seen, (std::set<std::string>{"success", "gone"}));
     }
   }
 }
 
 TEST(AuxiliaryRaces, RemovalAgainstTheUnlock) {
-  std::set<NTSTATUS> seen;
-  ExploreWorld(
+  ExploreResult result = ExploreWorld(
       [&](World *world) {
         GoNormal(world);
         SendCommand(world, COMMAND_LOCK_STREAM);
         Io write;
         StartWrite(world->Client, &write, "x");
         RemoveAgainst(world, [&] { SendCommand(world, COMMAND_UNLOCK_STREAM); });
-        seen.insert(FileWait(&write));
+        ExploreSaw(FileWait(&write));
       },
       1, Detected);
-  EXPECT_EQ(seen, (std::set<NTSTATUS>{STATUS_SUCCESS, STATUS_CANCELLED}));
+  EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"success", "cancelled"}));
 }
 
 // After a surprise the device is still there: new requests may come at any moment.
@@ -758,20 +756,19 @@ TEST(AuxiliaryRaces, SurpriseAgainstNewRequests) {
 // device below is kept by nobody else.
 TEST(AuxiliaryRaces, RemovalAgainstItsOwnHandle) {
   for (bool close : {false, true}) {
-    std::set<NTSTATUS> seen;
     auto scenario = [&](World *world) {
       HANDLE own = nullptr;
       ASSERT_EQ(FileOpen("\\Device\\VORLIXE1", Account::User, &own), STATUS_SUCCESS);
       Io write;
       RemoveAgainst(world, [&] { close ? FileClose(own) : (void)StartWrite(own, &write, "x"); });
       if (!close) {
-        seen.insert(FileWait(&write));
+        ExploreSaw(FileWait(&write));
         FileClose(own);
       }
     };
-    ExploreWorld(scenario, 1, Detected);
+    ExploreResult result = ExploreWorld(scenario, 1, Detected);
     if (!close) {
-      EXPECT_EQ(seen, (std::set<NTSTATUS>{STATUS_SUCCESS, STATUS_DELETE_PENDING}));
+      EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"success", "refused"}));
     }
   }
 }
@@ -794,8 +791,7 @@ TEST(AuxiliaryRaces, StartAgainstAnOlderHandle) {
   WorldOptions options = Detected;
   options.Start = false;
   for (bool close : {false, true}) {
-    std::set<std::string> seen;
-    ExploreWorld(
+    ExploreResult result = ExploreWorld(
         [&](World *world) {
           LowerPort *outside = &world->Outside;
           ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
@@ -811,14 +807,14 @@ TEST(AuxiliaryRaces, StartAgainstAnOlderHandle) {
                   });
           std::string below = std::to_string(LowerCount(outside, IRP_MJ_CLEANUP) - 1) +
                               std::to_string(LowerCount(outside, IRP_MJ_CLOSE) - 1);
-          seen.insert(close ? below : LowerLast(outside, IRP_MJ_WRITE).Covered ? "over" : "past");
+          ExploreSaw(close ? below : LowerLast(outside, IRP_MJ_WRITE).Covered ? "over" : "past");
           EXPECT_EQ(LowerWritten(outside), close ? "" : "x");
           CloseClient(world);
           EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
           EXPECT_EQ(WorldPort(world)->OpenCount, 1);
         },
         1, options);
-    EXPECT_EQ(seen, close ? (std::set<std::string>{"00", "01", "10", "11"})
-                          : (std::set<std::string>{"over", "past"}));
+    EXPECT_EQ(OutcomesOf(result), close ? (std::set<std::string>{"00", "01", "10", "11"})
+                                        : (std::set<std::string>{"over", "past"}));
   }
 }

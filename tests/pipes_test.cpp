@@ -232,8 +232,7 @@ TEST(Frames, ATypeThatChangesOnTheWay) {
                             {FRAME_DATA, FRAME_CONTROL, {STATUS_SUCCESS}},
                             {FRAME_CONTROL, FRAME_DATA, {STATUS_SUCCESS}}}) {
     SCOPED_TRACE(testing::Message() << c.Before << " to " << c.After);
-    std::set<NTSTATUS> ends;
-    ExploreWorld(
+    ExploreResult result = ExploreWorld(
         [&](World *world) {
           GoNormal(world);
           std::string bytes =
@@ -254,9 +253,13 @@ TEST(Frames, ATypeThatChangesOnTheWay) {
           bool answered = WorldPort(world)->ZkPipe.CurrentWriter != nullptr;
           EXPECT_EQ(written + answered, status == STATUS_SUCCESS ? 1 : 0);
           EXPECT_EQ(WorldPort(world)->RequestCount, 1);
-          ends.insert(status);
+          ExploreSaw(std::to_string(status));
         },
         1, options);
+    std::set<NTSTATUS> ends;
+    for (const auto &outcome : result.Outcomes) {
+      ends.insert(static_cast<NTSTATUS>(std::stol(outcome.first)));
+    }
     EXPECT_EQ(ends, c.Ends);
   }
 }

@@ -129,8 +129,8 @@ using Disturbance = void (*)(World *World);
 
 // Plays the life against the disturbance beginning at every switch point of it, and the life
 // beginning at every switch point of the disturbance. Judge sees each story.
-static uint64_t DisturbEverywhere(Disturbance Disturb, bool OpensAgain, ULONG Buffering,
-                                  const std::function<void(World *, const Story &)> &Judge) {
+static ExploreResult DisturbEverywhere(Disturbance Disturb, bool OpensAgain, ULONG Buffering,
+                                       const std::function<void(World *, const Story &)> &Judge) {
   WorldOptions options;
   options.Buffering = Buffering;
   return ExploreWorld(
@@ -168,17 +168,17 @@ TEST(WholeLife, PulledOutAtEverySwitchPoint) {
   std::string whole = Undisturbed();
   size_t steps = static_cast<size_t>(std::count(whole.begin(), whole.end(), ' '));
   for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
-    std::vector<uint64_t> ended(steps + 1);
-    uint64_t runs =
+    ExploreResult result =
         DisturbEverywhere([](World *w) { PnpSurpriseRemove(w->Node); }, false, buffering,
                           [&](World *world, const Story &story) {
                             EXPECT_FALSE(story.Revived) << story.Text;
                             EXPECT_EQ(WorldPort(world)->RequestCount, 1);
-                            ++ended[StepsDone(story)];
+                            ExploreSaw(std::to_string(StepsDone(story)));
                           });
-    EXPECT_GT(runs, 1000u);
+    EXPECT_GT(result.Runs, 1000u);
     for (size_t step = 0; step <= steps; ++step) {
-      EXPECT_NE(ended[step], 0u) << "never pulled out after step " << step << " of " << whole;
+      EXPECT_TRUE(result.Outcomes.count(std::to_string(step)))
+          << "never pulled out after step " << step << " of " << whole;
     }
   }
 }
@@ -197,21 +197,20 @@ TEST(WholeLife, RemovalQueriedAndCancelledAtEverySwitchPoint) {
                                      EXPECT_EQ(PnpQueryRemove(w->Node), STATUS_SUCCESS);
                                      EXPECT_EQ(PnpCancelRemove(w->Node), STATUS_SUCCESS);
                                    });
-    uint64_t runs =
+    ExploreResult result =
         DisturbEverywhere(disturb, false, DO_BUFFERED_IO, [&](World *world, const Story &story) {
           EXPECT_EQ(story.Text, whole);
           EXPECT_EQ(LowerWritten(&world->Lower), "outzkparked");
         });
-    EXPECT_GT(runs, 1000u);
+    EXPECT_GT(result.Runs, 1000u);
   }
 }
 
 // A stop is refused while somebody has the port open; an open that comes too late is refused.
 TEST(WholeLife, RebalancedAtEverySwitchPoint) {
   std::string whole = Undisturbed();
-  uint64_t stopped = 0, refused = 0;
   static bool granted;
-  DisturbEverywhere(
+  ExploreResult result = DisturbEverywhere(
       [](World *w) {
         granted = PnpQueryStop(w->Node) == STATUS_SUCCESS;
         if (granted) {
@@ -224,10 +223,9 @@ TEST(WholeLife, RebalancedAtEverySwitchPoint) {
       true, DO_BUFFERED_IO,
       [&](World *, const Story &story) {
         EXPECT_EQ(story.Text, whole);
-        ++(granted ? stopped : refused);
+        ExploreSaw(std::string(granted ? "stopped" : "refused"));
       });
-  EXPECT_NE(stopped, 0u);
-  EXPECT_NE(refused, 0u);
+  EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"stopped", "refused"}));
 }
 
 // --- With everything failing in turn ---------------------------------------------------------

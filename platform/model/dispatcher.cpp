@@ -5,6 +5,7 @@
 #include "platform/model/clock.h"
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"
+#include "platform/model/report.h"
 #include "platform/model/scheduler.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
@@ -51,13 +52,13 @@ std::string WaitText(const DISPATCHER_HEADER *Header) {
     kind = "thread";
     break;
   }
+  if (Header->Type == WaitThread) {
+    return std::string("thread \"") + reinterpret_cast<const _KTHREAD *>(Header)->Name + '"';
+  }
+  std::string name = ReportNameOf(Header, "object");
   char text[64];
   snprintf(text, sizeof text, "%s %p", kind, static_cast<const void *>(Header));
-  std::string line = text;
-  if (Header->Type == WaitThread) {
-    line += std::string(" \"") + reinterpret_cast<const _KTHREAD *>(Header)->Name + '"';
-  }
-  return line;
+  return name.empty() ? text : std::string(kind) + ' ' + name;
 }
 
 // --- where is waited -----------------------------------------------------------------------------

@@ -11,6 +11,7 @@
 #include "platform/model/executor.h"
 #include "platform/model/lock_order.h"
 #include "platform/model/paged_pool.h"
+#include "platform/model/report.h"
 #include "platform/model/scheduler.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
@@ -228,27 +229,63 @@ void KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
   LockForceFree(SpinLock);
 }
 
-void LockLeaveMemory(const void *Low, size_t Bytes) {
+[[noreturn]] static void StopFreedHeld(const KSPIN_LOCK *lock, const void *low, PKTHREAD owner) {
+  VerifierStop("lock.freed-held", low, "%s, held by thread \"%s\", lies in memory that is freed",
+               LockText(lock).c_str(), owner->Name);
+}
+
+// Every lock held in the memory, found by its word: its owner's list may change meanwhile.
+static void CheckWords(const void *low, size_t bytes) {
   // A lock is aligned as its word is.
-  const KSPIN_LOCK *lock = static_cast<const KSPIN_LOCK *>(Low);
-  for (size_t i = 0; i < Bytes / sizeof *lock; ++i) {
+  const KSPIN_LOCK *lock = static_cast<const KSPIN_LOCK *>(low);
+  for (size_t i = 0; i < bytes / sizeof *lock; ++i) {
     ULONG_PTR word = ReadWord(&lock[i]);
     if (IsHeld(word) && OwnerLives(word)) {
-      VerifierStop("lock.freed-held", Low,
-                   "%s, held by thread \"%s\", lies in memory that is freed",
-                   LockText(&lock[i]).c_str(), Owner(word)->Name);
+      StopFreedHeld(&lock[i], low, Owner(word));
+    }
+  }
+}
+
+// The same found by its owner, which is quicker.
+static void CheckOwner(const void *low, size_t bytes, PKTHREAD owner) {
+  const char *from = static_cast<const char *>(low);
+  for (unsigned i = 0; i < owner->HeldCount; ++i) {
+    const char *lock = reinterpret_cast<const char *>(owner->Held[i].Lock);
+    if (lock >= from && lock < from + bytes) {
+      StopFreedHeld(owner->Held[i].Lock, low, owner);
+    }
+  }
+}
+
+void LockLeaveMemory(const void *Low, size_t Bytes) {
+  if (ThreadsInUse) {
+    CheckWords(Low, Bytes);
+  } else {
+    CheckOwner(Low, Bytes, &HostThread);
+    for (PLIST_ENTRY entry = ThreadList.Flink; entry != &ThreadList; entry = entry->Flink) {
+      CheckOwner(Low, Bytes, CONTAINING_RECORD(entry, _KTHREAD, AllLink));
     }
   }
   LockOrderForget(Low, Bytes);
+  ReportForget(Low, Bytes);
 }
 
 std::string LockText(const KSPIN_LOCK *Lock) {
+  if (Lock == CancelLock()) {
+    return "the cancel spin lock";
+  }
+  if (std::string name = ReportNameOf(Lock, "lock"); !name.empty()) {
+    return name;
+  }
   char text[40];
-  snprintf(text, sizeof text, "%p", static_cast<const void *>(Lock));
-  return Lock == CancelLock() ? "the cancel spin lock" : std::string("lock ") + text;
+  snprintf(text, sizeof text, "lock %p", static_cast<const void *>(Lock));
+  return text;
 }
 
 std::string PlaceText(const void *Place) {
+  if (std::string place = ReportPlaceOf(Place); !place.empty()) {
+    return place;
+  }
   char text[256];
   Dl_info info;
   if (!Place || !dladdr(Place, &info)) {

@@ -7,6 +7,7 @@
 #include "platform/model/cancel_sweep.h"
 #include "platform/model/event_log.h"
 #include "platform/model/executor.h"
+#include "platform/model/explore.h"
 #include "platform/model/faults.h"
 #include "platform/model/files.h"
 #include "platform/model/io_manager.h"

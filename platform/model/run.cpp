@@ -1,12 +1,11 @@
 #include "platform/model/run.h"
 
-#include <vector>
-
 #include "platform/model/area.h"
 #include "platform/model/cancel_lock.h"
 #include "platform/model/clock.h"
 #include "platform/model/forced.h"
 #include "platform/model/lock_order.h"
+#include "platform/model/report.h"
 #include "platform/model/schedule.h"
 #include "platform/model/scheduler.h"
 #include "platform/model/unload.h"
@@ -21,7 +20,8 @@ static constexpr size_t AreaCount = sizeof areas / sizeof areas[0];
 static void Boot(const RunOptions &options) {
   VerifierBoot(options.Verifier, options.BreaksAllowed);
   FaultsBoot();
-  SchedulerBoot(options.Executor == ExecutorKind::Threads);
+  ReportBoot(options.Explain || options.Schedule.How == SchedulePolicy::Kind::Replay);
+  SchedulerBoot(options.Executor == ExecutorKind::Threads, options.MostSteps);
   ClockBoot(options.RealClock);
   LockOrderBoot();
   ForcedBoot(options.Forced);
@@ -46,6 +46,7 @@ static void CheckFirstThread() {
 static void Play(const std::function<void()> &body) {
   body();
   ScheduleWindow(false);
+  ScheduleEnd();
   CheckFirstThread();
   ThreadsFinish();
   if (unsigned others = ThreadsLive() - 1) {
@@ -59,7 +60,7 @@ static void Play(const std::function<void()> &body) {
 
 static void Shutdown() {
   RunActive = false;
-  VerifierEnabled = false;
+  VerifierEnabled = ReportOn = false;
   SchedulerShutdown();
   for (size_t i = AreaCount; i-- > 0;) {
     areas[i]->Shutdown();
@@ -67,57 +68,26 @@ static void Shutdown() {
   ThreadsInUse = false;
 }
 
-// The schedule has been begun.
-static RunReport Run(const RunOptions &options, const std::function<void()> &body) {
-  Boot(options);
-  SchedulerRun([&body] { Play(body); });
+RunReport RunScheduled(const RunOptions &Options, const std::function<void()> &Body) {
+  Boot(Options);
+  SchedulerRun([&Body] { Play(Body); });
   const StopReport &stop = VerifierReport();
-  RunReport report = {stop.Stopped, stop.Rule, stop.Text, ScheduleText(), SchedulerSwitches()};
+  RunReport report;
+  report.Switches = SchedulerSwitches();
+  report.Steps = SchedulerSteps();
+  if (stop.Stopped) {
+    report.Stopped = true;
+    report.Rule = stop.Rule;
+    report.Text = stop.Text;
+    report.Replay = ScheduleText();
+  }
   Shutdown();
   return report;
 }
 
 RunReport ModelRun(const RunOptions &Options, const std::function<void()> &Body) {
   ScheduleBegin(Options.Executor == ExecutorKind::Threads ? SchedulePolicy{} : Options.Schedule);
-  return Run(Options, Body);
-}
-
-// Makes Choices the next schedule, depth first; false when there is none.
-static bool NextSchedule(std::vector<Choice> *choices) {
-  while (!choices->empty()) {
-    Choice &last = choices->back();
-    if (last.Taken + 1 < last.Offered) {
-      ++last.Taken;
-      return true;
-    }
-    choices->pop_back();
-  }
-  return false;
-}
-
-ExploreResult ModelExplore(const ExploreOptions &Options, const std::function<void()> &Scenario) {
-  RunOptions options;
-  options.Verifier = Options.Verifier;
-  options.Forced = Options.Forced;
-  ExploreResult result;
-  std::vector<Choice> choices;
-  while (result.Runs < Options.MaxRuns) {
-    ScheduleBeginBounded(Options.Preemptions, choices);
-    RunReport report = Run(options, Scenario);
-    ++result.Runs;
-    if (report.Stopped) {
-      result.Failure = report;
-      return result;
-    }
-    choices = ScheduleChoices();
-    if (!NextSchedule(&choices)) {
-      result.Exhausted = true;
-      return result;
-    }
-  }
-  return result;
-}
-
-void ExploreWindow(bool Open) {
-  ScheduleWindow(Open);
+  RunReport report = RunScheduled(Options, Body);
+  report.Replay = ScheduleText();
+  return report;
 }

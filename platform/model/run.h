@@ -14,11 +14,15 @@ struct SchedulePolicy {
   enum class Kind {
     Fifo,        // nobody is preempted; who is made ready first runs first
     Random,      // at every switch point a seeded coin chooses among all that can run
-    Exhaustive,  // replays Choices, then takes first choices; used by Explore
+    Pct,         // seeded priorities, the highest runs; at Depth - 1 points the running one's falls
+    Exhaustive,  // every choice, at most so many preemptions; for ModelExplore
     Replay,      // replays the string of an earlier run
   };
   Kind How = Kind::Fifo;
   uint64_t Seed = 0;
+  unsigned Depth = 3;       // Pct: how many orderings a fault needs
+  uint64_t Points = 1000;   // Pct: among how many switch points those of change are drawn
+  bool WindowOnly = false;  // Random, Pct: only inside ExploreWindow
   std::string Replay;
 };
 
@@ -44,6 +48,13 @@ struct RunOptions {
   // False: a virtual clock that starts at a fixed instant and moves only when every thread waits
   // and one of them waits with a time-out. True: the machine's clock.
   bool RealClock = false;
+  // Keeps a record of every step, so that the report of a stop shows who did what; slow. A replay
+  // always does.
+  bool Explain = false;
+  // A run that passes so many switch points does not end: it is stopped as a livelock. From half of
+  // them on everybody gets his turn, so that nobody spins only because the schedule keeps away who
+  // would end it. Not for Fifo, whose switch points are not counted.
+  uint64_t MostSteps = 1'000'000;
 };
 
 struct RunReport {
@@ -52,6 +63,7 @@ struct RunReport {
   std::string Text;      // what, where, and the history of the packet concerned
   std::string Replay;    // with SchedulePolicy::Kind::Replay reproduces the run
   uint64_t Switches = 0;
+  uint64_t Steps = 0;  // switch points passed; not counted with Fifo
 };
 
 // Boots an empty model, runs Body as its first thread at PASSIVE_LEVEL, lets the remaining threads
@@ -62,21 +74,5 @@ struct RunReport {
 // not run) and comes back here. Threads: a stop prints the report and aborts the process.
 RunReport ModelRun(const RunOptions &Options, const std::function<void()> &Body);
 
-struct ExploreOptions {
-  unsigned Preemptions = 2;      // at most this many per run
-  uint64_t MaxRuns = 1'000'000;  // gives up (Exhausted false) after this many
-  bool Verifier = true;
-  ForcedOptions Forced = {};
-};
-
-struct ExploreResult {
-  uint64_t Runs = 0;
-  bool Exhausted = false;  // every schedule within the bound was run
-  RunReport Failure;       // of the first run that stopped, if any (exploration ends with it)
-};
-
-// Runs Scenario under every schedule that preempts at most Preemptions times, choice by choice.
-// Switch points count only between ExploreWindow(true) and ExploreWindow(false); outside, and in a
-// scenario that never opens the window, the schedule is first in, first out.
-ExploreResult ModelExplore(const ExploreOptions &Options, const std::function<void()> &Scenario);
-void ExploreWindow(bool Open);
+// ModelRun whose schedule has been begun by another; Replay is told of a stopped run only.
+RunReport RunScheduled(const RunOptions &Options, const std::function<void()> &Body);

@@ -5,25 +5,38 @@
 #include <string>
 #include <vector>
 
-#include "platform/model/run.h"
+#include "platform/model/executor.h"
 
-// Whether switch points offer a choice at this moment.
+// Whether switch points are looked at: always in a run whose schedule is not first in, first out.
+extern bool PointsOn;
+// Whether they offer a choice at this moment.
 extern bool PreemptionOn;
 
 struct Choice {
   uint16_t Taken;
-  uint16_t Offered;
+  uint16_t Offered;  // 0 when unknown, 1 when the bound on preemptions left nothing to choose
+  uint16_t Print;    // of the run up to here: of who chose, why, and among how many, every time
+  bool Preempts;  // at a switch point, where 0 stays; otherwise the running thread could not go on
 };
+using Choices = std::vector<Choice>;
 
 void ScheduleBegin(const SchedulePolicy &Policy);
-// Bounded exhaustion: at most Preemptions, taking Given first and then always the first choice.
-void ScheduleBeginBounded(unsigned Preemptions, const std::vector<Choice> &Given);
+// Given first, then always the first choice; at most Preemptions; choices in the window only.
+void ScheduleBeginBounded(unsigned Preemptions, const Choices &Given);
+// Given as far as it fits (a choice that is not offered is 0). Whole: not in the window only.
+void ScheduleBeginLenient(const Choices &Given, bool Whole);
 void ScheduleWindow(bool Open);
+// The run has come to its end: stops it when it did not get to every choice that it was to replay.
+void ScheduleEnd();
 
 // At a switch point with Others ready: 0 stays, n goes on with the n-th of them, counted from 1.
-unsigned ScheduleAtPoint(unsigned Others);
+unsigned ScheduleAtPoint(unsigned Others, SwitchReason Reason);
 // When the current thread cannot go on: the place in the ready queue of who goes on.
 unsigned ScheduleAtBlock(unsigned Ready);
+// Of a new thread, when priorities decide.
+uint64_t SchedulePriority(unsigned Thread);
 
-const std::vector<Choice> &ScheduleChoices();
+// Switch points at which preemption was possible.
+uint64_t SchedulePoints();
+const Choices &ScheduleChoices();
 std::string ScheduleText();

@@ -15,6 +15,7 @@
 #include "platform/model/objects.h"
 #include "platform/model/objects_internal.h"
 #include "platform/model/paged_pool.h"
+#include "platform/model/report.h"
 #include "platform/model/schedule.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
@@ -32,19 +33,23 @@ static unsigned readyCount;
 static LIST_ENTRY settlers;
 static unsigned live;
 static unsigned running;  // thread executor: threads that are not blocked
+static unsigned threadsMade;
 static uint64_t switches;
+static uint64_t steps;  // switch points passed
+static uint64_t mostSteps;
 static Fiber host;
 static const std::function<void()> *firstBody;
 static bool finished;
 static std::vector<pthread_t> osThreads;  // thread executor, to be joined at the end
 
-void SchedulerBoot(bool Threads) {
+void SchedulerBoot(bool Threads, uint64_t MostSteps) {
   ThreadsInUse = Threads;
   InitializeListHead(&ThreadList);
   InitializeListHead(&readyQueue);
   InitializeListHead(&settlers);
   readyCount = live = running = LockWaiters = 0;
-  switches = 0;
+  switches = steps = threadsMade = 0;
+  mostSteps = MostSteps;
   HostThread.Irql = PASSIVE_LEVEL;
   HostThread.HeldCount = 0;
   strcpy(HostThread.Name, "host");
@@ -68,8 +73,26 @@ static PKTHREAD TakeReady(unsigned place) {
   return CONTAINING_RECORD(entry, _KTHREAD, QueueLink);
 }
 
+static std::string CircleText();
+
 [[noreturn]] static void StopDeadlock() {
-  VerifierStop("deadlock", nullptr, "nobody can run\n%s", ThreadsText().c_str());
+  VerifierStop("deadlock", nullptr, "nobody can run\n%s%s", ThreadsText().c_str(),
+               CircleText().c_str());
+}
+
+unsigned SchedulerHighest(bool OrSelf) {
+  unsigned place = 0;
+  unsigned best = 0;
+  uint64_t highest = OrSelf ? CurrentThread->Priority : 0;
+  for (PLIST_ENTRY entry = readyQueue.Flink; entry != &readyQueue; entry = entry->Flink) {
+    ++place;
+    PKTHREAD thread = CONTAINING_RECORD(entry, _KTHREAD, QueueLink);
+    if (thread->Priority > highest || best + OrSelf == 0) {
+      highest = thread->Priority;
+      best = place;
+    }
+  }
+  return OrSelf ? best : best - 1;
 }
 
 // Who goes on when the current fiber cannot; may be that fiber itself.
@@ -95,6 +118,9 @@ static PKTHREAD ChooseNext() {
 static void SwitchTo(PKTHREAD self, PKTHREAD next) {
   next->State = ThreadState::Running;
   if (next != self) {
+    if (ReportOn) {
+      ReportBlocked(self, next);
+    }
     ++switches;
     CurrentThread = next;
     if (next->Irql >= DISPATCH_LEVEL) {
@@ -177,23 +203,60 @@ void SchedulerLockFree(PKSPIN_LOCK Lock) {
   }
 }
 
-static void SwitchPointTaken() {
-  PKTHREAD self = CurrentThread;
-  if (!self || readyCount == 0) {
-    return;
-  }
-  unsigned place = ScheduleAtPoint(readyCount);
-  if (place == 0) {
-    return;
-  }
-  PKTHREAD next = TakeReady(place - 1);
-  MakeReady(self);
-  SwitchTo(self, next);
+// --- switch points -----------------------------------------------------------------------------
+
+// The last steps of a run that does not end: who passed which point, and how often.
+static constexpr unsigned SpinsKept = 1024;
+static constexpr uint64_t StepsOfATurn = 64;
+
+[[noreturn]] static void StopLivelock() {
+  VerifierStop("livelock", nullptr,
+               "the run does not end: of its last %u switch points (after %llu)\n%s%s", SpinsKept,
+               static_cast<unsigned long long>(steps - SpinsKept), ReportSpins().c_str(),
+               ThreadsText().c_str());
 }
 
-void SwitchPoint(SwitchReason, const volatile void *) {
-  if (__builtin_expect(PreemptionOn, false)) {
-    SwitchPointTaken();
+// In the second half of a run's steps everybody who can run gets his turn.
+static void FairStep(PKTHREAD self, SwitchReason reason, const volatile void *object) {
+  PreemptionOn = false;
+  if (steps + SpinsKept > mostSteps) {
+    ReportSpin(self, reason, object);
+  }
+  if (steps == mostSteps) {
+    StopLivelock();
+  }
+  if (steps % StepsOfATurn == 0 && readyCount > 0) {
+    PKTHREAD next = TakeReady(0);
+    MakeReady(self);
+    SwitchTo(self, next);
+  }
+}
+
+static void SwitchPointTaken(SwitchReason reason, const volatile void *object) {
+  PKTHREAD self = CurrentThread;
+  if (!self) {
+    return;
+  }
+  if (++steps > mostSteps / 2) {
+    FairStep(self, reason, object);
+    return;
+  }
+  if (unsigned place = PreemptionOn ? ScheduleAtPoint(readyCount, reason) : 0) {
+    PKTHREAD next = TakeReady(place - 1);
+    MakeReady(self);
+    if (ReportOn) {
+      ReportPreempted(self, next, reason, object);
+    }
+    SwitchTo(self, next);
+  }
+  if (ReportOn) {
+    ReportPoint(reason, object);
+  }
+}
+
+void SwitchPoint(SwitchReason Reason, const volatile void *Object) {
+  if (__builtin_expect(PointsOn, false)) {
+    SwitchPointTaken(Reason, Object);
   }
 }
 
@@ -229,6 +292,8 @@ static PKTHREAD ThreadMake(const char *name, std::function<void()> body) {
   WaitHeaderInitialize(&thread->Header, WaitThread, 0);
   snprintf(thread->Name, sizeof thread->Name, "%s", name);
   thread->Due = NoDeadline;
+  thread->Number = __atomic_add_fetch(&threadsMade, 1, __ATOMIC_RELAXED);
+  thread->Priority = SchedulePriority(thread->Number);
   thread->Runner = new ThreadRunner{std::move(body), {}, {}};
   return thread;
 }
@@ -263,6 +328,7 @@ void ThreadLaunch(PKTHREAD Thread) {
 
 void ThreadEnd() {
   PKTHREAD self = CurrentThread;
+  HistoryNote("end of the thread", nullptr);
   SyncRelease(&self->Header);
   SyncRelease(&SettleOrder);
   {
@@ -282,6 +348,9 @@ void ThreadEnd() {
   if (!ThreadsInUse) {
     PKTHREAD next = ChooseNext();
     next->State = ThreadState::Running;
+    if (ReportOn) {
+      ReportGoesOn(next);
+    }
     ++switches;
     CurrentThread = next;
     if (next->Irql >= DISPATCH_LEVEL) {
@@ -328,7 +397,7 @@ bool SchedulerRun(const std::function<void()> &Body) {
     FiberSwitch(&host, &CurrentThread->Context);
   }
   CurrentThread = nullptr;
-  PreemptionOn = false;
+  PreemptionOn = PointsOn = false;
   return finished;
 }
 
@@ -351,6 +420,10 @@ unsigned ThreadsLive() {
 
 uint64_t SchedulerSwitches() {
   return switches;
+}
+
+uint64_t SchedulerSteps() {
+  return steps;
 }
 
 // A thread that waits with a time-out again and again would keep the run alive for ever.
@@ -428,7 +501,7 @@ static std::string ThreadLine(PKTHREAD thread) {
   line += thread->Name;
   line += '"';
   if (thread->WantedLock) {
-    line += " wants lock " + LockText(thread->WantedLock);
+    line += " wants " + LockText(thread->WantedLock);
   } else if (thread->State == ThreadState::Waiting) {
     line += thread->WaitForAll ? " waits for all of" : " waits for";
     for (ULONG i = 0; i < thread->BlockCount; ++i) {
@@ -450,6 +523,55 @@ std::string ThreadsText() {
     text += ThreadLine(CONTAINING_RECORD(entry, _KTHREAD, AllLink));
   }
   return text;
+}
+
+// The thread without which another cannot go on, when there is one such.
+static PKTHREAD AwaitedBy(PKTHREAD thread) {
+  const void *lock = thread->WantedLock;
+  bool wholeWait = thread->State == ThreadState::Waiting && !lock && thread->BlockCount == 1;
+  const void *object = wholeWait ? thread->Blocks[0].Object : nullptr;
+  for (PLIST_ENTRY entry = ThreadList.Flink; entry != &ThreadList; entry = entry->Flink) {
+    PKTHREAD other = CONTAINING_RECORD(entry, _KTHREAD, AllLink);
+    if (object == &other->Header) {
+      return other;
+    }
+    for (unsigned i = 0; lock && i < other->HeldCount; ++i) {
+      if (other->Held[i].Lock == lock) {
+        return other;
+      }
+    }
+  }
+  return nullptr;
+}
+
+// Whether threads from First on wait for each other in a circle, and how.
+static bool CircleFrom(PKTHREAD first, std::string *text) {
+  PKTHREAD from = first;
+  for (unsigned hops = 0; hops < live; ++hops) {
+    PKTHREAD next = AwaitedBy(from);
+    if (!next) {
+      return false;
+    }
+    *text += std::string("  \"") + from->Name + '"';
+    *text += from->WantedLock ? " wants " + LockText(from->WantedLock) + ", held by \""
+                              : " waits for the end of \"";
+    *text += std::string(next->Name) + "\"\n";
+    if (next == first) {
+      return true;
+    }
+    from = next;
+  }
+  return false;
+}
+
+static std::string CircleText() {
+  for (PLIST_ENTRY entry = ThreadList.Flink; entry != &ThreadList; entry = entry->Flink) {
+    std::string text = "in a circle:\n";
+    if (CircleFrom(CONTAINING_RECORD(entry, _KTHREAD, AllLink), &text)) {
+      return text;
+    }
+  }
+  return "";
 }
 
 bool ThreadsWaitWithin(const void *Low, size_t Bytes) {

@@ -15,7 +15,7 @@ extern ModelMutex DispatcherMutex;
 // name for SyncRelease and SyncAcquire.
 extern const char SettleOrder;
 
-void SchedulerBoot(bool Threads);
+void SchedulerBoot(bool Threads, uint64_t MostSteps);
 void SchedulerShutdown();
 
 // Runs Body as the run's first thread; false when a stop ended it.
@@ -43,6 +43,10 @@ std::string ThreadsText();
 // Whether some thread waits for an object or lock in the range.
 bool ThreadsWaitWithin(const void *Low, size_t Bytes);
 uint64_t SchedulerSwitches();
+uint64_t SchedulerSteps();
+
+// The choice of who goes on by priority, as ScheduleAtPoint (OrSelf) and ScheduleAtBlock count.
+unsigned SchedulerHighest(bool OrSelf);
 
 // Lets all other threads come to their end, moving the clock for those that only wait for it.
 void ThreadsFinish();

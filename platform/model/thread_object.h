@@ -41,7 +41,8 @@ struct ThreadRunner {
 struct _KTHREAD {
   DISPATCHER_HEADER Header;
   char Name[24];
-  bool System;  // started by PsCreateSystemThread
+  bool System;      // started by PsCreateSystemThread
+  unsigned Number;  // in the order of the run's threads, from 1
 
   // The thread's own.
   KIRQL Irql;
@@ -62,6 +63,7 @@ struct _KTHREAD {
   LIST_ENTRY QueueLink;
 
   PKSPIN_LOCK WantedLock;  // fibers only: the held lock that it waits for
+  uint64_t Priority;       // fibers only, when priorities decide
 
   Fiber Context;
   ThreadRunner *Runner;

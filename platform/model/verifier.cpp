@@ -11,6 +11,7 @@
 #include "platform/model/executor.h"
 #include "platform/model/guard.h"
 #include "platform/model/locks.h"
+#include "platform/model/report.h"
 #include "platform/model/schedule.h"
 #include "platform/model/scheduler.h"
 #include "platform/model/verifier_state.h"
@@ -90,6 +91,9 @@ static std::string HistoryLines(const volatile void *object, unsigned most);
 
 static std::string Evidence(const void *object) {
   std::string text = ThreadText(ThreadSelf());
+  if (ReportOn) {
+    return text + "who did what:\n" + ReportText(object) + "replay: " + ScheduleText() + '\n';
+  }
   std::string lines = HistoryLines(object, HistoryShown);
   if (object && !lines.empty()) {
     text += "what happened to it:\n" + lines;
@@ -115,7 +119,7 @@ void VerifierStop(const char *Rule, const void *Object, const char *Format, ...)
       pause();
     }
   }
-  PreemptionOn = false;
+  PreemptionOn = PointsOn = false;
   va_list args;
   va_start(args, Format);
   report.Stopped = true;
@@ -203,6 +207,9 @@ uint64_t VerifierWarnings(const char *Rule) {
 // --- history -----------------------------------------------------------------------------------
 
 void HistoryNote(const char *What, const volatile void *Object, uint64_t A, uint64_t B) {
+  if (__builtin_expect(ReportOn, false)) {
+    ReportNote(What, Object, A, B);
+  }
   if (!VerifierEnabled) {
     return;
   }

@@ -22,6 +22,7 @@
 //   lock.held-at-end          a run ended with a lock held
 //   lock.too-many             more locks held than the model records
 //   deadlock                  nobody can run and no time-out is pending
+//   livelock                  a run under a schedule passes switch points without an end
 //   dispatcher.uninitialized  not an event, semaphore or thread
 //   dispatcher.wrong-type     an event where a semaphore belongs, or the like
 //   dispatcher.freed-waited   memory freed in which a thread waits
@@ -80,6 +81,10 @@ unsigned VerifierLocksHeld();
 // Declares that of the two locks First is taken before Second; the other order stops the run. The
 // order of locks that nothing declares is learned, and a cycle stops the run.
 void VerifierDeclareOrder(const PKSPIN_LOCK First, const PKSPIN_LOCK Second);
+
+// Gives an object a name for reports: a literal. What lies inside of a named range and has no name
+// of its own is shown by its offset. The name goes when the memory is freed, and with the run.
+void VerifierName(const volatile void *Object, size_t Bytes, const char *Name);
 
 // Appends to the ring of the last events. What is a literal; Object is what it happened to.
 void HistoryNote(const char *What, const volatile void *Object, uint64_t A = 0, uint64_t B = 0);

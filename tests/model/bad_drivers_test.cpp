@@ -551,11 +551,8 @@ static NTSTATUS AnswerRelations(PIRP Irp) {
 static NTSTATUS ParentPnp(PDEVICE_OBJECT Device, PIRP Irp) {
   UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
   if (Device == Child) {
-    bool fails = minor == IRP_MN_SURPRISE_REMOVAL;
-    bool known = fails || minor == IRP_MN_REMOVE_DEVICE;
-    return CompleteWith(Irp, fails   ? STATUS_UNSUCCESSFUL
-                             : known ? STATUS_SUCCESS
-                                     : STATUS_NOT_SUPPORTED);
+    return CompleteWith(Irp,
+                        minor == IRP_MN_REMOVE_DEVICE ? STATUS_UNSUCCESSFUL : STATUS_NOT_SUPPORTED);
   }
   if (minor == IRP_MN_QUERY_DEVICE_RELATIONS) {
     return AnswerRelations(Irp);

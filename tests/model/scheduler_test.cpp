@@ -1,6 +1,10 @@
+#include <unistd.h>
+
 #include <map>
+#include <set>
 #include <vector>
 
+#include "platform/model/shrink.h"
 #include "tests/model/model_run.h"
 
 // Two threads, each through as many switch points as it is told.
@@ -127,10 +131,18 @@ TEST(Deadlock, NamesWhatEachThreadWaitsForAndHolds) {
   ExploreOptions options;
   options.Verifier = false;
   std::string text = ModelExplore(options, LocksCrossed).Failure.Text;
-  for (const char *part : {"\"main\" waits for thread", "\"a\" wants lock", "\"b\" wants lock",
-                           "holds lock", "taken at", "replay: x2:"}) {
+  for (const char *part :
+       {"\"main\" waits for thread", "\"a\" wants lock", "\"b\" wants lock",
+        "in a circle:", "\"a\" wants lock #", "holds lock", "taken at", "replay: w:"}) {
     EXPECT_NE(text.find(part), std::string::npos) << part << " is missing in\n" << text;
   }
+}
+
+static RunOptions Replay(const std::string &text) {
+  RunOptions options;
+  options.Schedule.How = SchedulePolicy::Kind::Replay;
+  options.Schedule.Replay = text;
+  return options;
 }
 
 // The order in which three threads pass their switch points.
@@ -146,9 +158,11 @@ static std::string Order() {
       }
     }));
   }
+  ExploreWindow(true);
   for (PKTHREAD thread : threads) {
     ThreadJoin(thread);
   }
+  ExploreWindow(false);
   return order;
 }
 
@@ -170,11 +184,275 @@ TEST(Random, SeedsDifferAndEveryRunReplays) {
   EXPECT_GT(orders.size(), 40u);
 }
 
-TEST(Random, ReplayOfAnotherBodyIsNoticed) {
-  RunOptions options;
-  options.Schedule.How = SchedulePolicy::Kind::Replay;
-  options.Schedule.Replay = "r:3";
-  EXPECT_EQ(RuleOf([] { TwoThreads(1); }, options), "schedule.diverged");
+// --- replay -------------------------------------------------------------------------------------
+
+// The same string in every build: nothing but the order of choices is in it.
+TEST(Replay, AStringReproducesARunInEveryBuild) {
+  RunReport report = ModelRun(Replay("w:001/2c3b"), LoseAnUpdate);
+  EXPECT_EQ(report.Rule, "bugcheck") << report.Text;
+  EXPECT_EQ(report.Replay, "w:001/2c3b");
+}
+
+TEST(Replay, AnotherWayIsNoticed) {
+  struct {
+    const char *Text;
+    const char *Part;
+  } const cases[] = {
+      {"r:3", "choice 0 was number 3 and is now made among 2 threads"},
+      {"w:001/0000", "went another way before choice 2"},
+      {"w:~50.1", "has ended after"},
+  };
+  for (const auto &c : cases) {
+    RunReport report = ModelRun(Replay(c.Text), [] { TwoThreads(2); });
+    EXPECT_EQ(report.Rule, "schedule.diverged") << c.Text;
+    EXPECT_NE(report.Text.find(c.Part), std::string::npos) << report.Text;
+  }
+}
+
+// --- policies -----------------------------------------------------------------------------------
+
+static ExploreResult ExploreAs(const char *how, const std::function<void()> &scenario) {
+  ExploreOptions options;
+  EXPECT_TRUE(ExploreRead(how, &options)) << how;
+  return ModelExplore(options, scenario);
+}
+
+TEST(Policies, FindAPlantedRaceAndShowItShort) {
+  for (const char *how : {"random runs=100", "pct depth=2 runs=100", "exhaust preemptions=2"}) {
+    ExploreResult result = ExploreAs(how, LoseAnUpdate);
+    EXPECT_EQ(result.Failure.Rule, "bugcheck") << how;
+    EXPECT_EQ(result.Failure.Replay, "w:001/2c3b") << how;
+  }
+  EXPECT_EQ(ExploreAs("fifo", LoseAnUpdate).Runs, 1u);
+  for (const char *wrong : {"psychic", "runs=many", "runs=", "luck=7"}) {
+    ExploreOptions options;
+    EXPECT_FALSE(ExploreRead(wrong, &options)) << wrong;
+  }
+}
+
+// a must be at its n-th step when b looks, for a given n: an ordering of depth 2 that a walk which
+// may leave at every point finds only with luck, and priorities with one change in n of k.
+TEST(Policies, PrioritiesFindWhatLiesFarOn) {
+  auto scenario = [] {
+    LONG step = 0;
+    PKTHREAD a = ThreadStart("a", [&] {
+      for (int i = 0; i < 60; ++i) {
+        InterlockedIncrement(&step);
+      }
+    });
+    PKTHREAD b = ThreadStart("b", [&] {
+      if (step == 57) {
+        KeBugCheckModel("at its 57th step");
+      }
+    });
+    ExploreWindow(true);
+    ThreadJoin(a);
+    ThreadJoin(b);
+  };
+  EXPECT_FALSE(ExploreAs("random runs=1000", scenario).Failure.Stopped);
+  EXPECT_FALSE(ExploreAs("pct depth=1 runs=1000", scenario).Failure.Stopped);
+  EXPECT_TRUE(ExploreAs("pct depth=2 runs=1000", scenario).Failure.Stopped);
+}
+
+// Who gets first: what is seen, how often, and what fails do not depend on who makes the runs.
+TEST(Policies, WorkersFindWhatOneProcessFinds) {
+  for (const char *how : {"exhaust preemptions=3", "random runs=500", "pct runs=500"}) {
+    for (bool fails : {false, true}) {
+      auto scenario = [fails] {
+        std::string order = Order();
+        ExploreSaw(order.substr(0, 4) + "\n");
+        if (fails && order.starts_with("abb")) {
+          KeBugCheckModel("a planted order");
+        }
+      };
+      ExploreResult alone = ExploreAs(how, scenario);
+      ExploreResult shared = ExploreAs((std::string(how) + " workers=3").c_str(), scenario);
+      EXPECT_EQ(alone.Failure.Stopped, fails) << how;
+      EXPECT_EQ(alone.Failure.Replay, shared.Failure.Replay) << how;
+      EXPECT_EQ(alone.Runs, shared.Runs) << how;
+      EXPECT_EQ(alone.Outcomes["aaaa\n"].Replay, "w:") << how;  // of the first run that ended so
+      ASSERT_EQ(alone.Outcomes.size(), shared.Outcomes.size()) << how;
+      EXPECT_GT(alone.Outcomes.size(), fails ? 0u : 3u) << how;
+      for (const auto &[text, seen] : alone.Outcomes) {
+        EXPECT_EQ(seen.Count, shared.Outcomes[text].Count) << how;
+        EXPECT_EQ(seen.Replay, shared.Outcomes[text].Replay) << how;
+      }
+    }
+  }
+}
+
+TEST(Policies, AWorkerThatDiesIsNoticed) {
+  pid_t here = getpid();
+  ExploreResult result = ExploreAs("random runs=500 workers=2", [here] {
+    TwoThreads(2);
+    if (getpid() != here) {
+      _exit(1);
+    }
+  });
+  EXPECT_EQ(result.Failure.Rule, "model.worker-died");
+}
+
+// --- shrinking ----------------------------------------------------------------------------------
+
+// Choices of two, at switch points.
+static Choices ChoicesOf(const std::string &taken) {
+  Choices choices;
+  for (char c : taken) {
+    choices.push_back({static_cast<uint16_t>(c - '0'), 3, 0, true});
+  }
+  return choices;
+}
+
+static std::string TextOf(const Choices &choices) {
+  std::string text;
+  for (const Choice &choice : choices) {
+    text += static_cast<char>('0' + choice.Taken);
+  }
+  return text;
+}
+
+TEST(Shrink, FindsTheShortestWithinItsRuns) {
+  struct {
+    const char *Failing;
+    bool (*Fails)(const std::string &);
+    uint64_t MostRuns;
+    const char *Shortest;
+  } const cases[] = {
+      // One of many is needed; two are, and the rest is not; all are.
+      {"1201102", [](const std::string &s) { return s[3] == '1'; }, 100, "0001000"},
+      {"1201102", [](const std::string &s) { return s[1] == '2' && s[6] == '2'; }, 100, "0200002"},
+      {"1100000", [](const std::string &s) { return s.starts_with("11"); }, 100, "1100000"},
+      // Closer together; with one preemption of another kind instead of two.
+      {"1000010", [](const std::string &s) { return s.find('1') != s.rfind('1'); }, 100, "0000110"},
+      {"0010010", [](const std::string &s) { return s == "0010010" || s == "0000200"; }, 100,
+       "0000200"},
+      {"1201102", [](const std::string &) { return true; }, 0, "1201102"},
+  };
+  for (const auto &c : cases) {
+    Choices choices = ChoicesOf(c.Failing);
+    uint64_t tries = 0;
+    uint64_t used = ShrinkChoices(&choices, c.MostRuns, [&](Choices *run) {
+      ++tries;
+      return c.Fails(TextOf(*run));
+    });
+    EXPECT_EQ(TextOf(choices), c.Shortest) << c.Failing;
+    EXPECT_EQ(used, tries);
+    EXPECT_LE(used, c.MostRuns);
+  }
+}
+
+// Two faults, one of a longer schedule than the other: what is shown is the fault that was found,
+// by its own shortest schedule.
+TEST(Shrink, KeepsTheRuleThatWasBroken) {
+  auto scenario = [] {
+    LONG step = 0;
+    LONG other = 0;
+    PKTHREAD a = ThreadStart("a", [&] {
+      InterlockedIncrement(&step);
+      InterlockedIncrement(&step);
+    });
+    PKTHREAD b = ThreadStart("b", [&] {
+      if (step == 0) {
+        VerifierStop("sooner", nullptr, "b was first");
+      } else if (step == 1) {
+        VerifierStop("later", nullptr, "b was between");
+      }
+    });
+    PKTHREAD c = ThreadStart("c", [&] {
+      for (int i = 0; i < 5; ++i) {
+        InterlockedIncrement(&other);
+      }
+    });
+    ExploreWindow(true);
+    ThreadJoin(a);
+    ThreadJoin(b);
+    ThreadJoin(c);
+  };
+  std::map<std::string, std::set<std::string>> shortest;
+  for (uint64_t seed = 1; seed <= 20; ++seed) {
+    ExploreOptions options;
+    options.How = SchedulePolicy::Kind::Random;
+    options.Seed = seed;
+    options.ShrinkRuns = 0;
+    std::string found = ModelExplore(options, scenario).Failure.Rule;
+    options.ShrinkRuns = 100;
+    RunReport shown = ModelExplore(options, scenario).Failure;
+    EXPECT_EQ(shown.Rule, found);
+    shortest[found].insert(shown.Replay);
+  }
+  EXPECT_EQ(shortest.size(), 2u);
+  for (const auto &[rule, replays] : shortest) {
+    EXPECT_EQ(replays.size(), 1u) << rule << " is shown as " << *replays.begin() << " and "
+                                  << *replays.rbegin();
+  }
+}
+
+// --- what a person reads ------------------------------------------------------------------------
+
+TEST(Report, ShowsWhoDidWhatAndWhere) {
+  std::string text = ModelExplore({}, [] {
+                       static LONG shared;
+                       shared = 0;
+                       VerifierName(&shared, sizeof shared, "the shared word");
+                       LoseAnUpdate();
+                     }).Failure.Text;
+  const char *inOrder[] = {"bugcheck: an update was lost",
+                           "who did what:",
+                           "-- \"a\" is preempted before an interlocked operation on ",
+                           "; \"b\" goes on",
+                           "  b     interlocked operation on word #",
+                           "tests/model/scheduler_test.cpp:",
+                           "  a     interlocked operation on word #",
+                           "replay: w:001/"};
+  size_t at = 0;
+  for (const char *part : inOrder) {
+    size_t found = text.find(part, at);
+    ASSERT_NE(found, std::string::npos) << part << " is missing in\n" << text;
+    at = found;
+  }
+}
+
+// --- runs that do not end -----------------------------------------------------------------------
+
+static void Spin(const LONG *until, LONG *rounds) {
+  while (__atomic_load_n(until, __ATOMIC_RELAXED) == 0) {
+    InterlockedIncrement(rounds);
+  }
+}
+
+TEST(Livelock, IsFoundAndExplained) {
+  ExploreOptions options;
+  options.MostSteps = 20'000;
+  RunReport report = ModelExplore(options, [] {
+                       LONG never = 0;
+                       LONG rounds[2] = {};
+                       VerifierName(&rounds[0], sizeof(LONG), "the rounds of a");
+                       PKTHREAD a = ThreadStart("a", [&] { Spin(&never, &rounds[0]); });
+                       PKTHREAD b = ThreadStart("b", [&] { Spin(&never, &rounds[1]); });
+                       ThreadJoin(a);
+                       ThreadJoin(b);
+                     }).Failure;
+  EXPECT_EQ(report.Rule, "livelock");
+  for (const char *part : {"\"a\", an interlocked operation on the rounds of a",
+                           "tests/model/scheduler_test.cpp:", "\"b\", an interlocked operation"}) {
+    EXPECT_NE(report.Text.find(part), std::string::npos) << part << " is missing in\n"
+                                                         << report.Text;
+  }
+}
+
+// The schedule alone kept away who would have ended it.
+TEST(Livelock, AnUnfairScheduleIsNone) {
+  ExploreOptions options;
+  options.MostSteps = 20'000;
+  ExploreResult result = ModelExplore(options, [] {
+    LONG flag = 0;
+    LONG rounds = 0;
+    PKTHREAD a = ThreadStart("a", [&] { Spin(&flag, &rounds); });
+    PKTHREAD b = ThreadStart("b", [&] { InterlockedExchange(&flag, 1); });
+    ThreadJoin(a);
+    ThreadJoin(b);
+  });
+  EXPECT_FALSE(result.Failure.Stopped) << result.Failure.Text;
 }
 
 TEST(Fifo, NobodyIsPreempted) {

@@ -1,10 +1,12 @@
 #include "tests/support/world.h"
 
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "driver/entry.h"
 #include "platform/model/cancel_lock.h"
@@ -40,6 +42,21 @@ PortExtension *WorldPort(World *World) {
   return static_cast<PortExtension *>(device->DeviceExtension);
 }
 
+static void NameForReports(PortExtension *Port) {
+  VerifierName(Port, sizeof(*Port), "the port");
+  VerifierName(&Port->RequestCount, sizeof(LONG), "RequestCount");
+  VerifierName(&Port->OpenCount, sizeof(LONG), "OpenCount");
+  VerifierName(&Port->IdleEvent, sizeof(KEVENT), "IdleEvent");
+  VerifierName(&Port->PortLock, sizeof(KSPIN_LOCK), "lock PortLock");
+  VerifierName(&Port->ClientLock, sizeof(KSPIN_LOCK), "lock ClientLock");
+  VerifierName(&Port->ClientPipe.Lock, sizeof(KSPIN_LOCK), "lock ClientPipe.Lock");
+  VerifierName(&Port->ZkPipe.Lock, sizeof(KSPIN_LOCK), "lock ZkPipe.Lock");
+  VerifierName(&Port->Engine.Lock, sizeof(KSPIN_LOCK), "lock Engine.Lock");
+  VerifierName(&Port->AdmissionLock, sizeof(KSPIN_LOCK), "lock AdmissionLock");
+  VerifierName(&Port->CallDown.Lock, sizeof(KSPIN_LOCK), "lock CallDown.Lock");
+  VerifierName(&Port->Serializer.Lock, sizeof(KSPIN_LOCK), "lock Serializer.Lock");
+}
+
 static void DeclareLockOrder(PortExtension *Port) {
   VerifierDeclareOrder(&Port->ClientLock, CancelLock());
   VerifierDeclareOrder(&Port->ClientPipe.Lock, CancelLock());
@@ -68,6 +85,7 @@ NTSTATUS WorldAdd(World *World, const WorldOptions &Options) {
     return World->AddStatus;
   }
   DeclareLockOrder(WorldPort(World));
+  NameForReports(WorldPort(World));
   return Options.Start ? PnpStart(World->Node) : STATUS_SUCCESS;
 }
 
@@ -111,30 +129,95 @@ void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
-uint64_t ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions,
-                      const WorldOptions &Options) {
-  if (getenv("VORLIX_REPLAY") != nullptr) {
-    RunWorld(Scenario, Options);
-    return 1;
+// A failed expectation ends the run like a rule of the verifier's, so that it is made short,
+// explained and replayed as well, also when another process found it.
+static void StopAtFailure(const testing::TestPartResultArray &Failures, int From) {
+  if (Failures.size() > From) {
+    const testing::TestPartResult &first = Failures.GetTestPartResult(From);
+    VerifierStop("expectation", nullptr, "%s:%d\n%s", first.file_name(), first.line_number(),
+                 first.message());
   }
-  ExploreOptions explore;
+}
+
+static ExploreOptions AskedFor(unsigned Preemptions) {
+  ExploreOptions options;
+  options.Preemptions = Preemptions;
+  options.Workers = std::max(std::thread::hardware_concurrency(), 1u);
   // A slow build (sanitizers) may ask for fewer.
-  const char *most = getenv("VORLIX_PREEMPTIONS");
-  explore.Preemptions =
-      most != nullptr ? std::min(Preemptions, static_cast<unsigned>(atoi(most))) : Preemptions;
-  ExploreResult result = ModelExplore(explore, [&] { Play(Scenario, Options); });
-  EXPECT_FALSE(result.Failure.Stopped)
-      << result.Failure.Text << "\nreplay: " << result.Failure.Replay;
+  if (const char *most = getenv("VORLIX_PREEMPTIONS")) {
+    options.Preemptions = std::min(Preemptions, static_cast<unsigned>(atoi(most)));
+  }
+  const char *asked = getenv("VORLIX_EXPLORE");
+  EXPECT_TRUE(asked == nullptr || ExploreRead(asked, &options)) << "VORLIX_EXPLORE=" << asked;
+  return options;
+}
+
+ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions,
+                           const WorldOptions &Options) {
+  const char *replay = getenv("VORLIX_REPLAY");
+  ExploreOptions asked = AskedFor(Preemptions);
+  ExploreResult result;
+  {
+    testing::TestPartResultArray failures;
+    testing::ScopedFakeTestPartResultReporter reporter(
+        testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
+    auto body = [&] {
+      int before = failures.size();
+      Play(Scenario, Options);
+      StopAtFailure(failures, before);
+    };
+    if (replay == nullptr) {
+      result = ModelExplore(asked, body);
+    } else {
+      result.Failure = ModelRun(ReplayOptions(replay), body);
+      result.Exhausted = true;
+    }
+  }
+  testing::Test::RecordProperty("runs", static_cast<int>(result.Runs));
+  EXPECT_FALSE(result.Failure.Stopped) << result.Failure.Text;
   EXPECT_TRUE(result.Exhausted || result.Failure.Stopped) << "gave up after " << result.Runs;
-  return result.Runs;
+  return result;
+}
+
+std::set<std::string> OutcomesOf(const ExploreResult &Result) {
+  std::set<std::string> outcomes;
+  for (const auto &[outcome, seen] : Result.Outcomes) {
+    outcomes.insert(outcome);
+  }
+  return outcomes;
+}
+
+void ExploreSaw(NTSTATUS Status) {
+  switch (Status) {
+  case STATUS_SUCCESS:
+    return ExploreSaw(std::string("success"));
+  case STATUS_CANCELLED:
+    return ExploreSaw(std::string("cancelled"));
+  case STATUS_DELETE_PENDING:
+    return ExploreSaw(std::string("refused"));
+  case STATUS_DEVICE_NOT_CONNECTED:
+    return ExploreSaw(std::string("gone"));
+  default:
+    return ExploreSaw(std::to_string(static_cast<ULONG>(Status)));
+  }
+}
+
+// Its requests are named after it in reports.
+static NTSTATUS OpenNamed(const std::string &Path, Account Who, HANDLE *Handle, const char *Name) {
+  NTSTATUS status = FileOpen(Path, Who, Handle);
+  if (status == STATUS_SUCCESS) {
+    VerifierName(FileObject(*Handle), sizeof(FILE_OBJECT), Name);
+  }
+  return status;
 }
 
 NTSTATUS OpenClient(World *World) {
-  return FileOpen("\\DosDevices\\" + World->Lower.Name, Account::User, &World->Client);
+  return OpenNamed("\\DosDevices\\" + World->Lower.Name, Account::User, &World->Client, "client");
 }
 
 NTSTATUS OpenZk(World *World) {
-  return FileOpen("\\DosDevices\\VORLIX_" + World->Lower.Name, Account::LocalSystem, &World->Zk);
+  return OpenNamed("\\DosDevices\\VORLIX_" + World->Lower.Name, Account::LocalSystem, &World->Zk,
+                   "ZK");
 }
 
 void CloseClient(World *World) {
@@ -157,7 +240,7 @@ void GoNormal(World *World, bool WithClient) {
     EXPECT_EQ(OpenClient(World), STATUS_SUCCESS);
   }
   EXPECT_EQ(SendCommand(World, COMMAND_SET_MODE, 0, MODE_NORMAL), STATUS_SUCCESS);
-  EXPECT_EQ(NextFrame(World).Header.Code, 0u);
+  EXPECT_EQ(NextFrame(World, 64).Header.Code, 0u);
 }
 
 std::string Io::Text() const {

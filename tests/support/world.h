@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,10 +58,14 @@ PortExtension *WorldPort(World *World);
 
 // Runs a scenario in a world of its own and expects that nothing stopped it.
 void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &Options = {});
-// The same under every schedule with at most Preemptions preemptions inside the scenario's window.
-// Returns the number of schedules.
-uint64_t ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions = 2,
-                      const WorldOptions &Options = {});
+// The same under every schedule with at most Preemptions preemptions inside the scenario's window,
+// or as VORLIX_EXPLORE says (see ExploreRead). The runs are shared among processes: the scenario
+// tells with ExploreSaw how it ended, and a failed expectation ends the exploration.
+ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions = 2,
+                           const WorldOptions &Options = {});
+// What the scenario told, without how often.
+std::set<std::string> OutcomesOf(const ExploreResult &Result);
+void ExploreSaw(NTSTATUS Status);
 
 NTSTATUS OpenClient(World *World);
 NTSTATUS OpenZk(World *World);
