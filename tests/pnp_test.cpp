@@ -209,6 +209,37 @@ TEST(Pnp, RawChildAnswersUnderPressure) {
   });
 }
 
+// Questions that the filter and its child have no answer to, or that are answered already.
+TEST(Pnp, OtherQuestionsAreLeftAlone) {
+  RunWorld([](World *world) {
+    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+    auto ask = [](PDEVICE_OBJECT device, DEVICE_RELATION_TYPE type, ULONG_PTR *answer) {
+      return SendPacket(
+          device, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
+          [=](PIO_STACK_LOCATION s) { s->Parameters.QueryDeviceRelations.Type = type; }, answer);
+    };
+    ULONG_PTR answer = 0;
+    size_t below = LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS);
+    EXPECT_EQ(ask(WorldPort(world)->Header.Device, EjectionRelations, &answer),
+              STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS), below + 1);
+    EXPECT_EQ(ask(control, BusRelations, &answer), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(answer, 0u);
+    answer = 77;
+    EXPECT_EQ(ask(control, TargetDeviceRelation, &answer), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(answer, 77u);
+    answer = 0;
+    FaultArm({FaultPool, 0, 1, false});
+    EXPECT_EQ(ask(control, TargetDeviceRelation, &answer), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(FaultDisarm());
+    EXPECT_EQ(SendPacket(control, IRP_MJ_PNP, IRP_MN_QUERY_ID,
+                         [](PIO_STACK_LOCATION s) {
+                           s->Parameters.QueryId.IdType = BusQueryDeviceSerialNumber;
+                         }),
+              STATUS_NOT_SUPPORTED);
+  });
+}
+
 TEST(Pnp, RelationsWithoutMemoryFailHere) {
   RunWorld([](World *world) {
     size_t below = LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS);

@@ -208,6 +208,9 @@ static NTSTATUS DeliverText(PUNICODE_STRING Destination, const void *Data, size_
 // Bytes that fit a ULONG are stored as they are. More need a buffer that says its size as a
 // negative number in its first LONG; without that the size and the type go in front of the data.
 static NTSTATUS DeliverBytes(void *Destination, ULONG Type, const void *Data, size_t Bytes) {
+  if (Bytes == 0) {
+    return STATUS_SUCCESS;
+  }
   if (Bytes <= sizeof(ULONG)) {
     memcpy(Destination, Data, Bytes);
     return STATUS_SUCCESS;

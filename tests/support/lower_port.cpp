@@ -435,8 +435,9 @@ void LowerFeed(LowerPort *Port, const std::string &Bytes) {
     if (irp == nullptr) {
       return;
     }
-    std::string bytes = TakeInput(Port, IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length);
-    if (bytes.empty()) {
+    ULONG length = IoGetCurrentIrpStackLocation(irp)->Parameters.Read.Length;
+    std::string bytes = TakeInput(Port, length);
+    if (bytes.empty() && length != 0) {
       Hold(Port, irp, true);
     } else {
       Complete(Port, irp, STATUS_SUCCESS, bytes, Port->AtDispatchLevel);
