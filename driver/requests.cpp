@@ -165,8 +165,8 @@ void RestartPnpHeldRequests(PDEVICE_OBJECT Device) {
   while (PIRP irp = TakeHeldRequest(&held)) {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     PDEVICE_OBJECT arrivedAt = stack->DeviceObject;
-    irp->IoStatus.Status = static_cast<NTSTATUS>(
-        reinterpret_cast<LONG_PTR>(irp->Tail.Overlay.DriverContext[0]));
+    irp->IoStatus.Status =
+        static_cast<NTSTATUS>(reinterpret_cast<LONG_PTR>(irp->Tail.Overlay.DriverContext[0]));
     // The dispatch routine counts the request itself; the reference it was parked with ends here.
     arrivedAt->DriverObject->MajorFunction[stack->MajorFunction](arrivedAt, irp);
     ReleaseRequest(Device, irp);
