@@ -21,8 +21,8 @@ TESTS = ["--gtest_brief=1", "--gtest_filter=-Lives.*Threads"]
 def run_all(build):
     """Returns the merged profile and the programs that made it."""
     programs = [[build / "tests/driver_tests", *TESTS]]
-    for corpus in sorted((ROOT / "tests/fuzz/corpus").iterdir()):
-        fuzzer = build / f"tests/fuzz/{corpus.name}_fuzzer"
+    for corpus in sorted((ROOT / "fuzz/corpus").iterdir()):
+        fuzzer = build / f"fuzz/{corpus.name}_fuzzer"
         programs.append([fuzzer, "-runs=0", "-verbosity=0", corpus])
     raw = []
     for number, command in enumerate(programs):

@@ -9,7 +9,7 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DRIVER = ("driver", "lifecycle", "client", "pipes", "controller")
 PLATFORM_ASKS = ("platform", "host", "zkctl")
-SOURCES = DRIVER + ("platform", "host", "zkctl", "tests", "bench")
+SOURCES = DRIVER + ("platform", "host", "zkctl", "tests", "bench", "fuzz")
 
 
 def sources(folders, endings=(".h", ".cpp")):

@@ -1,7 +1,7 @@
 // Registry values of any type, length and content, in the port's device key and in the service key,
 // through loading, attaching, starting, a short use and removal. A second port without the filter
 // is there for names that lead elsewhere.
-#include "tests/fuzz/input.h"
+#include "fuzz/input.h"
 #include "tests/support/world.h"
 
 static const char ServiceKey[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Vorlix";

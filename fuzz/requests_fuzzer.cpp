@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/input.h"
 #include "platform/model/devices.h"
-#include "tests/fuzz/input.h"
 #include "tests/support/world.h"
 
 constexpr size_t ActorCount = 5;

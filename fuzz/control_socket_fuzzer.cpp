@@ -5,11 +5,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "fuzz/input.h"
 #include "host/control_record.h"
 #include "host/control_socket.h"
 #include "host/event_loop.h"
 #include "host/host_log.h"
-#include "tests/fuzz/input.h"
 #include "tests/support/world.h"
 
 constexpr size_t PeerCount = 3;

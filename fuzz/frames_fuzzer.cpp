@@ -9,8 +9,8 @@
 
 #include "controller/frame_format.h"
 #include "driver/event_log.h"
+#include "fuzz/input.h"
 #include "platform/model/thread_object.h"
-#include "tests/fuzz/input.h"
 #include "tests/support/world.h"
 
 constexpr size_t PortCount = 4;  // bit 0: direct I/O; bit 1: a client has it open
