@@ -265,7 +265,8 @@ void DeviceEndChange(PDEVICE_OBJECT Pdo) {
 // counts on finding the same drivers.
 static void RequireChanging(PDEVICE_OBJECT Target) {
   const DeviceShadow *bottom = DeviceShadowOf(BottomOf(Target));
-  if (VerifierOn() && bottom->Node && !bottom->MayChange) {
+  bool guest = Target->AttachedDevice && DeviceShadowOf(Target->AttachedDevice)->Guest;
+  if (VerifierOn() && bottom->Node && !bottom->MayChange && !guest) {
     VerifierStop("device.detached-early", Target,
                  "IoDetachDevice: the stack's device is not being removed");
   }
@@ -283,6 +284,8 @@ static PDEVICE_OBJECT Attach(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetD
   }
   top->AttachedDevice = SourceDevice;
   source->AttachedTo = top;
+  const DeviceShadow *bottom = DeviceShadowOf(BottomOf(top));
+  source->Guest = bottom->Node && !bottom->MayChange;
   SourceDevice->StackSize = static_cast<CCHAR>(top->StackSize + 1);
   SourceDevice->AlignmentRequirement = top->AlignmentRequirement;
   SourceDevice->SectorSize = top->SectorSize;

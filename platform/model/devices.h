@@ -49,6 +49,7 @@ struct alignas(16) DeviceShadow {
   unsigned Opens;             // file objects from handles (not from IoGetDeviceObjectPointer)
   PnpNode *Node;              // of a physical device of the model's bus
   bool MayChange;             // of such a device: drivers are being added or removed
+  bool Guest;                 // attached over a stack by somebody whom its manager did not ask
   UCHAR Reached;              // the last minor function that arrived at the bus, plus 1
   PDEVICE_OBJECT *ListLink;   // what points to it in its driver's list; null when it has left
   const std::string *Name;    // its key among the names
