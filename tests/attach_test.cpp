@@ -69,60 +69,40 @@ TEST(Attach, InheritsFlagsFromTheDeviceBelow) {
   }
 }
 
+struct Settings {
+  ULONG DebugLevel, PacketDump, UseAuxiliary, AutoDetect, Limit;
+};
+
 struct SettingsCase {
   const char *What;
   std::map<std::string, RegistryValue> Values;
-  ULONG DebugLevel, PacketDump, UseAuxiliary, AutoDetect, Limit;
+  Settings Taken;
 };
 
 TEST(PortSettings, TakeTheirFallbacks) {
   const std::vector<SettingsCase> cases = {
-      {"nothing", {}, 0x80000000, 0, 0, 1, 1024},
+      {"nothing", {}, {0x80000000, 0, 0, 1, 1024}},
       {"all given",
        {{"VORLIXDebugLevel", RegistryDword(5)},
         {"VORLIXPacketDump", RegistryDword(2)},
         {"VORLIXUseEdo", RegistryDword(0)},
         {"VORLIXProxyReadLimit", RegistryDword(64)}},
-       5,
-       2,
-       0,
-       0,
-       64},
+       {5, 2, 0, 0, 64}},
       {"a short mask sets its own bytes only",
        {{"VORLIXPacketDump", Bytes({0x34, 0x12})}},
-       0x80000000,
-       0x1234,
-       0,
-       1,
-       1024},
+       {0x80000000, 0x1234, 0, 1, 1024}},
       {"six bytes are read but not taken",
        {{"VORLIXUseEdo", Bytes({1, 0, 0, 0, 0, 0})}},
-       0x80000000,
-       0,
-       0,
-       0,
-       1024},
+       {0x80000000, 0, 0, 0, 1024}},
       {"any number is a choice",
        {{"VORLIXUseEdo", RegistryDword(256)}},
-       0x80000000,
-       0,
-       256,
-       0,
-       1024},
+       {0x80000000, 0, 256, 0, 1024}},
       {"a limit too large to be read is no limit",
        {{"VORLIXProxyReadLimit", {REG_BINARY, std::vector<uint8_t>(64, 1)}}},
-       0x80000000,
-       0,
-       0,
-       1,
-       0},
+       {0x80000000, 0, 0, 1, 0}},
       {"so is one of eight bytes",
        {{"VORLIXProxyReadLimit", Bytes({1, 0, 0, 0, 0, 0, 0, 0})}},
-       0x80000000,
-       0,
-       0,
-       1,
-       0},
+       {0x80000000, 0, 0, 1, 0}},
   };
   for (const SettingsCase &c : cases) {
     SCOPED_TRACE(c.What);
@@ -130,25 +110,14 @@ TEST(PortSettings, TakeTheirFallbacks) {
     options.Values = c.Values;
     Attach(options, [&](World *world) {
       PortExtension *port = WorldPort(world);
-      EXPECT_EQ(port->Header.DebugLevel, c.DebugLevel);
-      EXPECT_EQ(port->Control->Header.DebugLevel, c.DebugLevel);
-      EXPECT_EQ(port->Header.PacketDump, c.PacketDump);
-      EXPECT_EQ(port->UseAuxiliary, c.UseAuxiliary);
-      EXPECT_EQ(port->AuxiliaryAutoDetect, c.AutoDetect);
-      EXPECT_EQ(port->ProxyReadLimit, c.Limit);
+      EXPECT_EQ(port->Header.DebugLevel, c.Taken.DebugLevel);
+      EXPECT_EQ(port->Control->Header.DebugLevel, c.Taken.DebugLevel);
+      EXPECT_EQ(port->Header.PacketDump, c.Taken.PacketDump);
+      EXPECT_EQ(port->UseAuxiliary, c.Taken.UseAuxiliary);
+      EXPECT_EQ(port->AuxiliaryAutoDetect, c.Taken.AutoDetect);
+      EXPECT_EQ(port->ProxyReadLimit, c.Taken.Limit);
     });
   }
-}
-
-static std::u16string Text(PCWSTR Name) {
-  return reinterpret_cast<const char16_t *>(Name);
-}
-
-TEST(PortSettings, TheNameGivesBothDosNames) {
-  Attach({}, [](World *world) {
-    EXPECT_EQ(Text(WorldPort(world)->DosDeviceName), u"\\DosDevices\\COM3");
-    EXPECT_EQ(Text(WorldPort(world)->ControlLinkName), u"\\DosDevices\\VORLIX_COM3");
-  });
 }
 
 TEST(PortSettings, AnUnusablePortNameFailsTheAttach) {
@@ -194,6 +163,11 @@ TEST(PortSettings, NoKeyOrNoNameFailsTheAttach) {
 
 TEST(ControlDevice, NamesAreNeverUsedTwice) {
   Attach({}, [](World *world) {
+    auto text = [](PCWSTR name) {
+      return std::u16string(reinterpret_cast<const char16_t *>(name));
+    };
+    EXPECT_EQ(text(WorldPort(world)->DosDeviceName), u"\\DosDevices\\COM3");
+    EXPECT_EQ(text(WorldPort(world)->ControlLinkName), u"\\DosDevices\\VORLIX_COM3");
     EXPECT_NE(NameLookup("\\Device\\VORLIX1"), nullptr);
     EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), NameLookup("\\Device\\VORLIX1"));
     // A second port of the same name: its link collides, the number is spent, and the first keeps
@@ -215,18 +189,14 @@ TEST(ControlDevice, NamesAreNeverUsedTwice) {
   });
 }
 
-TEST(ControlDevice, OnlyTheSystemOpensIt) {
+TEST(ControlDevice, OnlyTheSystemOpensItAndItsNumberStaysSpent) {
   Attach({}, [](World *world) {
     HANDLE handle;
     for (Account who : {Account::Administrator, Account::User}) {
       EXPECT_EQ(FileOpen("\\DosDevices\\VORLIX_COM3", who, &handle), STATUS_ACCESS_DENIED);
     }
     EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
-  });
-}
-
-TEST(ControlDevice, ARemovedPortsNumberStaysSpent) {
-  Attach({}, [](World *world) {
+    CloseZk(world);
     PnpRemove(world->Node);
     EXPECT_EQ(WorldAdd(world), STATUS_SUCCESS);
     EXPECT_EQ(NameLookup("\\Device\\VORLIX1"), nullptr);
@@ -244,10 +214,8 @@ TEST(Attach, FailuresAreReported) {
     bool ForDevice, Named;
   };
   const Case cases[] = {
-      {{FaultDevice, 0, 2, false},
-       EVENT_NO_FILTER_DEVICE,
-       false,
-       false},  // the first is the port's
+      // The first device is the port's.
+      {{FaultDevice, 0, 2, false}, EVENT_NO_FILTER_DEVICE, false, false},
       {{FaultPool, FourCharacters("ZK19"), 1, false}, EVENT_REFLECTED_PORT, false, false},
       {{FaultPool, FourCharacters("ZK16"), 1, false}, EVENT_NO_CONTROL_DEVICE, true, true},
       {{FaultThread, 0, 1, false}, EVENT_NO_THREAD, true, true},

@@ -42,6 +42,10 @@ TEST_P(ClientIo, IdleIsTransparent) {
           EXPECT_EQ(StartRead(world->Client, &cancelled, 1), STATUS_PENDING);
           EXPECT_TRUE(FileCancel(&cancelled));
           EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
+          lower->How[IRP_MJ_READ] = Behaviour::Queue;
+          LowerFeed(lower, "at once");
+          EXPECT_EQ(StartRead(world->Client, &read, 4096), STATUS_SUCCESS);
+          EXPECT_EQ(read.Text(), "at once");
           EXPECT_EQ(WorldPort(world)->RequestCount, 1);
         },
         options);
@@ -161,6 +165,12 @@ TEST_P(ClientIo, NormalReadsAreServedFromProxyReads) {
           EXPECT_EQ(frame.Header.Tag, static_cast<ULONG>(TAG_LOWER));
           EXPECT_EQ(frame.Payload, "12345");
           EXPECT_EQ(LowerCount(lower, IRP_MJ_READ), 1u);
+          // As of a port that gives no context to an open.
+          WritePointerRelease(&WorldPort(world)->LowerOpenContext, nullptr);
+          EXPECT_EQ(StartRead(world->Client, &read, c.Asked), STATUS_PENDING);
+          EXPECT_FALSE(LowerLast(lower, IRP_MJ_READ).HasFile);
+          LowerFeed(lower, "x");
+          EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
         },
         options);
   }

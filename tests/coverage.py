@@ -28,7 +28,8 @@ def run_all(build):
     for number, command in enumerate(programs):
         raw.append(build / f"coverage.{number}.profraw")
         subprocess.run(command, cwd=ROOT, check=True, stderr=subprocess.DEVNULL,
-                       env={"LLVM_PROFILE_FILE": str(raw[-1]), "VORLIX_PREEMPTIONS": "1"})
+                       env={"LLVM_PROFILE_FILE": str(raw[-1]), "VORLIX_PREEMPTIONS": "1",
+                            "VORLIX_EXPLORE": "workers=1"})
     profile = build / "coverage.profdata"
     subprocess.run(["llvm-profdata-14", "merge", "-sparse", *raw, "-o", profile], check=True)
     return profile, [command[0] for command in programs]

@@ -182,6 +182,29 @@ TEST(Faults, AReadWithoutABufferIsSentLater) {
   }
 }
 
+// Also that of a driver above, without a handle: ZK's read queues behind it until a client opens.
+TEST(Faults, ZksReadBehindOneWithoutABuffer) {
+  RunWorld([](World *world) {
+    LowerPort *lower = &world->Lower;
+    GoNormal(world, false);
+    OwnPacket packet;
+    packet.Bytes = "12345678";
+    FaultArm({FaultPool, FourCharacters("ZK00"), 1, false});
+    EXPECT_EQ(OwnSend(WorldPort(world)->Header.Device, IRP_MJ_READ, &packet),
+              STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_TRUE(FaultDisarm());
+    EXPECT_EQ(OwnWait(&packet), STATUS_INSUFFICIENT_RESOURCES);
+    Io zk;
+    EXPECT_EQ(StartRead(world->Zk, &zk, 64), STATUS_PENDING);
+    EXPECT_EQ(LowerCount(lower, IRP_MJ_READ), 0u);
+    ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+    EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, 8u);
+    LowerFeed(lower, "late");
+    EXPECT_EQ(FileWait(&zk), STATUS_SUCCESS);
+    EXPECT_EQ(DecodeFrame(zk).Payload, "late");
+  });
+}
+
 // Without memory for a call-down entry the reserve serves.
 TEST(Faults, TheCallDownNeedsNoMemory) {
   RunWorld([](World *world) {

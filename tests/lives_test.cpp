@@ -1,10 +1,9 @@
-// Whole lives of a port: everybody at work at once, under random schedules and on real threads, and
-// the port pulled out after every step of a life. Nothing is lost, and nothing is left.
+// Whole lives of a port: everybody at work at once, under random schedules and on real threads,
+// also while the port is pulled out. Nothing is lost, and nothing is left.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <deque>
 #include <random>
 
 #include "tests/support/world.h"
@@ -206,109 +205,5 @@ TEST(Lives, PulledOutOnRealThreads) {
       WorldEnd(&world);
     });
     ASSERT_FALSE(report.Stopped) << report.Text;
-  }
-}
-
-// --- Pulled out after every step ------------------------------------------------------------
-
-struct Steps {
-  ::World World;
-  std::deque<Io> Ios;  // outstanding or finished; addresses stay
-};
-
-static Io *NewIo(Steps *Steps) {
-  return &Steps->Ios.emplace_back();
-}
-
-static void Command(Steps *Steps, ULONG Code, ULONG Argument = 0) {
-  StartWrite(Steps->World.Zk, NewIo(Steps),
-             MakeFrame(FRAME_CONTROL, 0, Code, MakeArgument(Argument)));
-}
-
-using Step = void (*)(Steps *Steps);
-
-static const Step LifeSteps[] = {
-    [](Steps *s) { OpenZk(&s->World); },
-    [](Steps *s) { Command(s, COMMAND_SET_LEVEL, 5); },
-    [](Steps *s) { Command(s, COMMAND_SET_MODE, MODE_NORMAL); },
-    [](Steps *s) { StartRead(s->World.Zk, NewIo(s), 4096); },
-    [](Steps *s) { OpenClient(&s->World); },
-    [](Steps *s) { StartRead(s->World.Client, NewIo(s), 4); },
-    [](Steps *s) { StartRead(s->World.Client, NewIo(s), 4); },
-    [](Steps *s) { LowerFeed(&s->World.Lower, "abcdefgh"); },
-    [](Steps *s) { StartRead(s->World.Client, NewIo(s), 4); },
-    [](Steps *s) { StartWrite(s->World.Client, NewIo(s), "out"); },
-    [](Steps *s) {
-      StartControl(s->World.Client, NewIo(s), CTL_CODE(FILE_DEVICE_SERIAL_PORT, 7, 0, 0));
-    },
-    [](Steps *s) { Command(s, COMMAND_LOCK_STREAM); },
-    [](Steps *s) { StartWrite(s->World.Client, NewIo(s), "parked"); },
-    [](Steps *s) { StartRead(s->World.Client, NewIo(s), 4); },
-    [](Steps *s) {
-      for (int i = 0; i < 4; ++i) {
-        StartRead(s->World.Zk, NewIo(s), 4096);
-      }
-    },
-    [](Steps *s) { LowerFeed(&s->World.Lower, "locked"); },
-    [](Steps *s) { Command(s, COMMAND_UNLOCK_STREAM); },
-    [](Steps *s) { Command(s, COMMAND_SET_MODE, MODE_IDLE); },
-    [](Steps *s) { StartRead(s->World.Client, NewIo(s), 4); },
-    [](Steps *s) { Command(s, COMMAND_SET_MODE, MODE_NORMAL); },
-    [](Steps *s) { CloseZk(&s->World); },
-    [](Steps *s) { CloseClient(&s->World); },
-};
-constexpr size_t StepCount = sizeof(LifeSteps) / sizeof(LifeSteps[0]);
-
-enum class End { Pulled, ClosedThenRemoved, Unplugged };
-
-static void LifeUpTo(size_t Count, End How, ULONG Buffering, Behaviour Writes) {
-  Steps steps;
-  World *world = &steps.World;
-  WorldOptions options;
-  options.Buffering = Buffering;
-  WorldLoad(world, options);
-  ASSERT_EQ(WorldAdd(world, options), STATUS_SUCCESS);
-  world->Lower.How[IRP_MJ_WRITE] = Writes;
-  for (size_t i = 0; i < Count; ++i) {
-    LifeSteps[i](&steps);
-  }
-  if (How == End::Pulled) {
-    // What is down at the port holds the removal until the port gives it back.
-    PKTHREAD puller = ThreadStart("pull", [&] { PnpSurpriseRemove(world->Node); });
-    ThreadSettle();
-    while (LowerFinish(&world->Lower, IRP_MJ_WRITE, STATUS_DEVICE_NOT_CONNECTED) ||
-           LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_DEVICE_NOT_CONNECTED)) {
-    }
-    ThreadJoin(puller);
-  } else if (How == End::Unplugged) {
-    PnpRemove(world->Node, true);
-    world->Node = nullptr;
-  }
-  CloseClient(world);
-  CloseZk(world);
-  while (How == End::ClosedThenRemoved && LowerFinish(&world->Lower, IRP_MJ_WRITE)) {
-  }
-  for (Io &io : steps.Ios) {
-    if (!FileDone(&io)) {
-      FileCancel(&io);
-    }
-    FileWait(&io);
-  }
-  WorldEnd(world);
-}
-
-TEST(Lives, EndedAfterEveryStep) {
-  for (End how : {End::Pulled, End::ClosedThenRemoved, End::Unplugged}) {
-    for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
-      for (Behaviour writes : {Behaviour::Inline, Behaviour::Pend}) {
-        for (size_t count = 0; count <= StepCount; ++count) {
-          RunReport report = ModelRun({}, [&] { LifeUpTo(count, how, buffering, writes); });
-          ASSERT_FALSE(report.Stopped)
-              << "end " << static_cast<int>(how) << " buffering " << buffering << " writes "
-              << static_cast<int>(writes) << " after step " << count << "\n"
-              << report.Text;
-        }
-      }
-    }
   }
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <utility>
 
 #include "driver/event_log.h"
 #include "tests/support/world.h"
@@ -558,23 +559,32 @@ TEST(Pnp, ARemovalWaitsForWhatIsDown) {
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
-TEST(Pnp, TwoPortsLiveApart) {
+// A close that no open came before gives nothing back: the next handle keeps the filter device.
+TEST(Pnp, ACloseWithoutAnOpen) {
   RunWorld([](World *world) {
-    World other;
-    other.Driver = world->Driver;
-    other.PortDriver = world->PortDriver;
-    other.Lower.Name = "COM4";
-    ASSERT_EQ(WorldAdd(&other), STATUS_SUCCESS);
-    GoNormal(world);
-    GoNormal(&other);
-    Io write;
-    StartWrite(other.Client, &write, "four");
-    EXPECT_EQ(NextFrame(&other).Payload, "four");
-    EXPECT_EQ(LowerWritten(&world->Lower), "");
-    CloseClient(&other);
-    CloseZk(&other);
-    PnpRemove(other.Node);
-    StartWrite(world->Client, &write, "three");
-    EXPECT_EQ(NextFrame(world).Payload, "three");
+    FILE_OBJECT file = {};
+    file.DeviceObject = WorldPort(world)->ControlDevice;
+    EXPECT_EQ(SendPacket(file.DeviceObject, IRP_MJ_CLOSE, 0,
+                         [&](PIO_STACK_LOCATION stack) { stack->FileObject = &file; }),
+              STATUS_ACCESS_DENIED);
+    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+    PnpRemove(std::exchange(world->Node, nullptr), true);
+    EXPECT_NE(DeviceCount(world->Driver), 0u);
   });
+}
+
+// The auxiliary device takes requests to the device that it is over and, when ZK closes, to the
+// port: it has room for the deeper of the two stacks.
+TEST(Pnp, AnAuxiliaryDeviceOverADeepStack) {
+  WorldOptions options;
+  options.Name = DosName::SameDriver;
+  options.Start = false;
+  RunWorld(
+      [](World *world) {
+        world->Outside.Device->StackSize = 20;
+        ASSERT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
+        ASSERT_NE(world->Outside.Device->AttachedDevice, nullptr);
+        EXPECT_EQ(world->Outside.Device->AttachedDevice->StackSize, 21);
+      },
+      options);
 }

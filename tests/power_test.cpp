@@ -78,7 +78,6 @@ static const PassRow PassRows[] = {
     {IRP_MN_QUERY_POWER, DevicePowerState, 4, STATUS_SUCCESS, "F> F+ L> L+ B> B+ ."},
     {IRP_MN_QUERY_POWER, SystemPowerState, 4, STATUS_SUCCESS, "F> F+ L> L+ B> B+ ."},
     {IRP_MN_SET_POWER, DevicePowerState, 2, STATUS_SUCCESS, "F> F!2 F+ L> L+ B> B!2 B+ ."},
-    {IRP_MN_SET_POWER, DevicePowerState, 4, STATUS_SUCCESS, "F> F!4 F+ L> L+ B> B!4 B+ ."},
     {IRP_MN_SET_POWER, DevicePowerState, 1, STATUS_SUCCESS, "F> F+ L> L+ B> B!1 B+ ."},
     {IRP_MN_SET_POWER, SystemPowerState, 4, STATUS_NOT_SUPPORTED, "F> F+ L> L+ B> B+ ."},
     {IRP_MN_SET_POWER, 7, 4, STATUS_NOT_SUPPORTED, "F> F+ L> L+ B> B+ ."},
@@ -87,13 +86,13 @@ static const PassRow PassRows[] = {
     {0x55, DevicePowerState, 4, STATUS_NOT_SUPPORTED, "F> F+ L> L+ B> B+ ."},
 };
 
-static void PassAll(World *World, Life When, KIRQL Irql) {
+static void PassAll(World *World, Life When) {
   for (const PassRow &row : PassRows) {
     SCOPED_TRACE(testing::Message() << static_cast<int>(row.Minor) << " " << row.Type << " "
                                     << row.State << " life " << static_cast<int>(When));
     Steps(World);
     bool tracked = When != Life::NotStarted;
-    PowerRequest request = Request(row.Minor, row.Type, row.State, Irql);
+    PowerRequest request = Request(row.Minor, row.Type, row.State, DISPATCH_LEVEL);
     PowerBegin(Filter(World), &request);
     PowerWait(&request);
     // Before the first start nothing is followed, and any set request is a success.
@@ -114,22 +113,20 @@ static void PassAll(World *World, Life When, KIRQL Irql) {
 }
 
 TEST(Power, TheFilterPasses) {
-  for (KIRQL irql : {static_cast<KIRQL>(PASSIVE_LEVEL), static_cast<KIRQL>(DISPATCH_LEVEL)}) {
-    for (Life when : {Life::NotStarted, Life::Started, Life::Stopped, Life::Surprised}) {
-      WorldOptions options;
-      options.Start = when != Life::NotStarted;
-      RunWorld(
-          [=](World *world) {
-            if (when == Life::Stopped) {
-              ASSERT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
-              ASSERT_EQ(PnpStop(world->Node), STATUS_SUCCESS);
-            } else if (when == Life::Surprised) {
-              PnpSurpriseRemove(world->Node);
-            }
-            PassAll(world, when, irql);
-          },
-          options);
-    }
+  for (Life when : {Life::NotStarted, Life::Started, Life::Stopped, Life::Surprised}) {
+    WorldOptions options;
+    options.Start = when != Life::NotStarted;
+    RunWorld(
+        [=](World *world) {
+          if (when == Life::Stopped) {
+            ASSERT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
+            ASSERT_EQ(PnpStop(world->Node), STATUS_SUCCESS);
+          } else if (when == Life::Surprised) {
+            PnpSurpriseRemove(world->Node);
+          }
+          PassAll(world, when);
+        },
+        options);
   }
 }
 
@@ -156,36 +153,36 @@ TEST(Power, EveryChangeOfDeviceState) {
 // --- A port that takes its time, or fails ---------------------------------------------------
 
 // Until the port's driver is done nothing is reported or stored, and the next one waits.
+static void RiseAboveAPendingPort(World *World, NTSTATUS Result) {
+  LowerPort *lower = &World->Lower;
+  ASSERT_EQ(PnpSetDevicePower(Filter(World), PowerDeviceD3), STATUS_SUCCESS);
+  lower->How[IRP_MJ_POWER] = Behaviour::Pend;
+  lower->AtDispatchLevel = Result == STATUS_SUCCESS;
+  Steps(World);
+  PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
+  PowerRequest next = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD2);
+  EXPECT_TRUE(PowerBegin(Filter(World), &rise));
+  EXPECT_FALSE(PowerBegin(Filter(World), &next));
+  ThreadSettle();
+  EXPECT_EQ(Steps(World), "F> L> ");
+  EXPECT_EQ(Stored(World), static_cast<ULONG>(PowerDeviceD3));
+  EXPECT_EQ(WorldPort(World)->PowerRequestCount, 2);
+  EXPECT_TRUE(LowerFinish(lower, IRP_MJ_POWER, Result));
+  // Whatever came of it, the state is the one that was asked for.
+  EXPECT_EQ(Steps(World), Result == STATUS_SUCCESS ? "L+ B> B!1 B+ F!1 F+ ." : "L+ F!1 F+ .");
+  EXPECT_EQ(PowerWait(&rise), Result);
+  EXPECT_EQ(rise.Returned, STATUS_PENDING);
+  EXPECT_EQ(Stored(World), static_cast<ULONG>(PowerDeviceD0));
+  ThreadSettle();
+  EXPECT_EQ(Steps(World), "F> F!3 F+ L> ");
+  EXPECT_EQ(WorldPort(World)->PowerRequestCount, 1);
+  EXPECT_TRUE(LowerFinish(lower, IRP_MJ_POWER));
+  EXPECT_EQ(PowerWait(&next), STATUS_SUCCESS);
+}
+
 TEST(Power, ARiseThatPendsBelow) {
-  for (bool dispatch : {false, true}) {
-    for (NTSTATUS result : {STATUS_SUCCESS, STATUS_IO_DEVICE_ERROR}) {
-      RunWorld([=](World *world) {
-        LowerPort *lower = &world->Lower;
-        ASSERT_EQ(PnpSetDevicePower(Filter(world), PowerDeviceD3), STATUS_SUCCESS);
-        lower->How[IRP_MJ_POWER] = Behaviour::Pend;
-        lower->AtDispatchLevel = dispatch;
-        Steps(world);
-        PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
-        PowerRequest next = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD2);
-        EXPECT_TRUE(PowerBegin(Filter(world), &rise));
-        EXPECT_FALSE(PowerBegin(Filter(world), &next));
-        ThreadSettle();
-        EXPECT_EQ(Steps(world), "F> L> ");
-        EXPECT_EQ(Stored(world), static_cast<ULONG>(PowerDeviceD3));
-        EXPECT_EQ(WorldPort(world)->PowerRequestCount, 2);
-        EXPECT_TRUE(LowerFinish(lower, IRP_MJ_POWER, result));
-        // Whatever came of it, the state is the one that was asked for.
-        EXPECT_EQ(Steps(world), result == STATUS_SUCCESS ? "L+ B> B!1 B+ F!1 F+ ." : "L+ F!1 F+ .");
-        EXPECT_EQ(PowerWait(&rise), result);
-        EXPECT_EQ(rise.Returned, STATUS_PENDING);
-        EXPECT_EQ(Stored(world), static_cast<ULONG>(PowerDeviceD0));
-        ThreadSettle();
-        EXPECT_EQ(Steps(world), "F> F!3 F+ L> ");
-        EXPECT_EQ(WorldPort(world)->PowerRequestCount, 1);
-        EXPECT_TRUE(LowerFinish(lower, IRP_MJ_POWER));
-        EXPECT_EQ(PowerWait(&next), STATUS_SUCCESS);
-      });
-    }
+  for (NTSTATUS result : {STATUS_SUCCESS, STATUS_IO_DEVICE_ERROR}) {
+    RunWorld([=](World *world) { RiseAboveAPendingPort(world, result); });
   }
 }
 
@@ -210,19 +207,6 @@ TEST(Power, OthersThatPendBelow) {
     for (PowerRequest &request : requests) {
       PowerWait(&request);
     }
-  });
-}
-
-TEST(Power, APortThatFails) {
-  RunWorld([](World *world) {
-    world->Lower.Result[IRP_MJ_POWER] = STATUS_IO_DEVICE_ERROR;
-    EXPECT_EQ(PnpSetDevicePower(Filter(world), PowerDeviceD3), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(Steps(world), "F> F!4 F+ L> L+ .");
-    EXPECT_EQ(PnpSetDevicePower(Filter(world), PowerDeviceD1), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(Steps(world), "F> L> L+ F!2 F+ .");
-    EXPECT_EQ(Stored(world), static_cast<ULONG>(PowerDeviceD1));
-    EXPECT_EQ(PnpQueryDevicePower(Filter(world), PowerDeviceD3), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(WorldPort(world)->PowerRequestCount, 1);
   });
 }
 
@@ -257,30 +241,6 @@ TEST(Power, RefusedOnceTheRemovalHasCome) {
   });
 }
 
-// A removal waits for no power request. A rise that is still below when everything of the port is
-// gone comes back to a device that is there.
-TEST(Power, ARiseOutlivesThePort) {
-  RunWorld([](World *world) {
-    LowerPort *lower = &world->Lower;
-    ASSERT_EQ(PnpSetDevicePower(Filter(world), PowerDeviceD3), STATUS_SUCCESS);
-    lower->How[IRP_MJ_POWER] = Behaviour::Deaf;
-    PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
-    PowerBegin(Filter(world), &rise);
-    lower->How[IRP_MJ_PNP] = Behaviour::Deaf;
-    PKTHREAD remover = ThreadStart("remove", [&] { PnpRemove(world->Node); });
-    ThreadSettle();
-    EXPECT_EQ(DeviceCount(world->Driver), 0u);
-    EXPECT_FALSE(PowerDone(&rise));
-    uint64_t reports = PowerReports();
-    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_POWER, STATUS_DEVICE_NOT_CONNECTED));
-    EXPECT_EQ(PowerWait(&rise), STATUS_DEVICE_NOT_CONNECTED);
-    EXPECT_EQ(PowerReports(), reports + 1);
-    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_PNP));
-    ThreadJoin(remover);
-    world->Node = nullptr;
-  });
-}
-
 // The port's driver keeps the removal until the window is closed, so that it is the filter alone
 // that goes in it.
 static void RemoveAgainst(World *World, const std::function<void()> &Other) {
@@ -296,40 +256,40 @@ static void RemoveAgainst(World *World, const std::function<void()> &Other) {
   World->Node = nullptr;
 }
 
+// A removal waits for no power request: a rise may end when everything of the port is gone, and
+// comes back to a device that is there.
 TEST(PowerRaces, RemovalAgainstTheEndOfARise) {
-  for (bool dispatch : {false, true}) {
-    ExploreWorld(
-        [=](World *world) {
-          LowerPort *lower = &world->Lower;
-          PnpSetDevicePower(Filter(world), PowerDeviceD3);
-          lower->How[IRP_MJ_POWER] = Behaviour::Deaf;
-          lower->AtDispatchLevel = dispatch;
-          PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
-          PowerBegin(Filter(world), &rise);
-          uint64_t reports = PowerReports();
-          RemoveAgainst(world, [&] { LowerFinish(lower, IRP_MJ_POWER); });
-          EXPECT_EQ(PowerWait(&rise), STATUS_SUCCESS);
-          EXPECT_EQ(PowerReports(), reports + 2);  // the bus's and the filter's
-        },
-        1);
-  }
+  auto scenario = [](World *world) {
+    LowerPort *lower = &world->Lower;
+    PnpSetDevicePower(Filter(world), PowerDeviceD3);
+    lower->How[IRP_MJ_POWER] = Behaviour::Deaf;
+    lower->AtDispatchLevel = true;
+    PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
+    PowerBegin(Filter(world), &rise);
+    uint64_t reports = PowerReports();
+    RemoveAgainst(world, [&] {
+      ExploreSaw(DeviceCount(world->Driver) == 0 ? "gone" : "there");
+      LowerFinish(lower, IRP_MJ_POWER);
+    });
+    EXPECT_EQ(PowerWait(&rise), STATUS_SUCCESS);
+    EXPECT_EQ(PowerReports(), reports + 2);  // the bus's and the filter's
+  };
+  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 1)), (std::set<std::string>{"gone", "there"}));
 }
 
 // ZK's handle keeps the filter device. Without one, a request that was directed at the device but
 // has not entered the driver when the device goes is beyond any driver.
 TEST(PowerRaces, RemovalAgainstARise) {
-  ExploreResult result = ExploreWorld(
-      [&](World *world) {
-        ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
-        PnpSetDevicePower(Filter(world), PowerDeviceD3);
-        PortExtension *port = WorldPort(world);
-        PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
-        RemoveAgainst(world, [&] { PowerBegin(world->Lower.Lower, &rise); });
-        ExploreSaw(PowerWait(&rise));
-        EXPECT_EQ(port->PowerRequestCount, 1);
-      },
-      1);
-  EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"success", "refused"}));
+  auto scenario = [](World *world) {
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    PnpSetDevicePower(Filter(world), PowerDeviceD3);
+    PortExtension *port = WorldPort(world);
+    PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
+    RemoveAgainst(world, [&] { PowerBegin(world->Lower.Lower, &rise); });
+    ExploreSaw(PowerWait(&rise));
+    EXPECT_EQ(port->PowerRequestCount, 1);
+  };
+  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 1)), (std::set<std::string>{"success", "refused"}));
 }
 
 // --- Devices without power ------------------------------------------------------------------

@@ -51,6 +51,16 @@ static void LockAndUnlock(World *World) {
   EXPECT_EQ(SendCommand(World, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
 }
 
+// Two parties, in every order within the bounds.
+static void Against(const std::function<void()> &One, const std::function<void()> &Other) {
+  PKTHREAD one = ThreadStart("one", One);
+  PKTHREAD other = ThreadStart("other", Other);
+  ExploreWindow(true);
+  ThreadJoin(one);
+  ThreadJoin(other);
+  ExploreWindow(false);
+}
+
 static uint64_t Blocks(ULONG Tag) {
   return PoolCount(Tag).Blocks;
 }
@@ -173,12 +183,7 @@ TEST(ProxyRead, AStopAgainstTheClientsClose) {
         LowerPort *lower = &world->Lower;
         Io read;
         ReadInFlight(world, Behaviour::Pend, &read);
-        PKTHREAD locker = ThreadStart("lock", [&] { SendCommand(world, COMMAND_LOCK_STREAM); });
-        PKTHREAD closer = ThreadStart("close", [&] { CloseClient(world); });
-        ExploreWindow(true);
-        ThreadJoin(locker);
-        ThreadJoin(closer);
-        ExploreWindow(false);
+        Against([=] { SendCommand(world, COMMAND_LOCK_STREAM); }, [=] { CloseClient(world); });
         EXPECT_EQ(FileWait(&read), STATUS_CANCELLED);
         EXPECT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
         EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
@@ -245,6 +250,25 @@ TEST(ProxyRead, BytesThatComeInIdleAreDropped) {
     CloseClient(world);
     CloseZk(world);
   });
+}
+
+// A client's read that NORMAL's end overtakes waits, since ZK is still there, for ZK's close, which
+// hands it down.
+TEST(ProxyRead, AReadAgainstTheEndOfNormal) {
+  ExploreWorld(
+      [](World *world) {
+        GoNormal(world);
+        Io read;
+        Against([&] { StartRead(world->Client, &read, 8); },
+                [=] { SendCommand(world, COMMAND_SET_MODE, 0, MODE_IDLE); });
+        // A stop that overtakes the engine's read on its way down ends the read that asked for it.
+        bool stopped = FileDone(&read);
+        CloseZk(world);
+        LowerFeed(&world->Lower, "port");
+        EXPECT_EQ(FileWait(&read), stopped ? STATUS_CANCELLED : STATUS_SUCCESS);
+        EXPECT_EQ(read.Text(), stopped ? "" : "port");
+      },
+      1);
 }
 
 // The client drives the reads, and each uses up one of ZK's requests, since ZK gets its copy.
@@ -318,12 +342,8 @@ TEST(ProxyRead, AStopAgainstAReadThatIsNotSent) {
             LowerFeed(lower, "a");
             ThreadSettle();
           }
-          PKTHREAD feeder = ThreadStart("feed", [=] { LowerFeed(lower, dead ? "b" : "abc"); });
-          PKTHREAD locker = ThreadStart("lock", [=] { SendCommand(world, COMMAND_LOCK_STREAM); });
-          ExploreWindow(true);
-          ThreadJoin(feeder);
-          ThreadJoin(locker);
-          ExploreWindow(false);
+          Against([=] { LowerFeed(lower, dead ? "b" : "abc"); },
+                  [=] { SendCommand(world, COMMAND_LOCK_STREAM); });
           ThreadSettle();
           FaultDisarm();
           EXPECT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
@@ -338,4 +358,26 @@ TEST(ProxyRead, AStopAgainstAReadThatIsNotSent) {
         },
         1);
   }
+}
+
+// ZK's cleanup leaves its request to a read that is then not sent, while ZK's close waits for it.
+TEST(ProxyRead, ZksCloseAgainstAReadThatIsNotSent) {
+  WorldOptions options;
+  options.Values["VORLIXProxyReadLimit"] = RegistryDword(1);
+  ExploreWorld(
+      [](World *world) {
+        LowerPort *lower = &world->Lower;
+        GoNormal(world, false);
+        std::vector<Io> reads = StartReads(world->Zk, 3, 64);
+        ThreadSettle();
+        FaultArm({FaultWait, 0, 1, false});
+        LowerFeed(lower, "a");  // the thread sends the second and dies
+        ThreadSettle();
+        EXPECT_TRUE(FaultDisarm());
+        Against([=] { LowerFeed(lower, "b"); }, [=] { CloseZk(world); });
+        FileWait(&reads[1]);
+        EXPECT_EQ(FileWait(&reads[2]), STATUS_CANCELLED);
+        EXPECT_EQ(Blocks(POOL_PROXY_ZK_REQUEST) + Blocks(POOL_CALL_DOWN), 0u);
+      },
+      1, options);
 }

@@ -81,24 +81,6 @@ TEST(Devices, AttachGoesToTheTop) {
   });
 }
 
-TEST(Devices, EntryRoutineFindsItsPathAndMayFail) {
-  static std::string path;
-  ExpectClean([] {
-    NTSTATUS status;
-    auto entry = [](PDRIVER_OBJECT Driver, PUNICODE_STRING Path) {
-      for (USHORT i = 0; i < Path->Length / 2; ++i) {
-        path += static_cast<char>(Path->Buffer[i]);
-      }
-      EXPECT_EQ(Driver->DriverExtension->DriverObject, Driver);
-      return STATUS_UNSUCCESSFUL;
-    };
-    path.clear();
-    EXPECT_EQ(DriverLoad("Refuser", entry, &status), nullptr);
-    EXPECT_EQ(status, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(path, "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Refuser");
-  });
-}
-
 // ---- interfaces ----
 
 static const GUID SomeClass = {0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 8}};
@@ -135,21 +117,22 @@ TEST(Devices, InterfaceStates) {
 
 // ---- what the verifier stops ----
 
+static PDEVICE_OBJECT MakeDeleted() {
+  TwoLoad();
+  PDEVICE_OBJECT device = Make("\\Device\\X");
+  IoDeleteDevice(device);
+  return device;
+}
+
 static const BadRoutine BadDrivers[] = {
-    {"deleted twice", "device.not-live",
-     [] {
-       TwoLoad();
-       PDEVICE_OBJECT device = Make("\\Device\\X");
-       IoDeleteDevice(device);
-       IoDeleteDevice(device);
-     }},
+    {"deleted twice", "device.not-live", [] { IoDeleteDevice(MakeDeleted()); }},
     {"deleted twice while referenced", "device.deleted-twice",
      [] {
        TwoLoad();
-       PDEVICE_OBJECT device = Make("\\Device\\X");
-       ObReferenceObject(device);
-       IoDeleteDevice(device);
-       IoDeleteDevice(device);
+       IoDetachDevice(Two.Lower);
+       ObReferenceObject(Two.Upper);
+       IoDeleteDevice(Two.Upper);
+       IoDeleteDevice(Two.Upper);
      }},
     {"deleted while attached", "device.delete-attached",
      [] {
@@ -203,12 +186,7 @@ static const BadRoutine BadDrivers[] = {
        TwoUnload();
      }},
     {"event for a dead device", "event-log.object",
-     [] {
-       TwoLoad();
-       PDEVICE_OBJECT device = Make("\\Device\\X");
-       IoDeleteDevice(device);
-       IoAllocateErrorLogEntry(device, 64);
-     }},
+     [] { IoAllocateErrorLogEntry(MakeDeleted(), 64); }},
     {"event string without an end", "event-log.string",
      [] {
        TwoLoad();
@@ -240,8 +218,7 @@ TEST(Devices, EventsAreRecorded) {
     entry->NumberOfStrings = 2;
     entry->StringOffset = sizeof(IO_ERROR_LOG_PACKET);
     memcpy(reinterpret_cast<char *>(entry) + entry->StringOffset,
-           L"\x20AC"
-           L"1\0"
+           L"\u20AC1\0"
            L"22",
            12);
     IoWriteErrorLogEntry(entry);

@@ -2,16 +2,14 @@
 #include <memory>
 #include <vector>
 
-#include "tests/model/model_run.h"
-
-static const ExecutorKind bothExecutors[] = {ExecutorKind::Fibers, ExecutorKind::Threads};
+#include "tests/model/two_drivers.h"
 
 static NTSTATUS WaitForEver(PVOID object) {
   return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
 }
 
 TEST(Executor, RunsThreadsWithNamesOfTheirOwn) {
-  for (ExecutorKind executor : bothExecutors) {
+  for (ExecutorKind executor : {ExecutorKind::Fibers, ExecutorKind::Threads}) {
     ExpectClean(
         [executor] {
           EXPECT_EQ(ExecutorInUse(), executor);
@@ -28,36 +26,32 @@ TEST(Executor, RunsThreadsWithNamesOfTheirOwn) {
 }
 
 TEST(Executor, SettleWaitsForAllThatCanGoOn) {
-  for (ExecutorKind executor : bothExecutors) {
-    ExpectClean(
-        [] {
-          KSEMAPHORE ping;
-          KSEMAPHORE pong;
-          KeInitializeSemaphore(&ping, 0, 1);
-          KeInitializeSemaphore(&pong, 0, 1);
-          int rounds = 0;
-          PKTHREAD a = ThreadStart("a", [&] {
-            for (int i = 0; i < 100; ++i) {
-              KeReleaseSemaphore(&ping, 0, 1, FALSE);
-              WaitForEver(&pong);
-            }
-            WaitForEver(&pong);
-          });
-          PKTHREAD b = ThreadStart("b", [&] {
-            for (int i = 0; i < 100; ++i) {
-              WaitForEver(&ping);
-              ++rounds;
-              KeReleaseSemaphore(&pong, 0, 1, FALSE);
-            }
-          });
-          ThreadSettle();
-          KeReleaseSemaphore(&pong, 0, 1, FALSE);
-          ThreadJoin(a);
-          ThreadJoin(b);
-          EXPECT_EQ(rounds, 100);
-        },
-        {.Executor = executor});
-  }
+  ExpectCleanOnBoth([] {
+    KSEMAPHORE ping;
+    KSEMAPHORE pong;
+    KeInitializeSemaphore(&ping, 0, 1);
+    KeInitializeSemaphore(&pong, 0, 1);
+    int rounds = 0;
+    PKTHREAD a = ThreadStart("a", [&] {
+      for (int i = 0; i < 100; ++i) {
+        KeReleaseSemaphore(&ping, 0, 1, FALSE);
+        WaitForEver(&pong);
+      }
+      WaitForEver(&pong);
+    });
+    PKTHREAD b = ThreadStart("b", [&] {
+      for (int i = 0; i < 100; ++i) {
+        WaitForEver(&ping);
+        ++rounds;
+        KeReleaseSemaphore(&pong, 0, 1, FALSE);
+      }
+    });
+    ThreadSettle();
+    KeReleaseSemaphore(&pong, 0, 1, FALSE);
+    ThreadJoin(a);
+    ThreadJoin(b);
+    EXPECT_EQ(rounds, 100);
+  });
 }
 
 // A system thread that ends itself from deep within; its object outlives it as long as referenced.
@@ -79,30 +73,25 @@ static void WorkerMain(PVOID context) {
 }
 
 TEST(SystemThreads, TerminateAndAreWaitable) {
-  for (ExecutorKind executor : bothExecutors) {
-    ExpectClean(
-        [] {
-          Worker worker = {};
-          KeInitializeEvent(&worker.Go, NotificationEvent, FALSE);
-          HANDLE handle;
-          ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
-                                         WorkerMain, &worker),
-                    STATUS_SUCCESS);
-          PVOID thread;
-          ASSERT_EQ(ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode,
-                                              &thread, nullptr),
-                    STATUS_SUCCESS);
-          ZwClose(handle);
-          LARGE_INTEGER now = {};
-          EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, &now),
-                    STATUS_TIMEOUT);
-          KeSetEvent(&worker.Go, IO_NO_INCREMENT, FALSE);
-          EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
-          EXPECT_EQ(worker.Steps, 1);
-          ObDereferenceObject(thread);
-        },
-        {.Executor = executor});
-  }
+  ExpectCleanOnBoth([] {
+    Worker worker = {};
+    KeInitializeEvent(&worker.Go, NotificationEvent, FALSE);
+    HANDLE handle;
+    ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+                                   WorkerMain, &worker),
+              STATUS_SUCCESS);
+    PVOID thread;
+    ASSERT_EQ(
+        ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode, &thread, nullptr),
+        STATUS_SUCCESS);
+    ZwClose(handle);
+    LARGE_INTEGER now = {};
+    EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, &now), STATUS_TIMEOUT);
+    KeSetEvent(&worker.Go, IO_NO_INCREMENT, FALSE);
+    EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
+    EXPECT_EQ(worker.Steps, 1);
+    ObDereferenceObject(thread);
+  });
 }
 
 TEST(SystemThreads, NeverEndedIsALeak) {
@@ -137,14 +126,12 @@ TEST(SystemThreads, MayRunBeforeTheirCreatorGoesOn) {
 
 TEST(Executor, LastWaitsEndWithTheClock) {
   ExpectClean([] {
-    auto body = [] {
+    PKTHREAD thread = ThreadStart("sleeper", [] {
       KEVENT never;
       KeInitializeEvent(&never, NotificationEvent, FALSE);
-      LARGE_INTEGER due;
-      due.QuadPart = -10'000'000;
+      LARGE_INTEGER due = {.QuadPart = -10'000'000};
       KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &due);
-    };
-    PKTHREAD thread = ThreadStart("sleeper", body);
+    });
     ObDereferenceObject(thread);  // nobody joins it
   });
 }

@@ -19,6 +19,12 @@ static void TakeBoth(PKSPIN_LOCK first, PKSPIN_LOCK second) {
   KeReleaseSpinLock(first, outer);
 }
 
+static void WaitForNothing() {
+  KEVENT event;
+  KeInitializeEvent(&event, NotificationEvent, TRUE);
+  KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+}
+
 TEST(Locks, RaiseAndRestoreExactly) {
   ExpectClean([] {
     InitializeLocks();
@@ -121,17 +127,13 @@ static const BadRoutine badRoutines[] = {
      }},
     {"wait with a lock held", "lock.held-across",
      [] {
-       KEVENT event;
-       KeInitializeEvent(&event, NotificationEvent, TRUE);
        KeAcquireSpinLockRaiseToDpc(&one);
-       KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+       WaitForNothing();
      }},
     {"wait at raised level", "irql.too-high",
      [] {
-       KEVENT event;
-       KeInitializeEvent(&event, NotificationEvent, TRUE);
        IrqlRaise(DISPATCH_LEVEL);
-       KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+       WaitForNothing();
      }},
     {"run ends with a lock", "lock.held-at-end", [] { KeAcquireSpinLockRaiseToDpc(&one); }},
     {"run ends raised", "irql.not-restored", [] { IrqlRaise(APC_LEVEL); }},
@@ -155,12 +157,11 @@ TEST(Locks, MisuseIsStopped) {
   for (const BadRoutine &bad : badRoutines) {
     // Fresh words for each: an abandoned run leaves its locks as they were.
     one = two = three = {0};
-    static void (*body)();
-    body = bad.Body;
-    ExpectStopped({bad.Name, bad.Rule, [] {
-                     InitializeLocks();
-                     body();
-                   }});
+    std::string rule = RuleOf([&bad] {
+      InitializeLocks();
+      bad.Body();
+    });
+    EXPECT_EQ(rule, bad.Rule) << bad.Name;
   }
 }
 

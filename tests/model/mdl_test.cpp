@@ -116,12 +116,9 @@ static const BadRoutine BadUses[] = {
      [] {
        TwoLoad();
        OnLower = HoldIt;
-       PIRP irp = IoAllocateIrp(2, FALSE);
+       PIRP irp = OwnRead();
        PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, irp);
        MmBuildMdlForNonPagedPool(mdl);
-       IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
-       auto keep = [](PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; };
-       IoSetCompletionRoutine(irp, keep, nullptr, TRUE, TRUE, TRUE);
        IofCallDriver(Two.Upper, irp);
        IoFreeMdl(mdl);
      }},

@@ -60,11 +60,6 @@ static const BadRoutine badRoutines[] = {
        ZwClose(handle);
        ZwClose(handle);
      }},
-    {"close at raised level", "irql.too-high",
-     [] {
-       IrqlRaise(DISPATCH_LEVEL);
-       ZwClose(nullptr);
-     }},
     {"object left", "leak.object", [] { NewObject(); }},
     {"handle left", "leak.handle", [] { ObjectOpenHandle(NewObject(), nullptr); }},
     {"held lock in a deleted object", "lock.freed-held",

@@ -5,20 +5,12 @@
 static unsigned RoutineCalls;
 static PDEVICE_OBJECT RoutineDevice;
 static BOOLEAN RoutinePending;
-static NTSTATUS RoutineResult;
 
-static NTSTATUS Routine(PDEVICE_OBJECT Device, PIRP Irp, PVOID) {
+static NTSTATUS NoteAndKeep(PDEVICE_OBJECT Device, PIRP Irp, PVOID) {
   ++RoutineCalls;
   RoutineDevice = Device;
   RoutinePending = Irp->PendingReturned;
-  if (RoutineResult != STATUS_MORE_PROCESSING_REQUIRED && Irp->PendingReturned) {
-    IoMarkIrpPending(Irp);
-  }
-  return RoutineResult;
-}
-
-static NTSTATUS SendRead() {
-  return SendPacket(Two.Upper, IRP_MJ_READ, 0, nullptr, nullptr, STATUS_SUCCESS);
+  return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
 // ---- completion ----
@@ -48,10 +40,13 @@ TEST(Packets, RoutinesAreCalledByTheirBits) {
     ExpectClean([] {
       TwoLoad();
       RoutineCalls = 0;
-      RoutineResult = STATUS_SUCCESS;
       OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
         IoCopyCurrentIrpStackLocationToNext(Irp);
-        IoGetNextIrpStackLocation(Irp)->CompletionRoutine = Routine;
+        IoGetNextIrpStackLocation(Irp)->CompletionRoutine = [](PDEVICE_OBJECT Device, PIRP Packet,
+                                                               PVOID) {
+          NoteAndKeep(Device, Packet, nullptr);
+          return STATUS_SUCCESS;
+        };
         IoGetNextIrpStackLocation(Irp)->Control = Bits->Control;
         return IofCallDriver(Two.Lower, Irp);
       };
@@ -77,14 +72,13 @@ TEST(Packets, PendingTravelsUpward) {
         IoCopyCurrentIrpStackLocationToNext(Irp);
         return IofCallDriver(Two.Lower, Irp);
       },
-      [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, Routine); },
+      [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, LetGo); },
   };
   for (PDRIVER_DISPATCH upper : uppers) {
     static PDRIVER_DISPATCH current;
     current = upper;
     ExpectCleanOnBoth([] {
       TwoLoad();
-      RoutineResult = STATUS_SUCCESS;
       OnUpper = current;
       OnLower = HoldIt;
       HANDLE handle;
@@ -125,14 +119,7 @@ TEST(Packets, MoreProcessingGivesThePacketBack) {
     TwoLoad();
     OnLower = HoldIt;
     OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-      static KEVENT done;
-      KeInitializeEvent(&done, NotificationEvent, FALSE);
-      auto signal = [](PDEVICE_OBJECT, PIRP, PVOID Context) {
-        KeSetEvent(static_cast<PKEVENT>(Context), IO_NO_INCREMENT, FALSE);
-        return STATUS_MORE_PROCESSING_REQUIRED;
-      };
-      EXPECT_EQ(PassDownWith(Irp, signal, &done), STATUS_PENDING);
-      KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+      PassDownAndWait(Irp);
       return CompleteWith(Irp, STATUS_DEVICE_BUSY);
     };
     PKTHREAD sender = ThreadStart("sender", [] { EXPECT_EQ(SendRead(), STATUS_DEVICE_BUSY); });
@@ -145,18 +132,10 @@ TEST(Packets, MoreProcessingGivesThePacketBack) {
 
 // ---- own packets ----
 
-static PIRP OwnPacket(UCHAR Major = IRP_MJ_READ) {
-  PIRP irp = IoAllocateIrp(Two.Upper->StackSize, FALSE);
-  IoGetNextIrpStackLocation(irp)->MajorFunction = Major;
-  IoSetCompletionRoutine(irp, Routine, nullptr, TRUE, TRUE, TRUE);
-  RoutineResult = STATUS_MORE_PROCESSING_REQUIRED;
-  return irp;
-}
-
 TEST(Packets, OwnPacketComesBackAndIsReused) {
   ExpectCleanOnBoth([] {
     TwoLoad();
-    PIRP irp = OwnPacket();
+    PIRP irp = OwnRead(NoteAndKeep);
     irp->UserBuffer = &Two;
     USHORT size = irp->Size;
     RoutineDevice = Two.Upper;
@@ -176,8 +155,7 @@ TEST(Packets, OwnPacketComesBackAndIsReused) {
     EXPECT_EQ(irp->Size, size);
     EXPECT_EQ(IoGetNextIrpStackLocation(irp)->CompletionRoutine, nullptr);
 
-    IoSetCompletionRoutine(irp, Routine, nullptr, TRUE, TRUE, TRUE);
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_WRITE;
+    AimRead(irp, NoteAndKeep);
     OnLower = HoldIt;
     EXPECT_EQ(IofCallDriver(Two.Upper, irp), STATUS_PENDING);
     CompleteWith(Held, STATUS_SUCCESS);
@@ -194,20 +172,17 @@ TEST(Packets, ResentFromItsRoutine) {
   ExpectClean([] {
     TwoLoad();
     rounds = 0;
-    PIRP irp = IoAllocateIrp(2, FALSE);
     static PIO_COMPLETION_ROUTINE again;
     again = [](PDEVICE_OBJECT, PIRP Irp, PVOID) {
       if (++rounds < 4) {
         OnLower = rounds % 2 ? HoldIt : Succeed;
         IoReuseIrp(Irp, STATUS_SUCCESS);
-        IoSetCompletionRoutine(Irp, again, nullptr, TRUE, TRUE, TRUE);
-        IoGetNextIrpStackLocation(Irp)->MajorFunction = IRP_MJ_READ;
+        AimRead(Irp, again);
         IofCallDriver(Two.Upper, Irp);
       }
       return STATUS_MORE_PROCESSING_REQUIRED;
     };
-    IoSetCompletionRoutine(irp, again, nullptr, TRUE, TRUE, TRUE);
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+    PIRP irp = OwnRead(again);
     EXPECT_EQ(IofCallDriver(Two.Upper, irp), STATUS_SUCCESS);
     CompleteWith(Held, STATUS_SUCCESS);
     CompleteWith(Held, STATUS_SUCCESS);
@@ -221,10 +196,7 @@ TEST(Packets, ResentFromItsRoutine) {
 
 TEST(Packets, CancelTakesTheRoutineOnce) {
   ExpectCleanOnBoth([] {
-    TwoLoad();
-    OnLower = HoldCancellable;
-    PIRP irp = OwnPacket();
-    EXPECT_EQ(IofCallDriver(Two.Upper, irp), STATUS_PENDING);
+    PIRP irp = PlayOwn(PassDown, HoldCancellable);
     EXPECT_TRUE(IoCancelIrp(irp));
     EXPECT_EQ(irp->IoStatus.Status, STATUS_CANCELLED);
     EXPECT_FALSE(IoCancelIrp(irp));
@@ -233,8 +205,7 @@ TEST(Packets, CancelTakesTheRoutineOnce) {
 
     // Cancelled on its way: the driver sees the flag and completes.
     EXPECT_FALSE(IoCancelIrp(irp));
-    IoSetCompletionRoutine(irp, Routine, nullptr, TRUE, TRUE, TRUE);
-    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
+    AimRead(irp);
     EXPECT_EQ(IofCallDriver(Two.Upper, irp), STATUS_CANCELLED);
     IoFreeIrp(irp);
     TwoUnload();
@@ -247,7 +218,7 @@ TEST(Packets, CancelByHandFromAnotherDriver) {
     OnLower = HoldCancellable;
     OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
       IoMarkIrpPending(Irp);
-      PassDownWith(Irp, [](PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_SUCCESS; });
+      PassDownWith(Irp, LetGo);
       KIRQL irql;
       IoAcquireCancelSpinLock(&irql);
       Irp->Cancel = TRUE;
@@ -292,210 +263,165 @@ TEST(Packets, CancelRacesCompletion) {
 
 // ---- what the verifier stops ----
 
-static void Play(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower) {
-  TwoLoad();
-  RoutineResult = STATUS_SUCCESS;
-  OnUpper = Upper;
-  OnLower = Lower;
-  SendRead();
+// What they do with a read.
+static const BadPair BadPairs[] = {
+    {"completes twice", "packet.double-completion", PassDown,
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       CompleteWith(Irp, STATUS_SUCCESS);
+       IofCompleteRequest(Irp, IO_NO_INCREMENT);
+       return STATUS_SUCCESS;
+     }},
+    {"completes what the driver above took back", "packet.double-completion",
+     [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, Keep); },
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       CompleteWith(Irp, STATUS_SUCCESS);
+       IofCompleteRequest(Irp, IO_NO_INCREMENT);
+       return STATUS_SUCCESS;
+     }},
+    {"completes what the driver below holds", "packet.not-owner",
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       IoCopyCurrentIrpStackLocationToNext(Irp);
+       IofCallDriver(Two.Lower, Irp);
+       return CompleteWith(Irp, STATUS_SUCCESS);
+     },
+     HoldIt},
+    {"passes on what it completed", "packet.forward-completed",
+     [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, Keep); },
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       CompleteWith(Irp, STATUS_SUCCESS);
+       return IofCallDriver(Two.Lower, Irp);
+     }},
+    {"completes with STATUS_PENDING", "packet.bad-status", PassDown,
+     [](PDEVICE_OBJECT, PIRP Irp) { return CompleteWith(Irp, STATUS_PENDING); }},
+    {"completes with a cancel routine", "packet.cancel-routine-set", PassDown,
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       IoSetCancelRoutine(Irp, NoRoutine);
+       return CompleteWith(Irp, STATUS_SUCCESS);
+     }},
+    {"passes on with a cancel routine", "packet.cancel-routine-set",
+     [](PDEVICE_OBJECT Device, PIRP Irp) {
+       IoSetCancelRoutine(Irp, NoRoutine);
+       return PassDown(Device, Irp);
+     },
+     Succeed},
+    {"pends without the mark", "packet.pending-not-marked", PassDown,
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       CompleteWith(Irp, STATUS_SUCCESS);
+       return STATUS_PENDING;
+     }},
+    {"marks and returns something else", "packet.marked-not-pending", PassDown,
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       IoMarkIrpPending(Irp);
+       return CompleteWith(Irp, STATUS_SUCCESS);
+     }},
+    {"returns another status", "packet.status-differs", PassDown,
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       CompleteWith(Irp, STATUS_SUCCESS);
+       return STATUS_UNSUCCESSFUL;
+     }},
+    {"loses the packet", "packet.lost", PassDown,
+     [](PDEVICE_OBJECT, PIRP) { return STATUS_SUCCESS; }},
+    {"returns success for what pends below", "packet.returned-early",
+     [](PDEVICE_OBJECT Device, PIRP Irp) {
+       PassDown(Device, Irp);
+       return STATUS_SUCCESS;
+     },
+     HoldIt},
+    {"skips twice", "packet.bad-stack",
+     [](PDEVICE_OBJECT Device, PIRP Irp) {
+       IoSkipCurrentIrpStackLocation(Irp);
+       return PassDown(Device, Irp);
+     },
+     Succeed},
+    {"replaces the buffer", "packet.buffer-changed", PassDown,
+     [](PDEVICE_OBJECT Device, PIRP Irp) {
+       Irp->AssociatedIrp.SystemBuffer = Device->DeviceExtension;
+       return Succeed(Device, Irp);
+     }},
+    {"another's packet freed", "packet.free-foreign", PassDown,
+     [](PDEVICE_OBJECT, PIRP Irp) {
+       IoFreeIrp(Irp);
+       return STATUS_SUCCESS;
+     }},
+    {"calls down with a lock", "lock.held-across",
+     [](PDEVICE_OBJECT Device, PIRP Irp) ANALYSIS_OFF {
+       KIRQL irql;
+       IoAcquireCancelSpinLock(&irql);
+       return PassDown(Device, Irp);
+     },
+     Succeed},
+    {"completes with a lock", "lock.held-across", PassDown,
+     [](PDEVICE_OBJECT Device, PIRP Irp) ANALYSIS_OFF {
+       KIRQL irql;
+       IoAcquireCancelSpinLock(&irql);
+       return Succeed(Device, Irp);
+     }},
+    {"returns at another level", "irql.not-restored", PassDown,
+     [](PDEVICE_OBJECT Device, PIRP Irp) {
+       IrqlRaise(DISPATCH_LEVEL);
+       return Succeed(Device, Irp);
+     }},
+    {"sends to a deleted device", "device.not-live",
+     [](PDEVICE_OBJECT Device, PIRP Irp) {
+       IoDetachDevice(Two.Lower);
+       IoDeleteDevice(Two.Lower);
+       return PassDown(Device, Irp);
+     },
+     Succeed},
+};
+
+static void PlayAndCompleteLater(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower) {
+  ThreadStart("sender", [=] { Play(Upper, Lower); });
+  ThreadSettle();
+  CompleteWith(Held, STATUS_SUCCESS);
 }
 
-static NTSTATUS TakeBack(PDEVICE_OBJECT, PIRP, PVOID) {
-  return STATUS_MORE_PROCESSING_REQUIRED;
+static NTSTATUS ForgetPending(PDEVICE_OBJECT, PIRP, PVOID) {
+  return STATUS_SUCCESS;
 }
 
 static const BadRoutine BadDrivers[] = {
-    {"completes twice", "packet.double-completion",
+    {"pends without the mark, completed later", "packet.pending-not-marked",
      [] {
-       Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
-         CompleteWith(Irp, STATUS_SUCCESS);
-         IofCompleteRequest(Irp, IO_NO_INCREMENT);
-         return STATUS_SUCCESS;
-       });
-     }},
-    {"completes what the driver above took back", "packet.double-completion",
-     [] {
-       Play([](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, TakeBack); },
-            [](PDEVICE_OBJECT, PIRP Irp) {
-              CompleteWith(Irp, STATUS_SUCCESS);
-              IofCompleteRequest(Irp, IO_NO_INCREMENT);
-              return STATUS_SUCCESS;
-            });
-     }},
-    {"completes what the driver below holds", "packet.not-owner",
-     [] {
-       Play(
-           [](PDEVICE_OBJECT, PIRP Irp) {
-             IoCopyCurrentIrpStackLocationToNext(Irp);
-             IofCallDriver(Two.Lower, Irp);
-             return CompleteWith(Irp, STATUS_SUCCESS);
-           },
-           HoldIt);
-     }},
-    {"passes on what it completed", "packet.forward-completed",
-     [] {
-       Play([](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, TakeBack); },
-            [](PDEVICE_OBJECT, PIRP Irp) {
-              CompleteWith(Irp, STATUS_SUCCESS);
-              return IofCallDriver(Two.Lower, Irp);
-            });
-     }},
-    {"completes with STATUS_PENDING", "packet.bad-status",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) { return CompleteWith(Irp, STATUS_PENDING); });
-     }},
-    {"completes with a cancel routine", "packet.cancel-routine-set",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
-         IoSetCancelRoutine(Irp, [](PDEVICE_OBJECT, PIRP) {});
-         return CompleteWith(Irp, STATUS_SUCCESS);
-       });
-     }},
-    {"passes on with a cancel routine", "packet.cancel-routine-set",
-     [] {
-       Play(
-           [](PDEVICE_OBJECT Device, PIRP Irp) {
-             IoSetCancelRoutine(Irp, [](PDEVICE_OBJECT, PIRP) {});
-             return PassDown(Device, Irp);
-           },
-           Succeed);
-     }},
-    {"pends without the mark", "packet.pending-not-marked",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
-         CompleteWith(Irp, STATUS_SUCCESS);
+       PlayAndCompleteLater(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
+         Held = Irp;
          return STATUS_PENDING;
        });
      }},
-    {"pends without the mark, completed later", "packet.pending-not-marked",
-     [] {
-       ThreadStart("sender", [] {
-         Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
-           Held = Irp;
-           return STATUS_PENDING;
-         });
-       });
-       ThreadSettle();
-       CompleteWith(Held, STATUS_SUCCESS);
-     }},
-    {"marks and returns something else", "packet.marked-not-pending",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
-         IoMarkIrpPending(Irp);
-         return CompleteWith(Irp, STATUS_SUCCESS);
-       });
-     }},
-    {"returns another status", "packet.status-differs",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
-         CompleteWith(Irp, STATUS_SUCCESS);
-         return STATUS_UNSUCCESSFUL;
-       });
-     }},
-    {"loses the packet", "packet.lost",
-     [] { Play(PassDown, [](PDEVICE_OBJECT, PIRP) { return STATUS_SUCCESS; }); }},
-    {"returns success for what pends below", "packet.returned-early",
-     [] {
-       Play(
-           [](PDEVICE_OBJECT Device, PIRP Irp) {
-             PassDown(Device, Irp);
-             return STATUS_SUCCESS;
-           },
-           HoldIt);
-     }},
     {"does not carry pending upward", "packet.pending-not-carried",
      [] {
-       ThreadStart("sender", [] {
-         Play(
-             [](PDEVICE_OBJECT, PIRP Irp) {
-               return PassDownWith(Irp, [](PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_SUCCESS; });
-             },
-             HoldIt);
-       });
-       ThreadSettle();
-       CompleteWith(Held, STATUS_SUCCESS);
+       PlayAndCompleteLater(
+           [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, ForgetPending); }, HoldIt);
      }},
     {"copies the routine along", "packet.routine-inherited",
      [] {
-       TwoLoad();
-       OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-         *IoGetNextIrpStackLocation(Irp) = *IoGetCurrentIrpStackLocation(Irp);
-         return IofCallDriver(Two.Lower, Irp);
-       };
-       IofCallDriver(Two.Upper, OwnPacket());
-     }},
-    {"skips twice", "packet.bad-stack",
-     [] {
-       Play(
-           [](PDEVICE_OBJECT Device, PIRP Irp) {
-             IoSkipCurrentIrpStackLocation(Irp);
-             return PassDown(Device, Irp);
+       PlayOwn(
+           [](PDEVICE_OBJECT, PIRP Irp) {
+             *IoGetNextIrpStackLocation(Irp) = *IoGetCurrentIrpStackLocation(Irp);
+             return IofCallDriver(Two.Lower, Irp);
            },
            Succeed);
-     }},
-    {"replaces the buffer", "packet.buffer-changed",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         Irp->AssociatedIrp.SystemBuffer = Device->DeviceExtension;
-         return Succeed(Device, Irp);
-       });
      }},
     {"no stack location", "packet.no-stack",
      [] {
        TwoLoad();
-       OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-         IoSetNextIrpStackLocation(Irp);
-         return STATUS_SUCCESS;
-       };
-       PIRP irp = IoAllocateIrp(1, FALSE);
-       IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_READ;
-       IoSetCompletionRoutine(irp, Routine, nullptr, TRUE, TRUE, TRUE);
        OnUpper = [](PDEVICE_OBJECT, PIRP Irp) { return IofCallDriver(Two.Lower, Irp); };
+       PIRP irp = IoAllocateIrp(1, FALSE);
+       AimRead(irp);
        IofCallDriver(Two.Upper, irp);
      }},
-    {"own packet not kept", "packet.not-reclaimed",
-     [] {
-       TwoLoad();
-       PIRP irp = OwnPacket();
-       RoutineResult = STATUS_SUCCESS;
-       IofCallDriver(Two.Upper, irp);
-     }},
+    {"own packet not kept", "packet.not-reclaimed", [] { PlayOwn(PassDown, Succeed, LetGo); }},
     {"own packet freed and let go", "packet.routine-result",
      [] {
-       TwoLoad();
-       PIRP irp = OwnPacket();
-       IoSetCompletionRoutine(
-           irp,
-           [](PDEVICE_OBJECT, PIRP Irp, PVOID) {
-             IoFreeIrp(Irp);
-             return STATUS_SUCCESS;
-           },
-           nullptr, TRUE, TRUE, TRUE);
-       IofCallDriver(Two.Upper, irp);
-     }},
-    {"own packet freed in flight", "packet.free-in-flight",
-     [] {
-       TwoLoad();
-       OnLower = HoldIt;
-       PIRP irp = OwnPacket();
-       IofCallDriver(Two.Upper, irp);
-       IoFreeIrp(irp);
-     }},
-    {"own packet reused in flight", "packet.reuse-in-flight",
-     [] {
-       TwoLoad();
-       OnLower = HoldIt;
-       PIRP irp = OwnPacket();
-       IofCallDriver(Two.Upper, irp);
-       IoReuseIrp(irp, STATUS_SUCCESS);
-     }},
-    {"another's packet freed", "packet.free-foreign",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
+       PlayOwn(PassDown, Succeed, [](PDEVICE_OBJECT, PIRP Irp, PVOID) {
          IoFreeIrp(Irp);
          return STATUS_SUCCESS;
        });
      }},
+    {"own packet freed in flight", "packet.free-in-flight",
+     [] { IoFreeIrp(PlayOwn(PassDown, HoldIt)); }},
+    {"own packet reused in flight", "packet.reuse-in-flight",
+     [] { IoReuseIrp(PlayOwn(PassDown, HoldIt), STATUS_SUCCESS); }},
     {"own packet freed twice", "packet.double-free",
      [] {
        PIRP irp = IoAllocateIrp(1, FALSE);
@@ -511,64 +437,19 @@ static const BadRoutine BadDrivers[] = {
     {"own packet left", "leak.packet", [] { IoAllocateIrp(1, FALSE); }},
     {"cancel routine keeps the lock", "cancel.lock-held",
      [] {
-       TwoLoad();
-       OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
+       PIRP irp = PlayOwn(PassDown, [](PDEVICE_OBJECT, PIRP Irp) {
          IoMarkIrpPending(Irp);
-         IoSetCancelRoutine(Irp, [](PDEVICE_OBJECT, PIRP) {});
+         IoSetCancelRoutine(Irp, NoRoutine);
          return STATUS_PENDING;
-       };
-       PIRP irp = OwnPacket();
-       IofCallDriver(Two.Upper, irp);
+       });
        IoCancelIrp(irp);
-     }},
-    {"calls down with a lock", "lock.held-across",
-     [] {
-       Play(
-           [](PDEVICE_OBJECT Device, PIRP Irp) ANALYSIS_OFF {
-             KIRQL irql;
-             IoAcquireCancelSpinLock(&irql);
-             return PassDown(Device, Irp);
-           },
-           Succeed);
-     }},
-    {"completes with a lock", "lock.held-across",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT Device, PIRP Irp) ANALYSIS_OFF {
-         KIRQL irql;
-         IoAcquireCancelSpinLock(&irql);
-         return Succeed(Device, Irp);
-       });
-     }},
-    {"returns at another level", "irql.not-restored",
-     [] {
-       Play(PassDown, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         IrqlRaise(DISPATCH_LEVEL);
-         return Succeed(Device, Irp);
-       });
-     }},
-    {"sends to a deleted device", "device.not-live",
-     [] {
-       Play(
-           [](PDEVICE_OBJECT Device, PIRP Irp) {
-             IoDetachDevice(Two.Lower);
-             IoDeleteDevice(Two.Lower);
-             return PassDown(Device, Irp);
-           },
-           Succeed);
-     }},
-    {"starts the next power request twice", "power.next",
-     [] {
-       TwoLoad();
-       OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-         PoStartNextPowerIrp(Irp);
-         PoStartNextPowerIrp(Irp);
-         return CompleteWith(Irp, STATUS_SUCCESS);
-       };
-       PnpSetDevicePower(Two.Upper, PowerDeviceD3);
      }},
 };
 
 TEST(Packets, BadDriversAreStopped) {
+  for (const BadPair &pair : BadPairs) {
+    ExpectPairStopped(pair);
+  }
   for (const BadRoutine &bad : BadDrivers) {
     ExpectStopped(bad);
   }

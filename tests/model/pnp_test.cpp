@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <map>
 
 #include "tests/model/two_drivers.h"
 
@@ -26,44 +26,25 @@ static PortExtension *ExtensionOf(PDEVICE_OBJECT Device) {
   return static_cast<PortExtension *>(Device->DeviceExtension);
 }
 
-static const char *MinorText(UCHAR Minor) {
-  switch (Minor) {
-  case IRP_MN_START_DEVICE:
-    return "start";
-  case IRP_MN_QUERY_REMOVE_DEVICE:
-    return "query-remove";
-  case IRP_MN_CANCEL_REMOVE_DEVICE:
-    return "cancel-remove";
-  case IRP_MN_REMOVE_DEVICE:
-    return "remove";
-  case IRP_MN_SURPRISE_REMOVAL:
-    return "surprise";
-  case IRP_MN_STOP_DEVICE:
-    return "stop";
-  case IRP_MN_QUERY_STOP_DEVICE:
-    return "query-stop";
-  case IRP_MN_CANCEL_STOP_DEVICE:
-    return "cancel-stop";
-  case IRP_MN_QUERY_DEVICE_RELATIONS:
-    return "relations";
-  case IRP_MN_QUERY_CAPABILITIES:
-    return "capabilities";
-  case IRP_MN_QUERY_ID:
-    return "id";
-  case IRP_MN_QUERY_BUS_INFORMATION:
-    return "bus";
-  case IRP_MN_QUERY_PNP_DEVICE_STATE:
-    return "state";
-  case IRP_MN_FILTER_RESOURCE_REQUIREMENTS:
-    return "resources";
-  default:
-    return "other";
-  }
-}
-
 static void Note(const char *Who, PIRP Irp) {
-  Log += std::string(Log.empty() ? "" : " ") + Who +
-         MinorText(IoGetCurrentIrpStackLocation(Irp)->MinorFunction);
+  static const std::map<UCHAR, const char *> names = {
+      {IRP_MN_START_DEVICE, "start"},
+      {IRP_MN_QUERY_REMOVE_DEVICE, "query-remove"},
+      {IRP_MN_CANCEL_REMOVE_DEVICE, "cancel-remove"},
+      {IRP_MN_REMOVE_DEVICE, "remove"},
+      {IRP_MN_SURPRISE_REMOVAL, "surprise"},
+      {IRP_MN_STOP_DEVICE, "stop"},
+      {IRP_MN_QUERY_STOP_DEVICE, "query-stop"},
+      {IRP_MN_CANCEL_STOP_DEVICE, "cancel-stop"},
+      {IRP_MN_QUERY_DEVICE_RELATIONS, "relations"},
+      {IRP_MN_QUERY_CAPABILITIES, "capabilities"},
+      {IRP_MN_QUERY_ID, "id"},
+      {IRP_MN_QUERY_BUS_INFORMATION, "bus"},
+      {IRP_MN_QUERY_PNP_DEVICE_STATE, "state"},
+      {IRP_MN_FILTER_RESOURCE_REQUIREMENTS, "resources"}};
+  auto name = names.find(IoGetCurrentIrpStackLocation(Irp)->MinorFunction);
+  Log +=
+      (Log.empty() ? "" : " ") + std::string(Who) + (name == names.end() ? "other" : name->second);
 }
 
 static PVOID Answer(const void *Bytes, size_t Count) {
@@ -249,6 +230,9 @@ TEST(Pnp, StartFindsAndStartsTheRawChild) {
     EXPECT_TRUE(children[0]->Flags & DO_BUS_ENUMERATED_DEVICE);
     EXPECT_TRUE(PnpChildStarted(node, children[0]));
     PnpAskEverything(node);
+    HANDLE key;
+    EXPECT_EQ(IoOpenDeviceRegistryKey(DeviceTop(PnpPdo(node)), PLUGPLAY_REGKEY_DEVICE, 0, &key),
+              STATUS_INVALID_DEVICE_REQUEST);
     PnpRemove(node);
     Unload();
   });
@@ -350,31 +334,6 @@ TEST(Pnp, OnlyWhatHasStartedIsSurprised) {
   });
 }
 
-// Whatever the order in which they go, everybody's names and devices are found again.
-TEST(Pnp, ManyPortsComeAndGo) {
-  ExpectClean([] {
-    PortDescription port = Load();
-    port.Drivers = {Filter};
-    std::vector<PnpNode *> nodes;
-    for (int i = 0; i < 60; ++i) {
-      nodes.push_back(PnpAdd(port));
-      ASSERT_EQ(PnpStart(nodes.back()), STATUS_SUCCESS);
-    }
-    for (size_t step : {7, 3, 1}) {
-      for (size_t i = 0; i < nodes.size(); i += step) {
-        if (nodes[i]) {
-          PnpRemove(nodes[i]);
-          nodes[i] = nullptr;
-        }
-      }
-      uint64_t left = static_cast<uint64_t>(std::count_if(
-          nodes.begin(), nodes.end(), [](const PnpNode *node) { return node != nullptr; }));
-      EXPECT_EQ(DeviceCount(Filter), left);
-    }
-    Unload();
-  });
-}
-
 TEST(Pnp, RemovalGoesToChildrenFirst) {
   ExpectClean([] {
     PnpNode *node = PnpAdd(Load());
@@ -385,7 +344,10 @@ TEST(Pnp, RemovalGoesToChildrenFirst) {
     Refused = IRP_MN_QUERY_REMOVE_DEVICE;
     EXPECT_EQ(PnpQueryRemove(node), STATUS_DEVICE_BUSY);
     PnpSurpriseRemove(node);
+    EXPECT_EQ(VerifierWarnings("pnp.child-must-succeed"), 0u);
+    Refused = IRP_MN_REMOVE_DEVICE;
     PnpRemove(node);
+    EXPECT_EQ(VerifierWarnings("pnp.child-must-succeed"), 1u);
     EXPECT_EQ(Log,
               "c:query-remove f:query-remove f:cancel-remove c:cancel-remove c:query-remove "
               "c:cancel-remove c:surprise f:surprise c:remove f:remove");
@@ -440,91 +402,37 @@ TEST(Pnp, FailuresLeaveNothing) {
   });
 }
 
-TEST(Pnp, UnknownRequestsComeBackAsTheyWere) {
-  ExpectClean([] {
-    PnpNode *node = PnpAdd(Load());
-    ULONG_PTR information = 0;
-    EXPECT_EQ(PnpSend(PnpPdo(node), IRP_MN_QUERY_DEVICE_TEXT, &information), STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(information, 0u);
-    PnpRemove(node);
-    Unload();
-  });
-}
-
-TEST(Pnp, HardwareKeyOfThePort) {
-  ExpectClean([] {
-    PortDescription port = Load();
-    PnpNode *node = PnpAdd(port);
-    HANDLE key;
-    EXPECT_EQ(IoOpenDeviceRegistryKey(PnpPdo(node), PLUGPLAY_REGKEY_DEVICE, READ_CONTROL, &key),
-              STATUS_SUCCESS);
-    Wide name("portname");
-    UCHAR buffer[64];
-    ULONG length;
-    EXPECT_EQ(ZwQueryValueKey(key, &name.String, KeyValueFullInformation, buffer, 64, &length),
-              STATUS_SUCCESS);
-    ZwClose(key);
-    EXPECT_EQ(IoOpenDeviceRegistryKey(DeviceTop(PnpPdo(node)), PLUGPLAY_REGKEY_DEVICE, 0, &key),
-              STATUS_INVALID_DEVICE_REQUEST);
-    PnpRemove(node);
-    port.HasKey = false;
-    node = PnpAdd(port);
-    EXPECT_EQ(IoOpenDeviceRegistryKey(PnpPdo(node), PLUGPLAY_REGKEY_DEVICE, 0, &key),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    PnpRemove(node);
-    Unload();
-  });
-}
-
 // ---- what the verifier stops ----
 
-static void StartWith(PDRIVER_DISPATCH Bad) {
-  PnpNode *node = PnpAdd(Load());
-  FilterPnp = Bad;
-  PnpStart(node);
-  PnpStop(node);
-  PnpRemove(node);
-}
-
-// Pass what they spoil by minor function; everything else as it should be.
 static bool Is(PIRP Irp, UCHAR Minor) {
   return IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Minor;
 }
 
-// The port lives with the filter's or function driver's fault, and is asked everything.
-static void LiveWith(PDRIVER_DISPATCH BadFilter, PDRIVER_DISPATCH BadFunction = nullptr,
-                     NTSTATUS (*BadChild)(PIRP Irp) = nullptr) {
-  PnpNode *node = PnpAdd(Load());
-  FilterPnp = BadFilter ? BadFilter : FilterPnp;
-  FunctionFirst = BadFunction;
-  OnChild = BadChild;
-  PnpStart(node);
-  PnpAskEverything(node);
-  PnpSurpriseRemove(node);
-  PnpRemove(node);
+// Routines of the filter. They spoil one minor function; everything else is as it should be.
+
+static NTSTATUS LeaveUndone(PDEVICE_OBJECT Device, PIRP Irp) {
+  return Is(Irp, IRP_MN_QUERY_DEVICE_TEXT) ? CompleteWith(Irp, Irp->IoStatus.Status)
+                                           : FilterPnpAsItShould(Device, Irp);
 }
 
-// Relations of the function driver that name Device, referenced or not, as often as Count says.
-static NTSTATUS RelateTo(PDEVICE_OBJECT Device, PIRP Irp, PDEVICE_OBJECT Related, ULONG Count,
-                         bool Referenced) {
-  if (!Is(Irp, IRP_MN_QUERY_DEVICE_RELATIONS)) {
-    return STATUS_MORE_PROCESSING_REQUIRED;
-  }
-  // Room for two.
-  PVOID answer[] = {reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Count)), Related, Related};
-  for (ULONG i = 0; Referenced && i < Count; ++i) {
-    ObReferenceObject(Related);
-  }
+static NTSTATUS FailTheStop(PDEVICE_OBJECT Device, PIRP Irp) {
+  return Is(Irp, IRP_MN_STOP_DEVICE) ? CompleteWith(Irp, STATUS_UNSUCCESSFUL)
+                                     : SendDown(Device, Irp);
+}
+
+static NTSTATUS SupportAll(PDEVICE_OBJECT Device, PIRP Irp) {
   Irp->IoStatus.Status = STATUS_SUCCESS;
-  Irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(Answer(answer, sizeof answer));
-  return SendDown(Device, Irp);
+  return FilterPnpAsItShould(Device, Irp);
 }
 
-// The child answers one minor function, with these bytes, and no other.
-static NTSTATUS AnswerOnly(PIRP Irp, UCHAR Minor, const WCHAR *Text, size_t Count) {
-  PVOID answer = Is(Irp, Minor) ? Answer(Text, Count * sizeof(WCHAR)) : nullptr;
-  return CompleteWith(Irp, answer ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED,
-                      reinterpret_cast<ULONG_PTR>(answer));
+static NTSTATUS AnswerUnknown(PDEVICE_OBJECT Device, PIRP Irp) {
+  Irp->IoStatus.Information = Is(Irp, IRP_MN_QUERY_RESOURCES) ? 4711 : 0;
+  return FilterPnpAsItShould(Device, Irp);
+}
+
+static NTSTATUS PassFailureDown(PDEVICE_OBJECT Device, PIRP Irp) {
+  Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+  return SendDown(Device, Irp);
 }
 
 static NTSTATUS Unsupport(PDEVICE_OBJECT, PIRP Irp, PVOID) {
@@ -532,126 +440,190 @@ static NTSTATUS Unsupport(PDEVICE_OBJECT, PIRP Irp, PVOID) {
   return STATUS_SUCCESS;
 }
 
-static NTSTATUS SwallowControl(PDEVICE_OBJECT, PIRP Irp) {
-  return CompleteWith(Irp, STATUS_SUCCESS);
+static NTSTATUS TakeBack(PDEVICE_OBJECT Device, PIRP Irp) {
+  IoCopyCurrentIrpStackLocationToNext(Irp);
+  IoSetCompletionRoutine(Irp, Unsupport, nullptr, TRUE, TRUE, TRUE);
+  return IofCallDriver(ExtensionOf(Device)->Lower, Irp);
+}
+
+static NTSTATUS ChangeVersion(PDEVICE_OBJECT Device, PIRP Irp) {
+  if (Is(Irp, IRP_MN_QUERY_CAPABILITIES)) {
+    IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceCapabilities.Capabilities->Version = 2;
+  }
+  return FilterPnpAsItShould(Device, Irp);
+}
+
+static NTSTATUS DetachAfter(PDEVICE_OBJECT Device, PIRP Irp, UCHAR Minor,
+                            PDRIVER_DISPATCH Dispatch) {
+  bool detaches = Is(Irp, Minor);
+  PDEVICE_OBJECT lower = ExtensionOf(Device)->Lower;
+  NTSTATUS status = Dispatch(Device, Irp);
+  if (detaches) {
+    IoDetachDevice(lower);
+  }
+  return status;
+}
+
+static NTSTATUS DetachAtSurprise(PDEVICE_OBJECT Device, PIRP Irp) {
+  return DetachAfter(Device, Irp, IRP_MN_SURPRISE_REMOVAL, FilterPnpAsItShould);
+}
+
+static NTSTATUS DetachOnly(PDEVICE_OBJECT Device, PIRP Irp) {
+  return DetachAfter(Device, Irp, IRP_MN_REMOVE_DEVICE, SendDown);
+}
+
+struct BadFilter {
+  const char *Name;
+  const char *Rule;
+  PDRIVER_DISPATCH Bad;
+};
+
+// The port lives with the fault, and is asked everything.
+static void LiveWith(PDRIVER_DISPATCH BadFilter, PDRIVER_DISPATCH BadFunction = nullptr,
+                     NTSTATUS (*BadChild)(PIRP Irp) = nullptr) {
+  PnpNode *node = PnpAdd(Load());
+  FilterPnp = BadFilter ? BadFilter : FilterPnp;
+  FunctionFirst = BadFunction;
+  OnChild = BadChild;
+  PnpStart(node);
+  PnpStop(node);
+  PnpStart(node);
+  PnpAskEverything(node);
+  PnpSurpriseRemove(node);
+  PnpRemove(node);
+}
+
+TEST(Pnp, BadFiltersAreStopped) {
+  static const BadFilter bad[] = {
+      {"swallows a request", "pnp.not-forwarded", Succeed},
+      {"leaves what it does not know undone", "pnp.not-forwarded", LeaveUndone},
+      {"fails what may not fail", "pnp.must-succeed", FailTheStop},
+      {"supports what it does not know", "pnp.status-changed", SupportAll},
+      {"answers what it does not know", "pnp.status-changed", AnswerUnknown},
+      {"passes a failure down", "pnp.status-changed", PassFailureDown},
+      {"takes back what the bus has said", "pnp.status-changed", TakeBack},
+      {"changes the capabilities' version", "pnp.bad-capabilities", ChangeVersion},
+      {"takes the stack apart in a surprise removal", "device.detached-early", DetachAtSurprise},
+      {"detaches, but does not delete", "device.not-deleted", DetachOnly},
+      {"stays attached to a deleted device", "leak.device", SendDown},
+  };
+  for (const BadFilter &one : bad) {
+    EXPECT_EQ(RuleOf([&] { LiveWith(one.Bad); }), one.Rule) << one.Name;
+  }
+}
+
+// What the function driver reports, referenced or not, as often as Count says. There is room for
+// two.
+struct BadRelation {
+  const char *Name;
+  PDEVICE_OBJECT (*Related)(PDEVICE_OBJECT Device);
+  ULONG Count;
+  bool Referenced;
+};
+
+static const BadRelation *Relation;
+
+static NTSTATUS RelateBadly(PDEVICE_OBJECT Device, PIRP Irp) {
+  if (!Is(Irp, IRP_MN_QUERY_DEVICE_RELATIONS)) {
+    return STATUS_MORE_PROCESSING_REQUIRED;
+  }
+  PDEVICE_OBJECT related = Relation->Related(Device);
+  PVOID answer[] = {reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Relation->Count)), related,
+                    related};
+  for (ULONG i = 0; Relation->Referenced && i < Relation->Count; ++i) {
+    ObReferenceObject(related);
+  }
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  Irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(Answer(answer, sizeof answer));
+  return SendDown(Device, Irp);
+}
+
+TEST(Pnp, BadRelationsAreStopped) {
+  auto child = [](PDEVICE_OBJECT Device) { return ExtensionOf(Device)->Child; };
+  auto itself = [](PDEVICE_OBJECT Device) { return Device; };
+  auto port = [](PDEVICE_OBJECT Device) { return ExtensionOf(Device)->Lower; };
+  auto driver = [](PDEVICE_OBJECT) { return reinterpret_cast<PDEVICE_OBJECT>(Function); };
+  const BadRelation bad[] = {
+      {"a child without a reference", child, 1, false},
+      {"a child twice", child, 2, true},
+      {"more children than there is room for", child, 3, true},
+      {"itself", itself, 1, true},
+      {"the port as its own child", port, 1, true},
+      {"what is no device", driver, 1, true},
+  };
+  for (const BadRelation &one : bad) {
+    Relation = &one;
+    EXPECT_EQ(RuleOf([] { LiveWith(nullptr, RelateBadly); }), "pnp.bad-relations") << one.Name;
+  }
+}
+
+// The child answers one minor function, with these bytes, and no other.
+struct BadAnswer {
+  const char *Name;
+  UCHAR Minor;
+  const WCHAR *Text;
+  size_t Count;
+};
+
+static const BadAnswer *AnswerOf;
+
+static NTSTATUS AnswerBadly(PIRP Irp) {
+  PVOID answer =
+      Is(Irp, AnswerOf->Minor) ? Answer(AnswerOf->Text, AnswerOf->Count * sizeof(WCHAR)) : nullptr;
+  return CompleteWith(Irp, answer ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED,
+                      reinterpret_cast<ULONG_PTR>(answer));
+}
+
+TEST(Pnp, BadAnswersAreStopped) {
+  static const BadAnswer bad[] = {
+      {"does not end an identifier", IRP_MN_QUERY_ID, L"NOEND", 5},
+      {"ends a list of identifiers like one", IRP_MN_QUERY_ID, L"ONE\0", 4},
+      {"has a comma in an identifier", IRP_MN_QUERY_ID, L"A,B\0", 4},
+      {"answers too little", IRP_MN_QUERY_BUS_INFORMATION, L"AB", 2},
+  };
+  for (const BadAnswer &one : bad) {
+    AnswerOf = &one;
+    EXPECT_EQ(RuleOf([] { LiveWith(nullptr, nullptr, AnswerBadly); }), "pnp.bad-answer")
+        << one.Name;
+  }
+}
+
+// Flags that differ from what they should be when the filter's device has been added.
+struct BadFlags {
+  const char *Name;
+  const char *Rule;
+  ULONG Filter, Below;
+};
+
+TEST(Pnp, BadFlagsAreStopped) {
+  static const BadFlags *flipped;
+  static const BadFlags bad[] = {
+      {"stays initializing", "device.initializing", DO_DEVICE_INITIALIZING, 0},
+      {"is not powered as the device below", "device.flags", 0, DO_POWER_PAGABLE},
+      {"other buffering than below", "device.flags", DO_BUFFERED_IO | DO_DIRECT_IO, 0},
+  };
+  for (const BadFlags &one : bad) {
+    flipped = &one;
+    RunReport report = ModelRun({}, [] {
+      PortDescription port = Load();
+      Filter->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
+        FilterAdd(Driver, Pdo);
+        Driver->DeviceObject->Flags ^= flipped->Filter;
+        Pdo->AttachedDevice->Flags ^= flipped->Below;
+        return STATUS_SUCCESS;
+      };
+      PnpAdd(port);
+    });
+    EXPECT_EQ(report.Rule, one.Rule) << one.Name << "\n" << report.Text;
+  }
 }
 
 static const BadRoutine BadDrivers[] = {
-    {"swallows a request", "pnp.not-forwarded", [] { StartWith(Succeed); }},
-    {"leaves what it does not know undone", "pnp.not-forwarded",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         return Is(Irp, IRP_MN_QUERY_DEVICE_TEXT) ? CompleteWith(Irp, Irp->IoStatus.Status)
-                                                  : FilterPnpAsItShould(Device, Irp);
-       });
-     }},
-    {"fails what may not fail", "pnp.must-succeed",
-     [] {
-       StartWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         return Is(Irp, IRP_MN_STOP_DEVICE) ? CompleteWith(Irp, STATUS_UNSUCCESSFUL)
-                                            : SendDown(Device, Irp);
-       });
-     }},
-    {"supports what it does not know", "pnp.status-changed",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         Irp->IoStatus.Status = STATUS_SUCCESS;
-         return FilterPnpAsItShould(Device, Irp);
-       });
-     }},
-    {"answers what it does not know", "pnp.status-changed",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         Irp->IoStatus.Information = Is(Irp, IRP_MN_QUERY_RESOURCES) ? 4711 : 0;
-         return FilterPnpAsItShould(Device, Irp);
-       });
-     }},
-    {"passes a failure down", "pnp.status-changed",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
-         return SendDown(Device, Irp);
-       });
-     }},
-    {"takes back what the bus has said", "pnp.status-changed",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         IoCopyCurrentIrpStackLocationToNext(Irp);
-         IoSetCompletionRoutine(Irp, Unsupport, nullptr, TRUE, TRUE, TRUE);
-         return IofCallDriver(ExtensionOf(Device)->Lower, Irp);
-       });
-     }},
     {"keeps system control", "system-control.not-forwarded",
      [] {
        PnpNode *node = PnpAdd(Load());
-       Filter->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = SwallowControl;
+       Filter->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = Succeed;
        SendPacket(PnpPdo(node), IRP_MJ_SYSTEM_CONTROL, 0, nullptr);
-     }},
-    {"does not reference a child", "pnp.bad-relations",
-     [] {
-       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         return RelateTo(Device, Irp, ExtensionOf(Device)->Child, 1, false);
-       });
-     }},
-    {"reports a child twice", "pnp.bad-relations",
-     [] {
-       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         return RelateTo(Device, Irp, ExtensionOf(Device)->Child, 2, true);
-       });
-     }},
-    {"reports more children than it has room for", "pnp.bad-relations",
-     [] {
-       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         return RelateTo(Device, Irp, ExtensionOf(Device)->Child, 3, true);
-       });
-     }},
-    {"reports itself", "pnp.bad-relations",
-     [] {
-       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         return RelateTo(Device, Irp, Device, 1, true);
-       });
-     }},
-    {"reports the port as its own child", "pnp.bad-relations",
-     [] {
-       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         return RelateTo(Device, Irp, ExtensionOf(Device)->Lower, 1, true);
-       });
-     }},
-    {"reports what is no device", "pnp.bad-relations",
-     [] {
-       LiveWith(nullptr, [](PDEVICE_OBJECT Device, PIRP Irp) {
-         return RelateTo(Device, Irp, reinterpret_cast<PDEVICE_OBJECT>(Function), 1, true);
-       });
-     }},
-    {"changes the capabilities' version", "pnp.bad-capabilities",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         if (Is(Irp, IRP_MN_QUERY_CAPABILITIES)) {
-           IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceCapabilities.Capabilities->Version =
-               2;
-         }
-         return FilterPnpAsItShould(Device, Irp);
-       });
-     }},
-    {"does not end an identifier", "pnp.bad-answer",
-     [] {
-       LiveWith(nullptr, nullptr,
-                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_ID, L"NOEND", 5); });
-     }},
-    {"ends a list of identifiers like one", "pnp.bad-answer",
-     [] {
-       LiveWith(nullptr, nullptr,
-                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_ID, L"ONE\0", 4); });
-     }},
-    {"has a comma in an identifier", "pnp.bad-answer",
-     [] {
-       LiveWith(nullptr, nullptr,
-                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_ID, L"A,B\0", 4); });
-     }},
-    {"answers too little", "pnp.bad-answer",
-     [] {
-       LiveWith(nullptr, nullptr,
-                [](PIRP Irp) { return AnswerOnly(Irp, IRP_MN_QUERY_BUS_INFORMATION, L"AB", 2); });
      }},
     {"answers a state with a block", "pnp.bad-answer",
      [] {
@@ -661,66 +633,12 @@ static const BadRoutine BadDrivers[] = {
          return state ? SendDown(Device, Irp) : STATUS_MORE_PROCESSING_REQUIRED;
        });
      }},
-    {"takes the stack apart in a surprise removal", "device.detached-early",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         bool surprise = Is(Irp, IRP_MN_SURPRISE_REMOVAL);
-         NTSTATUS status = FilterPnpAsItShould(Device, Irp);
-         if (surprise) {
-           IoDetachDevice(ExtensionOf(Device)->Lower);
-         }
-         return status;
-       });
-     }},
-    {"detaches, but does not delete", "device.not-deleted",
-     [] {
-       LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-         PDEVICE_OBJECT lower = ExtensionOf(Device)->Lower;
-         bool removes = Is(Irp, IRP_MN_REMOVE_DEVICE);
-         NTSTATUS status = SendDown(Device, Irp);
-         if (removes) {
-           IoDetachDevice(lower);
-         }
-         return status;
-       });
-     }},
-    {"is not powered as the device below", "device.flags",
-     [] {
-       PortDescription port = Load();
-       Function->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
-         FunctionAdd(Driver, Pdo);
-         Pdo->AttachedDevice->Flags |= DO_POWER_PAGABLE;
-         return STATUS_SUCCESS;
-       };
-       PnpAdd(port);
-     }},
     {"stays attached", "device.not-detached",
      [] {
        PortDescription port = Load();
        port.Drivers = {Filter};
        FilterPnp = SendDown;
        PnpRemove(PnpAdd(port));
-     }},
-    {"stays attached to a deleted device", "leak.device", [] { StartWith(SendDown); }},
-    {"stays initializing", "device.initializing",
-     [] {
-       PortDescription port = Load();
-       Filter->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
-         FilterAdd(Driver, Pdo);
-         Driver->DeviceObject->Flags |= DO_DEVICE_INITIALIZING;
-         return STATUS_SUCCESS;
-       };
-       PnpAdd(port);
-     }},
-    {"other buffering than below", "device.flags",
-     [] {
-       PortDescription port = Load();
-       Filter->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
-         FilterAdd(Driver, Pdo);
-         Driver->DeviceObject->Flags ^= DO_BUFFERED_IO | DO_DIRECT_IO;
-         return STATUS_SUCCESS;
-       };
-       PnpAdd(port);
      }},
     {"port left", "leak.node", [] { PnpAdd(Load()); }},
 };

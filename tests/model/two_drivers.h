@@ -65,6 +65,48 @@ inline NTSTATUS PassDownWith(PIRP Irp, PIO_COMPLETION_ROUTINE Routine, PVOID Con
   return IofCallDriver(Two.Lower, Irp);
 }
 
+inline NTSTATUS SendRead() {
+  return SendPacket(Two.Upper, IRP_MJ_READ, 0, nullptr, nullptr, STATUS_SUCCESS);
+}
+
+inline NTSTATUS LetGo(PDEVICE_OBJECT, PIRP Irp, PVOID) {
+  if (Irp->PendingReturned) {
+    IoMarkIrpPending(Irp);
+  }
+  return STATUS_SUCCESS;
+}
+
+inline void NoRoutine(PDEVICE_OBJECT, PIRP) {
+}
+
+inline NTSTATUS Keep(PDEVICE_OBJECT, PIRP, PVOID) {
+  return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+inline NTSTATUS KeepAndSignal(PDEVICE_OBJECT, PIRP, PVOID Event) {
+  KeSetEvent(static_cast<PKEVENT>(Event), IO_NO_INCREMENT, FALSE);
+  return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+inline void PassDownAndWait(PIRP Irp) {
+  KEVENT done;
+  KeInitializeEvent(&done, NotificationEvent, FALSE);
+  EXPECT_EQ(PassDownWith(Irp, KeepAndSignal, &done), STATUS_PENDING);
+  KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+}
+
+// Makes a packet of the test's own a read that comes back to the routine.
+inline void AimRead(PIRP Irp, PIO_COMPLETION_ROUTINE Routine = Keep, PVOID Context = nullptr) {
+  IoGetNextIrpStackLocation(Irp)->MajorFunction = IRP_MJ_READ;
+  IoSetCompletionRoutine(Irp, Routine, Context, TRUE, TRUE, TRUE);
+}
+
+inline PIRP OwnRead(PIO_COMPLETION_ROUTINE Routine = Keep, PVOID Context = nullptr) {
+  PIRP irp = IoAllocateIrp(2, FALSE);
+  AimRead(irp, Routine, Context);
+  return irp;
+}
+
 inline NTSTATUS HoldIt(PDEVICE_OBJECT, PIRP Irp) {
   IoMarkIrpPending(Irp);
   Held = Irp;
@@ -151,4 +193,36 @@ inline void TwoUnload() {
   IoDeleteDevice(Two.Lower);
   DriverUnload(Two.UpperDriver);
   DriverUnload(Two.LowerDriver);
+}
+
+inline void Play(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower) {
+  TwoLoad();
+  OnUpper = Upper;
+  OnLower = Lower;
+  SendRead();
+}
+
+// Likewise with a packet of the test's own.
+inline PIRP PlayOwn(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower,
+                    PIO_COMPLETION_ROUTINE Routine = Keep) {
+  TwoLoad();
+  OnUpper = Upper;
+  OnLower = Lower;
+  PIRP irp = OwnRead(Routine);
+  IofCallDriver(Two.Upper, irp);
+  return irp;
+}
+
+// What the two do with a read, and the rule that must stop it.
+struct BadPair {
+  const char *Name;
+  const char *Rule;
+  PDRIVER_DISPATCH Upper;
+  PDRIVER_DISPATCH Lower;
+};
+
+inline void ExpectPairStopped(const BadPair &Bad) {
+  static const BadPair *pair;
+  pair = &Bad;
+  ExpectStopped({Bad.Name, Bad.Rule, [] { Play(pair->Upper, pair->Lower); }});
 }
