@@ -513,7 +513,7 @@ TEST(AuxiliaryRaces, RemovalAgainstWhatComesBack) {
       RemoveAgainst(world, [&] { LowerFinish(outside, major); });
       ThreadJoin(party);
     };
-    std::set<std::string> seen = OutcomesOf(ExploreWorld(scenario, 1, Detected));
+    std::set<std::string> seen = OutcomesOf(ExploreWorld(scenario, 2, Detected));
     if (major == IRP_MJ_FLUSH_BUFFERS) {
       EXPECT_EQ(seen, (std::set<std::string>{"success", "gone"}));
     }
@@ -531,7 +531,7 @@ TEST(AuxiliaryRaces, RemovalAgainstTheUnlock) {
     EXPECT_EQ(LowerWritten(&world->Outside), status == STATUS_SUCCESS ? "x" : "");
     ExploreSaw(status);
   };
-  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 1, Detected)),
+  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2, Detected)),
             (std::set<std::string>{"success", "cancelled"}));
 }
 
@@ -560,7 +560,7 @@ TEST(AuxiliaryRaces, RemovalAgainstItsOwnHandle) {
       EXPECT_EQ(DeviceCount(world->Driver), 0u);
       EXPECT_EQ(DeviceCount(world->PortDriver), 0u);
     };
-    ExploreResult result = ExploreWorld(scenario, 1, Detected);
+    ExploreResult result = ExploreWorld(scenario, 2, Detected);
     if (party != Close) {
       EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"success", "refused"}));
     }
@@ -575,7 +575,7 @@ TEST(AuxiliaryRaces, RemovalAgainstAReadOfZks) {
     RemoveAgainst(world, [&] { StartRead(world->Zk, &read, 64); });
     FileWait(&read);
   };
-  ExploreWorld(scenario, 1, Detected);
+  ExploreWorld(scenario, 2, Detected);
 }
 
 // Attaching may come at any moment in the life of a handle that is older than the device. The
@@ -606,7 +606,7 @@ TEST(AuxiliaryRaces, StartAgainstAnOlderHandle) {
           EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
           EXPECT_EQ(WorldPort(world)->OpenCount, 1);
         },
-        1, options);
+        2, options);
     EXPECT_EQ(OutcomesOf(result), close ? (std::set<std::string>{"00", "01", "10", "11"})
                                         : (std::set<std::string>{"over", "past"}));
   }

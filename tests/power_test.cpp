@@ -274,7 +274,7 @@ TEST(PowerRaces, RemovalAgainstTheEndOfARise) {
     EXPECT_EQ(PowerWait(&rise), STATUS_SUCCESS);
     EXPECT_EQ(PowerReports(), reports + 2);  // the bus's and the filter's
   };
-  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 1)), (std::set<std::string>{"gone", "there"}));
+  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), (std::set<std::string>{"gone", "there"}));
 }
 
 // ZK's handle keeps the filter device. Without one, a request that was directed at the device but
@@ -289,7 +289,7 @@ TEST(PowerRaces, RemovalAgainstARise) {
     ExploreSaw(PowerWait(&rise));
     EXPECT_EQ(port->PowerRequestCount, 1);
   };
-  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 1)), (std::set<std::string>{"success", "refused"}));
+  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), (std::set<std::string>{"success", "refused"}));
 }
 
 // --- Devices without power ------------------------------------------------------------------

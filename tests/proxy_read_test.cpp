@@ -191,7 +191,7 @@ TEST(ProxyRead, AStopAgainstTheClientsClose) {
         EXPECT_EQ(LowerCount(lower, IRP_MJ_READ), 1u);
         EXPECT_EQ(Blocks(POOL_PROXY_CLIENT_REQUEST), 0u);
       },
-      1);
+      2);
 }
 
 TEST(ProxyRead, ADiscardedRequestGoesWithItsRead) {
@@ -268,7 +268,7 @@ TEST(ProxyRead, AReadAgainstTheEndOfNormal) {
         EXPECT_EQ(FileWait(&read), stopped ? STATUS_CANCELLED : STATUS_SUCCESS);
         EXPECT_EQ(read.Text(), stopped ? "" : "port");
       },
-      1);
+      2);
 }
 
 // The client drives the reads, and each uses up one of ZK's requests, since ZK gets its copy.
@@ -356,7 +356,7 @@ TEST(ProxyRead, AStopAgainstAReadThatIsNotSent) {
           EXPECT_EQ(FileWait(&reads[3]), STATUS_SUCCESS);
           EXPECT_EQ(Blocks(POOL_PROXY_CLIENT_REQUEST) + Blocks(POOL_CALL_DOWN), 0u);
         },
-        1);
+        2);
   }
 }
 
