@@ -57,7 +57,7 @@ struct ExtensionHeader {
   LIST_ENTRY PassThroughList GUARDED_BY(CancelSpinLock);  // tracked requests that are down
   ULONG PacketDump;                                       // PACKET_DUMP_... bits
   ULONG PnpState;                                         // atomic; PNP_...
-  PDEVICE_OBJECT LowerDevice;  // atomic; filter, auxiliary: the device attached over
+  PDEVICE_OBJECT LowerDevice;  // filter, auxiliary (there atomic): the device attached over
   LONG FilterHolds;  // control, auxiliary: interlocked; handles that keep the filter device
 };
 

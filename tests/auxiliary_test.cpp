@@ -466,27 +466,6 @@ TEST(Auxiliary, AnswersPlugAndPlayRequests) {
 // when the device goes is beyond any driver: nothing that a client has open refers to the device.
 // So what races with a removal here is past the gate already, or comes in through ZK.
 
-static void Against(const std::function<void()> &One, const std::function<void()> &Other) {
-  PKTHREAD one = ThreadStart("one", One);
-  PKTHREAD other = ThreadStart("other", Other);
-  ExploreWindow(true);
-  ThreadJoin(one);
-  ThreadJoin(other);
-  ExploreWindow(false);
-}
-
-static void RemoveAgainst(World *World, const std::function<void()> &Other, bool Surprise = false) {
-  Against(
-      [&] {
-        if (Surprise) {
-          PnpSurpriseRemove(World->Node);
-        }
-        PnpRemove(World->Node, true);
-        World->Node = nullptr;
-      },
-      Other);
-}
-
 // Requests in flight below, coming back. A removal that does not wait for them leaves them nothing
 // to come back to.
 TEST(AuxiliaryRaces, RemovalAgainstWhatComesBack) {

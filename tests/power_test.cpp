@@ -243,7 +243,7 @@ TEST(Power, RefusedOnceTheRemovalHasCome) {
 
 // The port's driver keeps the removal until the window is closed, so that it is the filter alone
 // that goes in it.
-static void RemoveAgainst(World *World, const std::function<void()> &Other) {
+static void RemoveFilterAgainst(World *World, const std::function<void()> &Other) {
   World->Lower.How[IRP_MJ_PNP] = Behaviour::Deaf;
   PKTHREAD remover = ThreadStart("remove", [&] { PnpRemove(World->Node, true); });
   PKTHREAD other = ThreadStart("other", Other);
@@ -267,7 +267,7 @@ TEST(PowerRaces, RemovalAgainstTheEndOfARise) {
     PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
     PowerBegin(Filter(world), &rise);
     uint64_t reports = PowerReports();
-    RemoveAgainst(world, [&] {
+    RemoveFilterAgainst(world, [&] {
       ExploreSaw(DeviceCount(world->Driver) == 0 ? "gone" : "there");
       LowerFinish(lower, IRP_MJ_POWER);
     });
@@ -285,7 +285,7 @@ TEST(PowerRaces, RemovalAgainstARise) {
     PnpSetDevicePower(Filter(world), PowerDeviceD3);
     PortExtension *port = WorldPort(world);
     PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
-    RemoveAgainst(world, [&] { PowerBegin(world->Lower.Lower, &rise); });
+    RemoveFilterAgainst(world, [&] { PowerBegin(world->Lower.Lower, &rise); });
     ExploreSaw(PowerWait(&rise));
     EXPECT_EQ(port->PowerRequestCount, 1);
   };

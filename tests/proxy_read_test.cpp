@@ -51,16 +51,6 @@ static void LockAndUnlock(World *World) {
   EXPECT_EQ(SendCommand(World, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
 }
 
-// Two parties, in every order within the bounds.
-static void Against(const std::function<void()> &One, const std::function<void()> &Other) {
-  PKTHREAD one = ThreadStart("one", One);
-  PKTHREAD other = ThreadStart("other", Other);
-  ExploreWindow(true);
-  ThreadJoin(one);
-  ThreadJoin(other);
-  ExploreWindow(false);
-}
-
 static uint64_t Blocks(ULONG Tag) {
   return PoolCount(Tag).Blocks;
 }

@@ -18,29 +18,6 @@ static ExploreResult Outcomes(const std::function<std::string(World *)> &Scenari
 // The preemptions of the small races that are exhausted more deeply than the others.
 constexpr unsigned Deep = 3;
 
-static std::string Name(NTSTATUS Status) {
-  switch (Status) {
-  case STATUS_SUCCESS:
-    return "success";
-  case STATUS_CANCELLED:
-    return "cancelled";
-  case STATUS_DELETE_PENDING:
-    return "refused";
-  default:
-    return std::to_string(static_cast<ULONG>(Status));
-  }
-}
-
-// Runs two parties against each other inside the window.
-static void Against(const std::function<void()> &One, const std::function<void()> &Other) {
-  PKTHREAD one = ThreadStart("one", One);
-  PKTHREAD other = ThreadStart("other", Other);
-  ExploreWindow(true);
-  ThreadJoin(one);
-  ThreadJoin(other);
-  ExploreWindow(false);
-}
-
 // What is expected may be missed by the schedules that a shallow or random exploration makes.
 static void ExpectOutcomes(const ExploreResult &Result, const std::vector<std::string> &Expected) {
   bool every = getenv("VORLIX_EXPLORE") == nullptr && getenv("VORLIX_REPLAY") == nullptr;
@@ -83,7 +60,7 @@ TEST(Races, CancelAgainstDelivery) {
             got += NextFrame(world).Payload;
           }
           EXPECT_EQ(got, "ab");
-          return Name(status);
+          return StatusName(status);
         },
         Deep);
     ExpectOutcomes(seen, {"cancelled", "success"});
@@ -122,7 +99,8 @@ TEST(Races, CancelAgainstHandDown) {
         LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_SUCCESS, "x");
         NTSTATUS status = FileWait(&read);
         // The engine's own read was the first.
-        return Name(status) + (LowerCount(&world->Lower, IRP_MJ_READ) > 1 ? " below" : " here");
+        return StatusName(status) +
+               (LowerCount(&world->Lower, IRP_MJ_READ) > 1 ? " below" : " here");
       },
       2, options);
   ExpectOutcomes(seen, {"cancelled below", "cancelled here"});
@@ -138,7 +116,7 @@ TEST(Races, CancelAgainstUnlock) {
         Against([&] { FileCancel(&write); }, [&] { SendCommand(world, COMMAND_UNLOCK_STREAM); });
         NTSTATUS status = FileWait(&write);
         EXPECT_EQ(LowerWritten(&world->Lower), status == STATUS_SUCCESS ? "x" : "");
-        return Name(status);
+        return StatusName(status);
       },
       Deep);
   ExpectOutcomes(seen, {"cancelled", "success"});
@@ -152,7 +130,7 @@ TEST(Races, CancelOfAPnpHeldRequestAgainstItsRestart) {
     Io write;
     StartWrite(world->Client, &write, "x");
     Against([&] { FileCancel(&write); }, [&] { PnpSend(filter, IRP_MN_CANCEL_REMOVE_DEVICE); });
-    return Name(FileWait(&write));
+    return StatusName(FileWait(&write));
   });
   ExpectOutcomes(seen, {"cancelled", "success"});
 }
@@ -170,7 +148,7 @@ TEST(Races, CleanupAgainstACompletionBelow) {
     ThreadSettle();
     Against([&] { CloseClient(world); }, [&] { LowerFinish(lower, IRP_MJ_FLUSH_BUFFERS); });
     ThreadJoin(flusher);
-    return Name(status);
+    return StatusName(status);
   });
   ExpectOutcomes(seen, {"cancelled", "success"});
 }
@@ -243,7 +221,7 @@ TEST(Races, ClientCloseAgainstDelivery) {
     LowerFeed(lower, "new");
     EXPECT_EQ(FileWait(&next), STATUS_SUCCESS);
     EXPECT_EQ(next.Text(), expected);
-    return Name(status) + ", then " + expected;
+    return StatusName(status) + ", then " + expected;
   });
   ExpectOutcomes(seen, {"cancelled, then new", "cancelled, then old", "success, then new"});
 }
@@ -282,21 +260,13 @@ TEST(Races, AStopThatMayNotWait) {
 
 // --- Removal --------------------------------------------------------------------------------
 
+// A removal with handles open only comes with ZK's, which keeps the filter device. A client's would
+// not: the manager holds a removal back for it.
+
 // The port is pulled out while another party is at work. What the manager does then: a surprise
 // removal at once, the removal itself when the last handle is closed.
 static void PullOutAgainst(World *World, const std::function<void()> &Other) {
   Against([&] { PnpSurpriseRemove(World->Node); }, Other);
-}
-
-// A removal while ZK's handle is open, which keeps the filter device. A client's handle would not:
-// the manager holds a removal back for it.
-static void RemoveAgainst(World *World, const std::function<void()> &Other) {
-  Against(
-      [&] {
-        PnpRemove(World->Node, true);
-        World->Node = nullptr;
-      },
-      Other);
 }
 
 // A read that passes the gate just before the removal's flush has somebody to end it.
@@ -310,7 +280,7 @@ TEST(Races, RemovalAgainstASubmission) {
           PullOutAgainst(world, [&] { StartRead(zk ? world->Zk : world->Client, &read, 64); });
           NTSTATUS status = FileWait(&read);
           LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_DEVICE_NOT_CONNECTED);
-          return Name(status);
+          return StatusName(status);
         },
         Deep);
     ExpectOutcomes(seen, {"cancelled", "refused"});
@@ -323,12 +293,13 @@ TEST(Races, RemovalAgainstASubmission) {
         RemoveAgainst(world, [&] { StartRead(world->Zk, &read, 64); });
         NTSTATUS status = FileWait(&read);
         return status == STATUS_SUCCESS
-                   ? "frame " + Name(static_cast<NTSTATUS>(DecodeFrame(read).Header.Code))
-                   : Name(status);
+                   ? "frame " + StatusName(static_cast<NTSTATUS>(DecodeFrame(read).Header.Code))
+                   : StatusName(status);
       },
       Deep);
   // The port ends the engine's read when it goes, which ZK may still hear of.
-  ExpectOutcomes(seen, {"cancelled", "refused", "frame " + Name(STATUS_DEVICE_NOT_CONNECTED)});
+  ExpectOutcomes(seen,
+                 {"cancelled", "refused", "frame " + StatusName(STATUS_DEVICE_NOT_CONNECTED)});
 }
 
 // The same for a write that the stream lock parks.
@@ -338,7 +309,7 @@ TEST(Races, RemovalAgainstParking) {
     SendCommand(world, COMMAND_LOCK_STREAM);
     Io write;
     PullOutAgainst(world, [&] { StartWrite(world->Client, &write, "x"); });
-    return Name(FileWait(&write));
+    return StatusName(FileWait(&write));
   });
   // Past the gate and after the sweep it goes to the port, which is not told yet.
   ExpectOutcomes(seen, {"cancelled", "refused", "success"});
@@ -353,7 +324,7 @@ TEST(Races, RemovalAgainstTheLock) {
       SendCommand(world, COMMAND_LOCK_STREAM);
       StartWrite(world->Client, &write, "x");
     });
-    return Name(FileWait(&write));
+    return StatusName(FileWait(&write));
   });
   // A write past the gate finds the lock ended by the sweep, and a port that is not told yet.
   ExpectOutcomes(seen, {"cancelled", "refused", "success"});
@@ -367,7 +338,7 @@ TEST(Races, RemovalAgainstTheGate) {
         PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE);
         Io write;
         PullOutAgainst(world, [&] { StartWrite(world->Client, &write, "x"); });
-        return Name(FileWait(&write));
+        return StatusName(FileWait(&write));
       },
       Deep);
   ExpectOutcomes(seen, {"refused"});
@@ -411,8 +382,8 @@ TEST(Races, RemovalAgainstCommands) {
     StartRead(world->Zk, &read, 64);
     std::string commands;
     RemoveAgainst(world, [&] {
-      commands = Name(SendCommand(world, COMMAND_LOCK_STREAM));
-      commands += "/" + Name(SendCommand(world, COMMAND_UNLOCK_STREAM));
+      commands = StatusName(SendCommand(world, COMMAND_LOCK_STREAM));
+      commands += "/" + StatusName(SendCommand(world, COMMAND_UNLOCK_STREAM));
     });
     FileWait(&read);
     return commands;
@@ -427,7 +398,7 @@ TEST(Races, CancelAgainstRemoval) {
     StartRead(world->Zk, &read, 64);
     bool called = false;
     RemoveAgainst(world, [&] { called = FileCancel(&read); });
-    return Name(FileWait(&read)) + (called ? ", called" : "");
+    return StatusName(FileWait(&read)) + (called ? ", called" : "");
   });
   // The port ends the engine's read when it goes, which ZK hears of, even when the cancel routine
   // was called meanwhile.
@@ -444,10 +415,10 @@ TEST(Races, CloseAgainstAQueuedOpen) {
         world->Client = nullptr;
         NTSTATUS status = STATUS_PENDING;
         Against([&] { FileClose(old); }, [&] { status = OpenClient(world); });
-        return Name(status);
+        return StatusName(status);
       },
       Deep);
-  ExpectOutcomes(seen, {"success", Name(STATUS_ACCESS_DENIED)});
+  ExpectOutcomes(seen, {"success", StatusName(STATUS_ACCESS_DENIED)});
 }
 
 TEST(Races, BothSidesOpenAndCloseAtOnce) {
@@ -478,7 +449,7 @@ TEST(Races, ZksCloseAgainstAClientRead) {
     ThreadSettle();
     if (FileDone(&read)) {
       // The stop reached the port's read before the port did: it failed inside the call.
-      return "failed " + Name(FileWait(&read));
+      return "failed " + StatusName(FileWait(&read));
     }
     EXPECT_EQ(LowerHeldCount(lower), 1u);
     EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "x"));
@@ -502,9 +473,9 @@ TEST(Races, ZksCloseAgainstItsNextOpen) {
     CloseClient(world);
     PnpRemove(world->Node, true);
     world->Node = nullptr;
-    return Name(status);
+    return StatusName(status);
   });
-  ExpectOutcomes(seen, {"success", Name(STATUS_ACCESS_DENIED)});
+  ExpectOutcomes(seen, {"success", StatusName(STATUS_ACCESS_DENIED)});
 }
 
 // A close of ZK's that a query parked, or that comes too late for it, gives its hold back too.

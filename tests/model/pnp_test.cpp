@@ -137,14 +137,7 @@ static NTSTATUS FunctionPnp(PDEVICE_OBJECT Device, PIRP Irp) {
 }
 
 static NTSTATUS FilterPnpAsItShould(PDEVICE_OBJECT Device, PIRP Irp) {
-  bool removes = IoGetCurrentIrpStackLocation(Irp)->MinorFunction == IRP_MN_REMOVE_DEVICE;
-  PDEVICE_OBJECT lower = ExtensionOf(Device)->Lower;
-  NTSTATUS status = SendDown(Device, Irp);
-  if (removes) {
-    IoDetachDevice(lower);
-    IoDeleteDevice(Device);
-  }
-  return status;
+  return FollowDown(Device, ExtensionOf(Device)->Lower, Irp);
 }
 
 static NTSTATUS PassPower(PDEVICE_OBJECT Device, PIRP Irp) {

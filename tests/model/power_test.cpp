@@ -63,15 +63,7 @@ static NTSTATUS PassAndFollow(PDEVICE_OBJECT Device, PIRP Irp) {
 }
 
 static NTSTATUS PassPnp(PDEVICE_OBJECT Device, PIRP Irp) {
-  PDEVICE_OBJECT lower = LowerOf(Device);
-  bool removes = IoGetCurrentIrpStackLocation(Irp)->MinorFunction == IRP_MN_REMOVE_DEVICE;
-  IoSkipCurrentIrpStackLocation(Irp);
-  NTSTATUS status = IofCallDriver(lower, Irp);
-  if (removes) {
-    IoDetachDevice(lower);
-    IoDeleteDevice(Device);
-  }
-  return status;
+  return FollowDown(Device, LowerOf(Device), Irp);
 }
 
 static NTSTATUS Add(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {

@@ -58,6 +58,18 @@ inline NTSTATUS PassDown(PDEVICE_OBJECT, PIRP Irp) {
   return IofCallDriver(Two.Lower, Irp);
 }
 
+// A filter's whole Plug and Play: passes down, and goes with the removal.
+inline NTSTATUS FollowDown(PDEVICE_OBJECT Device, PDEVICE_OBJECT Lower, PIRP Irp) {
+  bool removes = IoGetCurrentIrpStackLocation(Irp)->MinorFunction == IRP_MN_REMOVE_DEVICE;
+  IoSkipCurrentIrpStackLocation(Irp);
+  NTSTATUS status = IofCallDriver(Lower, Irp);
+  if (removes) {
+    IoDetachDevice(Lower);
+    IoDeleteDevice(Device);
+  }
+  return status;
+}
+
 // Copies its location and sets the routine for success, error and cancel.
 inline NTSTATUS PassDownWith(PIRP Irp, PIO_COMPLETION_ROUTINE Routine, PVOID Context = nullptr) {
   IoCopyCurrentIrpStackLocationToNext(Irp);

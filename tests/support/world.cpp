@@ -187,19 +187,44 @@ std::set<std::string> OutcomesOf(const ExploreResult &Result) {
   return outcomes;
 }
 
-void ExploreSaw(NTSTATUS Status) {
+std::string StatusName(NTSTATUS Status) {
   switch (Status) {
   case STATUS_SUCCESS:
-    return ExploreSaw(std::string("success"));
+    return "success";
   case STATUS_CANCELLED:
-    return ExploreSaw(std::string("cancelled"));
+    return "cancelled";
   case STATUS_DELETE_PENDING:
-    return ExploreSaw(std::string("refused"));
+    return "refused";
   case STATUS_DEVICE_NOT_CONNECTED:
-    return ExploreSaw(std::string("gone"));
+    return "gone";
   default:
-    return ExploreSaw(std::to_string(static_cast<ULONG>(Status)));
+    return std::to_string(static_cast<ULONG>(Status));
   }
+}
+
+void ExploreSaw(NTSTATUS Status) {
+  ExploreSaw(StatusName(Status));
+}
+
+void Against(const std::function<void()> &One, const std::function<void()> &Other) {
+  PKTHREAD one = ThreadStart("one", One);
+  PKTHREAD other = ThreadStart("other", Other);
+  ExploreWindow(true);
+  ThreadJoin(one);
+  ThreadJoin(other);
+  ExploreWindow(false);
+}
+
+void RemoveAgainst(World *World, const std::function<void()> &Other, bool Surprise) {
+  Against(
+      [&] {
+        if (Surprise) {
+          PnpSurpriseRemove(World->Node);
+        }
+        PnpRemove(World->Node, true);
+        World->Node = nullptr;
+      },
+      Other);
 }
 
 // Its requests are named after it in reports.

@@ -65,7 +65,14 @@ ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigne
                            const WorldOptions &Options = {});
 // What the scenario told, without how often.
 std::set<std::string> OutcomesOf(const ExploreResult &Result);
+// "success", "cancelled", "refused" (the port goes), "gone" (the device has gone), or the number.
+std::string StatusName(NTSTATUS Status);
 void ExploreSaw(NTSTATUS Status);
+
+// Runs two parties against each other inside the window.
+void Against(const std::function<void()> &One, const std::function<void()> &Other);
+// A removal, after a surprise removal or without, whatever handles are open, against another party.
+void RemoveAgainst(World *World, const std::function<void()> &Other, bool Surprise = false);
 
 NTSTATUS OpenClient(World *World);
 NTSTATUS OpenZk(World *World);
