@@ -174,7 +174,9 @@ class Places(support.RigTest):
             fcntl.flock(tty.plug_in().slave, fcntl.LOCK_EX)
         host.wait_ready("COM3", 2)
         self.assertIn(f"COM3: {tty.path}: in use by another program", complaints(host))
-        client = self.enter(rig.Client(self.loop, host.client_path()))
+        # No more than opened: the hang-up may come before anything that a client asks of it.
+        client = self.enter(rig.Stream(
+            self.loop, os.open(host.client_path(), os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)))
         self.until(lambda: client.ended, "the hang-up of a refused client")
         fcntl.flock(tty.device.slave, fcntl.LOCK_UN)
         self.talk(host, tty.device)
