@@ -381,11 +381,12 @@ TEST(PortMode, ReportsNameTheirDevice) {
     PortExtension *port = WorldPort(world);
     ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
     auto expectLast = [](ULONG code, PDEVICE_OBJECT device, NTSTATUS status) {
+      ASSERT_FALSE(EventLogEntries().empty());
       EventLogEntry entry = EventLogEntries().back();
       EXPECT_EQ(entry.Code, code);
       EXPECT_EQ(entry.Device, device);
       EXPECT_EQ(entry.FinalStatus, status);
-      EXPECT_EQ(entry.Strings.at(0), "\\DosDevices\\VORLIX_COM3");
+      EXPECT_EQ(entry.Strings, (std::vector<std::string>{"\\DosDevices\\VORLIX_COM3"}));
     };
     SendCommand(world, COMMAND_LOCK_STREAM);  // in IDLE
     expectLast(EVENT_BAD_STATE_FLAGS, port->ControlDevice, STATUS_UNSUCCESSFUL);

@@ -42,6 +42,7 @@ TEST(OpenClose, ARefusedSecondOpenFlushesTheFirstHoldersReads) {
     EXPECT_EQ(StartRead(world->Client, &clientRead, 10), STATUS_PENDING);
     HANDLE second = nullptr;
     EXPECT_EQ(FileOpen("\\DosDevices\\COM3", Account::User, &second), STATUS_ACCESS_DENIED);
+    FileClose(second);
     EXPECT_EQ(FileWait(&clientRead), STATUS_CANCELLED);
     EXPECT_EQ(StartRead(world->Zk, &zkRead, 100), STATUS_PENDING);
     EXPECT_EQ(FileOpen("\\DosDevices\\VORLIX_COM3", Account::LocalSystem, &second),
@@ -49,6 +50,7 @@ TEST(OpenClose, ARefusedSecondOpenFlushesTheFirstHoldersReads) {
     EXPECT_EQ(FileWait(&zkRead), STATUS_CANCELLED);
     EXPECT_EQ(WorldPort(world)->Header.OpenRefs, 2);
     EXPECT_EQ(WorldPort(world)->OpenCount, 2);
+    FileClose(second);
   });
 }
 

@@ -155,7 +155,7 @@ TEST(Pipes, ACancelledReadIsNotPromoted) {
       GoNormal(world);
       Io reads[4], write;
       for (Io &read : reads) {
-        EXPECT_EQ(StartRead(world->Zk, &read, 64), STATUS_PENDING);
+        ASSERT_EQ(StartRead(world->Zk, &read, 64), STATUS_PENDING);
       }
       reads[1].Irp->Cancel = TRUE;
       reads[2].Irp->Cancel = TRUE;

@@ -112,17 +112,20 @@ TEST(Pnp, RelationsKeepWhatTheyCarry) {
     PDEVICE_OBJECT child = PnpPdo(world->Node);  // any device will do
     auto *carried = static_cast<PDEVICE_RELATIONS>(
         ExAllocatePoolWithTag(PagedPool, sizeof(DEVICE_RELATIONS), FourCharacters("Test")));
+    ASSERT_NE(carried, nullptr);
     carried->Count = 1;
     carried->Objects[0] = child;
     ULONG_PTR information = reinterpret_cast<ULONG_PTR>(carried);
-    ASSERT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_DEVICE_RELATIONS, &information),
+    EXPECT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_DEVICE_RELATIONS, &information),
               STATUS_SUCCESS);
     auto *relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
-    ASSERT_NE(relations, carried);
-    ASSERT_EQ(relations->Count, 2u);
+    EXPECT_NE(relations, carried);
     EXPECT_EQ(relations->Objects[0], child);
-    EXPECT_EQ(relations->Objects[1], WorldPort(world)->ControlDevice);
-    ObDereferenceObject(relations->Objects[1]);
+    EXPECT_EQ(relations->Count, 2u);
+    if (relations->Count == 2) {
+      EXPECT_EQ(relations->Objects[1], WorldPort(world)->ControlDevice);
+      ObDereferenceObject(relations->Objects[1]);
+    }
     ExFreePoolWithTag(relations, 0);
   });
 }

@@ -31,6 +31,11 @@ const char *ThreadName(PKTHREAD Thread);
 // Lets every other thread run until none of them can go on without the caller or the clock.
 void ThreadSettle();
 
+// Blocks until nothing else can ever go on, neither a thread that settles nor one that waits with a
+// time-out: where the run would be stopped for a deadlock, the caller goes on instead and may
+// resolve it.
+void ThreadAwaitDeadlock();
+
 // Fibers only, for an event loop that runs as a model thread: lets each thread that can run now run
 // once. Returns whether any is ready to run again (or still).
 bool ThreadYieldToReady();

@@ -1,8 +1,10 @@
 #include "platform/model/faults.h"
 
+#include <utility>
 #include <vector>
 
 #include "platform/model/guard.h"
+#include "platform/model/schedule.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
 
@@ -17,13 +19,14 @@ static ModelMutex faultMutex;
 static FaultPlan plan;
 static bool armed;
 static bool delivered;
+static bool inWindow;     // the first was delivered there
 static uint64_t matched;  // since the plan was armed
 static uint64_t drawn;    // the coin's state
 static uint64_t calls[KindCount];
 static std::vector<TagCalls> poolCalls;
 
 void FaultsBoot() {
-  armed = delivered = false;
+  armed = delivered = inWindow = false;
   matched = 0;
   for (uint64_t &count : calls) {
     count = 0;
@@ -35,15 +38,19 @@ void FaultArm(const FaultPlan &Plan) {
   Guard guard(faultMutex);
   plan = Plan;
   armed = true;
-  delivered = false;
+  delivered = inWindow = false;
   matched = 0;
   drawn = Plan.Seed;
 }
 
 bool FaultDisarm() {
   Guard guard(faultMutex);
-  armed = false;
-  return delivered;
+  return std::exchange(armed, false) && delivered;
+}
+
+bool FaultInWindow() {
+  Guard guard(faultMutex);
+  return inWindow;
 }
 
 static TagCalls *FindTag(ULONG tag) {
@@ -105,6 +112,7 @@ bool FaultHere(FaultKind Kind, ULONG Tag) {
         armed && (plan.Kinds & Kind) && (Kind != FaultPool || plan.Tag == 0 || plan.Tag == Tag);
     if (matches) {
       fails = Fails();
+      inWindow |= fails && !delivered && ScheduleInWindow();
       delivered |= fails;
     }
   }

@@ -19,6 +19,7 @@ enum FaultKind : uint32_t {
   FaultRegistry = 0x0400,   // IoOpenDeviceRegistryKey, ZwQueryValueKey, RtlQueryRegistryValues
   FaultEventLog = 0x0800,   // IoAllocateErrorLogEntry
   FaultWait = 0x1000,       // KeWaitForMultipleObjects returns an unexpected status
+  FaultLower = 0x2000,      // a scripted driver asks for each request that it may fail
   FaultEverything = 0xFFFFFFFF
 };
 
@@ -31,9 +32,12 @@ struct FaultPlan {
   uint64_t Seed = 0;
 };
 
-// One plan at a time. Arming starts the count anew; Disarm returns whether the fault was delivered.
+// One plan at a time. Arming starts the count anew; Disarm returns whether the fault of
+// the plan that was still armed was delivered.
 void FaultArm(const FaultPlan &Plan);
 bool FaultDisarm();
+// Whether the first fault of the last plan was delivered inside an exploration's window.
+bool FaultInWindow();
 
 // Calls so far in this run that a plan of these kinds and this tag would have counted.
 uint64_t FaultCount(uint32_t Kinds, ULONG Tag = 0);

@@ -146,7 +146,9 @@ NTSTATUS FileOpen(const std::string &Name, Account Who, HANDLE *Handle) {
 }
 
 void FileClose(HANDLE Handle) {
-  ZwClose(Handle);
+  if (Handle) {
+    ZwClose(Handle);
+  }
 }
 
 static FileBody *BodyOf(HANDLE Handle) {

@@ -17,6 +17,7 @@ NTSTATUS FileOpen(const std::string &Name, Account Who, HANDLE *Handle);
 // Closes: at the last handle the cleanup goes to whatever is on top then, at the last reference
 // the close. Requests still outstanding hold the file object. Waits for cleanup (and for the close
 // when it goes out here).
+// A null handle, of an open that failed, is left alone.
 void FileClose(HANDLE Handle);
 HANDLE FileDuplicate(HANDLE Handle);
 PFILE_OBJECT FileObject(HANDLE Handle);

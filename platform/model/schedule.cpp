@@ -196,6 +196,10 @@ void ScheduleWindow(bool Open) {
   }
 }
 
+bool ScheduleInWindow() {
+  return schedule.WindowOpen;
+}
+
 void ScheduleEnd() {
   if (schedule.Lenient || schedule.Given.size() <= schedule.Made.size()) {
     return;

@@ -26,6 +26,7 @@ void ScheduleBeginBounded(unsigned Preemptions, const Choices &Given);
 // Given as far as it fits (a choice that is not offered is 0). Whole: not in the window only.
 void ScheduleBeginLenient(const Choices &Given, bool Whole);
 void ScheduleWindow(bool Open);
+bool ScheduleInWindow();
 // The run has come to its end: stops it when it did not get to every choice that it was to replay.
 void ScheduleEnd();
 

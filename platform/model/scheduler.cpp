@@ -31,6 +31,7 @@ const char SettleOrder = 0;
 static LIST_ENTRY readyQueue;
 static unsigned readyCount;
 static LIST_ENTRY settlers;
+static LIST_ENTRY rescuers;  // see ThreadAwaitDeadlock
 static unsigned live;
 static unsigned running;  // thread executor: threads that are not blocked
 static unsigned threadsMade;
@@ -47,6 +48,7 @@ void SchedulerBoot(bool Threads, uint64_t MostSteps) {
   InitializeListHead(&ThreadList);
   InitializeListHead(&readyQueue);
   InitializeListHead(&settlers);
+  InitializeListHead(&rescuers);
   readyCount = live = running = LockWaiters = 0;
   switches = steps = threadsMade = 0;
   mostSteps = MostSteps;
@@ -95,6 +97,20 @@ unsigned SchedulerHighest(bool OrSelf) {
   return OrSelf ? best : best - 1;
 }
 
+static PKTHREAD FirstOf(LIST_ENTRY *list) {
+  return IsListEmpty(list) ? nullptr : CONTAINING_RECORD(RemoveHeadList(list), _KTHREAD, QueueLink);
+}
+
+// Nothing can ever go on, unless somebody waits for just that.
+static PKTHREAD RescuerOrStop() {
+  PKTHREAD rescuer = FirstOf(&rescuers);
+  if (!rescuer) {
+    PacketsRequireCancelledEnded();
+    StopDeadlock();
+  }
+  return rescuer;
+}
+
 // Who goes on when the current fiber cannot; may be that fiber itself.
 static PKTHREAD ChooseNext() {
   for (;;) {
@@ -104,12 +120,11 @@ static PKTHREAD ChooseNext() {
     if (readyCount > 0) {
       return TakeReady(ScheduleAtBlock(readyCount));
     }
-    if (!IsListEmpty(&settlers)) {
-      return CONTAINING_RECORD(RemoveHeadList(&settlers), _KTHREAD, QueueLink);
+    if (PKTHREAD settler = FirstOf(&settlers)) {
+      return settler;
     }
     if (TimedWaiters == 0) {
-      PacketsRequireCancelledEnded();
-      StopDeadlock();
+      return RescuerOrStop();
     }
     ClockToNextDeadline();
   }
@@ -134,11 +149,10 @@ static void SwitchTo(PKTHREAD self, PKTHREAD next) {
 
 // Thread executor: the last thread that ran has blocked or ended.
 static void Idle() {
-  if (!IsListEmpty(&settlers)) {
-    SchedulerWake(CONTAINING_RECORD(RemoveHeadList(&settlers), _KTHREAD, QueueLink));
+  if (PKTHREAD settler = FirstOf(&settlers)) {
+    SchedulerWake(settler);
   } else if (TimedWaiters == 0) {
-    PacketsRequireCancelledEnded();
-    StopDeadlock();
+    SchedulerWake(RescuerOrStop());
   } else if (!ClockReal) {
     ClockToNextDeadline();
   }
@@ -457,16 +471,24 @@ const char *ThreadName(PKTHREAD Thread) {
   return Thread->Name;
 }
 
-void ThreadSettle() {
+static void Settle(LIST_ENTRY *among) {
   PKTHREAD self = CurrentThread;
   SyncRelease(&SettleOrder);
   {
     Guard guard(DispatcherMutex);
     self->State = ThreadState::Settling;
-    InsertTailList(&settlers, &self->QueueLink);
+    InsertTailList(among, &self->QueueLink);
     SchedulerBlock(self);
   }
   SyncAcquire(&SettleOrder);
+}
+
+void ThreadSettle() {
+  Settle(&settlers);
+}
+
+void ThreadAwaitDeadlock() {
+  Settle(&rescuers);
 }
 
 bool ThreadYieldToReady() {

@@ -157,10 +157,15 @@ static NTSTATUS ServeQueuedRead(LowerPort *Port, PIRP Irp) {
   return Complete(Port, Irp, STATUS_SUCCESS, bytes, false);
 }
 
+// A cleanup or close does not fail.
+static bool FailsHere(UCHAR Major) {
+  return Major != IRP_MJ_CLEANUP && Major != IRP_MJ_CLOSE && FaultHere(FaultLower);
+}
+
 static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
   LowerPort *port = PortOfDevice(Device);
   UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
-  if (!Record(port, Irp)) {
+  if (FailsHere(major) || !Record(port, Irp)) {
     return Complete(port, Irp, STATUS_INSUFFICIENT_RESOURCES, "", false);
   }
   switch (port->How[major]) {
@@ -190,7 +195,10 @@ static NTSTATUS LowerPower(PDEVICE_OBJECT Device, PIRP Irp) {
   if (port->How[IRP_MJ_POWER] != Behaviour::Inline) {
     return Hold(port, Irp, port->How[IRP_MJ_POWER] == Behaviour::Pend);
   }
-  NTSTATUS failure = port->Result[IRP_MJ_POWER];
+  UCHAR minor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
+  bool known = minor == IRP_MN_SET_POWER || minor == IRP_MN_QUERY_POWER;
+  NTSTATUS failure =
+      known && FaultHere(FaultLower) ? STATUS_INSUFFICIENT_RESOURCES : port->Result[IRP_MJ_POWER];
   if (failure != STATUS_SUCCESS) {
     Complete(port, Irp, failure, "", false);
     return failure;

@@ -10,6 +10,7 @@
 
 #include "driver/entry.h"
 #include "platform/model/cancel_lock.h"
+#include "tests/support/failing.h"
 
 // VORLIX_FORCE puts every run under harsher conditions: "paged" closes paged pool at
 // DISPATCH_LEVEL.
@@ -114,7 +115,7 @@ static void Play(const std::function<void(World *)> &Scenario, const WorldOption
 }
 
 // VORLIX_REPLAY, the string that a failure printed, runs that one schedule again.
-static RunOptions ReplayOptions(const char *Replay) {
+RunOptions ReplayOptions(const char *Replay) {
   RunOptions options;
   if (Replay != nullptr) {
     options.Schedule.How = SchedulePolicy::Kind::Replay;
@@ -123,15 +124,29 @@ static RunOptions ReplayOptions(const char *Replay) {
   return options;
 }
 
-void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &Options) {
-  RunReport report =
-      ModelRun(ReplayOptions(getenv("VORLIX_REPLAY")), [&] { Play(Scenario, Options); });
-  EXPECT_FALSE(report.Stopped) << report.Text;
+// VORLIX_FAIL, as a failure printed it, is one such turn alone, with VORLIX_REPLAY under that
+// schedule. Asked for anything else there are none.
+static void ExpectNoFailureInTurn(const std::function<void(World *)> &Scenario,
+                                  unsigned Preemptions, const WorldOptions &Options) {
+  bool other = getenv("VORLIX_REPLAY") != nullptr || getenv("VORLIX_EXPLORE") != nullptr ||
+               getenv("VORLIX_FORCE") != nullptr || testing::Test::HasFailure() ||
+               !Options.FailsInTurn;
+  if (getenv("VORLIX_FAIL") != nullptr || !other) {
+    std::string failed = FailInTurn(Scenario, Preemptions, Options);
+    EXPECT_TRUE(failed.empty()) << failed;
+  }
 }
 
-// A failed expectation ends the run like a rule of the verifier's, so that it is made short,
-// explained and replayed as well, also when another process found it.
-static void StopAtFailure(const testing::TestPartResultArray &Failures, int From) {
+void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &Options) {
+  if (getenv("VORLIX_FAIL") == nullptr) {
+    RunReport report =
+        ModelRun(ReplayOptions(getenv("VORLIX_REPLAY")), [&] { Play(Scenario, Options); });
+    EXPECT_FALSE(report.Stopped) << report.Text;
+  }
+  ExpectNoFailureInTurn(Scenario, 0, Options);
+}
+
+void StopAtFailure(const testing::TestPartResultArray &Failures, int From) {
   if (Failures.size() > From) {
     const testing::TestPartResult &first = Failures.GetTestPartResult(From);
     VerifierStop("expectation", nullptr, "%s:%d\n%s", first.file_name(), first.line_number(),
@@ -176,6 +191,7 @@ ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigne
   testing::Test::RecordProperty("runs", static_cast<int>(result.Runs));
   EXPECT_FALSE(result.Failure.Stopped) << result.Failure.Text;
   EXPECT_TRUE(result.Exhausted || result.Failure.Stopped) << "gave up after " << result.Runs;
+  ExpectNoFailureInTurn(Scenario, asked.Preemptions > 1 ? 1 : 0, Options);
   return result;
 }
 
@@ -268,23 +284,41 @@ void GoNormal(World *World, bool WithClient) {
   EXPECT_EQ(NextFrame(World, 64).Header.Code, 0u);
 }
 
+// When calls fail, somebody may leave a request behind, or use it again, that had not to wait.
+static void GiveUp(Io *Io) {
+  if (Failing() && std::exchange(Io->Sent, false)) {
+    FileCancel(Io);
+    FileWait(Io);
+  }
+}
+
+Io::~Io() {
+  GiveUp(this);
+}
+
 std::string Io::Text() const {
   return std::string(Buffer.begin(), Buffer.begin() + static_cast<long>(Iosb.Information));
 }
 
 NTSTATUS StartRead(HANDLE Handle, Io *Io, size_t Length) {
+  GiveUp(Io);
+  Io->Sent = true;
   Io->Major = IRP_MJ_READ;
   Io->Buffer.assign(Length, 0xEE);
   return FileSend(Handle, Io);
 }
 
 NTSTATUS StartWrite(HANDLE Handle, Io *Io, const std::string &Bytes) {
+  GiveUp(Io);
+  Io->Sent = true;
   Io->Major = IRP_MJ_WRITE;
   Io->Buffer.assign(Bytes.begin(), Bytes.end());
   return FileSend(Handle, Io);
 }
 
 NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Input) {
+  GiveUp(Io);
+  Io->Sent = true;
   Io->Major = IRP_MJ_DEVICE_CONTROL;
   Io->ControlCode = Code;
   Io->Buffer.assign(Input.begin(), Input.end());
@@ -301,6 +335,11 @@ static NTSTATUS OwnDone(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
 NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet) {
   KeInitializeEvent(&Packet->Done, NotificationEvent, FALSE);
   Packet->Irp = IoAllocateIrp(Device->StackSize, FALSE);
+  if (Packet->Irp == nullptr) {
+    Packet->Iosb.Status = STATUS_INSUFFICIENT_RESOURCES;
+    KeSetEvent(&Packet->Done, IO_NO_INCREMENT, FALSE);
+    return Packet->Iosb.Status;
+  }
   Packet->Irp->Cancel = Packet->Cancelled;
   Packet->Irp->IoStatus.Information = 77;
   Packet->Irp->AssociatedIrp.SystemBuffer = Packet->Bytes.empty() ? nullptr : Packet->Bytes.data();
@@ -317,7 +356,9 @@ NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet) {
 
 NTSTATUS OwnWait(OwnPacket *Packet) {
   KeWaitForSingleObject(&Packet->Done, Executive, KernelMode, FALSE, nullptr);
-  IoFreeIrp(Packet->Irp);
+  if (Packet->Irp != nullptr) {
+    IoFreeIrp(Packet->Irp);
+  }
   return Packet->Iosb.Status;
 }
 

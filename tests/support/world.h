@@ -2,6 +2,8 @@
 // ZK. Its end checks for free that nothing was left over.
 #pragma once
 
+#include <gtest/gtest-test-part.h>
+
 #include <functional>
 #include <map>
 #include <set>
@@ -31,6 +33,7 @@ struct WorldOptions {
   bool Start = true;
   DosName Name = DosName::OwnStack;
   RelayPlace Relay = RelayPlace::None;
+  bool FailsInTurn = true;  // the scenario is also played with each of its calls failing
 };
 
 struct World {
@@ -63,6 +66,11 @@ void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &
 // tells with ExploreSaw how it ended, and a failed expectation ends the exploration.
 ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions = 2,
                            const WorldOptions &Options = {});
+// A failed expectation among these, from the one given on, ends the run like a rule of the
+// verifier's, so that it is made short, explained and replayed as well, in another process, too.
+void StopAtFailure(const testing::TestPartResultArray &Failures, int From);
+// The options of a run that repeats the schedule of a replay string; null: first in, first out.
+RunOptions ReplayOptions(const char *Replay);
 // What the scenario told, without how often.
 std::set<std::string> OutcomesOf(const ExploreResult &Result);
 // "success", "cancelled", "refused" (the port goes), "gone" (the device has gone), or the number.
@@ -81,8 +89,10 @@ void CloseZk(World *World);
 // Both open, mode NORMAL, the reply read.
 void GoNormal(World *World, bool WithClient = true);
 
-// A read or write under way.
+// A read or write under way. A scenario that is left at a call that failed gives it up.
 struct Io : FileRequest {
+  bool Sent = false;
+  ~Io();
   std::string Text() const;  // what a finished read brought
 };
 NTSTATUS StartRead(HANDLE Handle, Io *Io, size_t Length);
