@@ -13,11 +13,6 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *Data, size_t Size);
 
-// Traces of allocations cost more than all the rest.
-extern "C" __attribute__((used)) inline const char *__asan_default_options() {
-  return "malloc_context_size=1:quarantine_size_mb=16";
-}
-
 struct Input {
   const uint8_t *At;
   size_t Left;

@@ -79,6 +79,7 @@ static void DecodeStrings(const IO_ERROR_LOG_PACKET *Packet, EventLogEntry *Entr
   }
   for (USHORT i = 0; i < Packet->NumberOfStrings; ++i) {
     std::vector<WCHAR> text;
+    text.reserve(Entry->Size / sizeof(WCHAR));
     WCHAR character = 0;
     do {
       if (at + sizeof character > Entry->Size) {

@@ -49,6 +49,7 @@ struct FileIo {
 static ModelMutex FileMutex;
 static uint64_t CancelRounds;
 static LIST_ENTRY LiveIo = {&LiveIo, &LiveIo};
+static FileIo *FreeIos;  // for reuse, by Next; guarded by FileMutex
 
 // ---- file objects ----
 
@@ -319,10 +320,14 @@ static void LeaveFile(FileIo *Io) {
   }
 }
 
+// What a driver gets to see is given back to the heap, whose tools watch it; the record is not.
 static void FreeIo(FileIo *Io) {
   free(Io->SystemBuffer);
   free(Io->Output);
-  delete Io;
+  SyncRelease(Io);
+  Guard guard(FileMutex);
+  Io->Next = FreeIos;
+  FreeIos = Io;
 }
 
 void FilesShutdown() {
@@ -354,6 +359,22 @@ static void FinishFileIo(PIRP Irp, void *Context) {
 }
 
 // ---- requests ----
+
+static FileIo *MakeIo(FileRequest *Request) {
+  FileIo *io;
+  {
+    Guard guard(FileMutex);
+    io = FreeIos;
+    FreeIos = io ? io->Next : nullptr;
+  }
+  if (!io) {
+    io = new FileIo;
+  }
+  SyncAcquire(io);
+  *io = {};
+  io->Request = Request;
+  return io;
+}
 
 static void EnterFile(FileIo *Io, FileBody *Body, PIRP Irp) {
   ObfReferenceObject(Body);
@@ -410,8 +431,7 @@ NTSTATUS FileSend(HANDLE Handle, FileRequest *Request) {
     return STATUS_INVALID_HANDLE;
   }
   SwitchPoint(SwitchReason::Call, Request);
-  FileIo *io = new FileIo();
-  io->Request = Request;
+  FileIo *io = MakeIo(Request);
   PDEVICE_OBJECT top = DeviceTop(body->File.DeviceObject);
   PIRP irp = PacketMake(top->StackSize, FinishFileIo, io);
   FillRequest(io, irp, body, top->Flags);

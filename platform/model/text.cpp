@@ -20,6 +20,7 @@ static void AppendUtf8(std::string *Text, uint32_t Point) {
 
 std::string TextFromWide(const WCHAR *Characters, size_t Count) {
   std::string text;
+  text.reserve(Count);
   for (size_t i = 0; i < Count; ++i) {
     uint32_t point = static_cast<uint16_t>(Characters[i]);
     if (point >= 0xD800 && point < 0xDC00 && i + 1 < Count) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "platform/model/irql.h"
 
@@ -58,7 +59,7 @@ static bool Record(LowerPort *Port, PIRP Irp) {
     seen.ControlCode = stack->Parameters.DeviceIoControl.IoControlCode;
   }
   std::lock_guard<std::mutex> guard(Port->Mutex);
-  Port->Seen.push_back(seen);
+  Port->Seen.push_back(std::move(seen));
   return true;
 }
 
