@@ -247,7 +247,7 @@ TEST(Forced, CancelledAtEverySwitchPoint) {
             world->Lower.How[IRP_MJ_WRITE] = world->Lower.How[IRP_MJ_DEVICE_CONTROL] = below;
             PlayScene(world, Scenes[i]);
           },
-          1);
+          2);
       EXPECT_GT(result.Runs, 5u);
       EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"hit"}));
     }

@@ -16,12 +16,18 @@ struct Story {
   bool Revived = false;  // and a later one has not
   // Reads that a fault left without their bytes are cancelled, once nothing else goes on.
   bool GivesUp = false;
+  size_t Steps = 0;                       // told so far
+  std::function<void()> Began = nullptr;  // called when the next step begins
 };
 
 static bool Tell(Story *Story, const std::string &Step, bool Worked) {
   Story->Text += (Worked ? Step : "-") + " ";
   Story->Revived |= Story->Failed && Worked;
   Story->Failed |= !Worked;
+  ++Story->Steps;
+  if (Story->Began) {
+    Story->Began();
+  }
   return Worked;
 }
 
@@ -115,68 +121,104 @@ static void Live(World *World, Story *Story, const std::function<void()> &Again 
   CloseClient(World);
 }
 
-static std::string Undisturbed() {
-  Story story;
-  RunWorld([&](World *world) {
-    Live(world, &story);
-    EXPECT_EQ(LowerWritten(&world->Lower), "outzkparked");
-  });
-  EXPECT_FALSE(story.Failed) << story.Text;
-  return story.Text;
+// The story of a life that nothing disturbs. Not from inside of a run, the first time.
+static const std::string &Undisturbed() {
+  static const std::string whole = [] {
+    Story story;
+    RunWorld([&](World *world) {
+      Live(world, &story);
+      EXPECT_EQ(LowerWritten(&world->Lower), "outzkparked");
+    });
+    EXPECT_FALSE(story.Failed) << story.Text;
+    return story.Text;
+  }();
+  return whole;
 }
 
-using Disturbance = void (*)(World *World);
+// Those before the first that failed.
+static size_t StepsDone(const std::string &Story) {
+  std::string done = Story.substr(0, Story.find('-'));
+  return static_cast<size_t>(std::count(done.begin(), done.end(), ' '));
+}
+
+struct Disturbed {
+  void (*Disturb)(World *World);
+  void (*Judge)(World *World, const Story &Story);
+  bool OpensAgain = false;
+  ULONG Buffering = DO_BUFFERED_IO;
+};
+
+constexpr size_t WholeLife = SIZE_MAX;
+
+// The window is open, and the disturbance begins, from the given step on until the next.
+static void PlayDisturbed(World *World, const Disturbed &Case, size_t Step) {
+  Story story;
+  KEVENT begin;
+  KeInitializeEvent(&begin, NotificationEvent, Step == WholeLife);
+  story.Began = [&] {
+    if (Step != WholeLife && story.Steps == Step) {
+      KeSetEvent(&begin, IO_NO_INCREMENT, FALSE);
+      ExploreWindow(true);
+    } else if (Step != WholeLife) {
+      ExploreWindow(false);
+    }
+  };
+  PKTHREAD other = ThreadStart("disturb", [&] {
+    KeWaitForSingleObject(&begin, Executive, KernelMode, FALSE, nullptr);
+    Case.Disturb(World);
+  });
+  std::function<void()> again;
+  if (Case.OpensAgain) {
+    again = [&] { KeWaitForSingleObject(other, Executive, KernelMode, FALSE, nullptr); };
+  }
+  ExploreWindow(Step == WholeLife);
+  PKTHREAD life = ThreadStart("life", [&] {
+    story.Began();
+    Live(World, &story, again);
+  });
+  ThreadJoin(life);
+  ThreadJoin(other);
+  ExploreWindow(false);
+  ThreadSettle();
+  Case.Judge(World, story);
+}
 
 // Plays the life against the disturbance beginning at every switch point of it, and the life
-// beginning at every switch point of the disturbance. Judge sees each story.
-static ExploreResult DisturbEverywhere(Disturbance Disturb, bool OpensAgain, ULONG Buffering,
-                                       const std::function<void(World *, const Story &)> &Judge) {
+// beginning at every switch point of the disturbance; then each step of the life against the
+// disturbance, with two preemptions.
+static ExploreResult DisturbEverywhere(const Disturbed &Case) {
   WorldOptions options;
-  options.Buffering = Buffering;
-  return ExploreWorld(
-      [&](World *world) {
-        Story story;
-        PKTHREAD other = ThreadStart("disturb", [&] { Disturb(world); });
-        std::function<void()> again;
-        if (OpensAgain) {
-          again = [&] { KeWaitForSingleObject(other, Executive, KernelMode, FALSE, nullptr); };
-        }
-        PKTHREAD life = ThreadStart("life", [&] { Live(world, &story, again); });
-        ExploreWindow(true);
-        ThreadJoin(life);
-        ThreadJoin(other);
-        ExploreWindow(false);
-        ThreadSettle();
-        Judge(world, story);
-      },
-      1, options);
-}
-
-static size_t StepsDone(const Story &Story) {
-  size_t steps = 0;
-  for (char c : Story.Text) {
-    if (c == '-') {
-      break;
-    }
-    steps += c == ' ';
+  options.Buffering = Case.Buffering;
+  auto explore = [&](size_t step, unsigned preemptions) {
+    options.FailsInTurn = step == WholeLife;
+    return ExploreWorld([&](World *world) { PlayDisturbed(world, Case, step); }, preemptions,
+                        options);
+  };
+  size_t steps = StepsDone(Undisturbed());
+  ExploreResult whole = explore(WholeLife, 1);
+  for (size_t step = 0; step < steps && !testing::Test::HasFailure(); ++step) {
+    SCOPED_TRACE(testing::Message() << "step " << step);
+    EXPECT_GT(explore(step, 2).Runs, 100u);
   }
-  return steps;
+  return whole;
 }
 
 // Every step but the last is the last that worked in some run, and once one failed none works.
 TEST(WholeLife, PulledOutAtEverySwitchPoint) {
   std::string whole = Undisturbed();
-  size_t steps = static_cast<size_t>(std::count(whole.begin(), whole.end(), ' '));
   for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
-    ExploreResult result =
-        DisturbEverywhere([](World *w) { PnpSurpriseRemove(w->Node); }, false, buffering,
-                          [&](World *world, const Story &story) {
-                            EXPECT_FALSE(story.Revived) << story.Text;
-                            EXPECT_EQ(WorldPort(world)->RequestCount, 1);
-                            ExploreSaw(std::to_string(StepsDone(story)));
-                          });
+    ExploreResult result = DisturbEverywhere({
+        .Disturb = [](World *w) { PnpSurpriseRemove(w->Node); },
+        .Judge =
+            [](World *world, const Story &story) {
+              EXPECT_FALSE(story.Revived) << story.Text;
+              EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+              ExploreSaw(std::to_string(StepsDone(story.Text)));
+            },
+        .Buffering = buffering,
+    });
     EXPECT_GT(result.Runs, 1000u);
-    for (size_t step = 0; step <= steps; ++step) {
+    for (size_t step = 0; step <= StepsDone(whole); ++step) {
       EXPECT_TRUE(result.Outcomes.count(std::to_string(step)))
           << "never pulled out after step " << step << " of " << whole;
     }
@@ -185,46 +227,49 @@ TEST(WholeLife, PulledOutAtEverySwitchPoint) {
 
 // Nobody notices: requests wait for the cancel and go on.
 TEST(WholeLife, RemovalQueriedAndCancelledAtEverySwitchPoint) {
-  std::string whole = Undisturbed();
-  for (bool settle : {false, true}) {
-    // With a pause in between the life comes to where it waits for a parked request.
-    Disturbance disturb = settle ? Disturbance([](World *w) {
-      EXPECT_EQ(PnpQueryRemove(w->Node), STATUS_SUCCESS);
-      ThreadSettle();
-      EXPECT_EQ(PnpCancelRemove(w->Node), STATUS_SUCCESS);
-    })
-                                 : Disturbance([](World *w) {
-                                     EXPECT_EQ(PnpQueryRemove(w->Node), STATUS_SUCCESS);
-                                     EXPECT_EQ(PnpCancelRemove(w->Node), STATUS_SUCCESS);
-                                   });
-    ExploreResult result =
-        DisturbEverywhere(disturb, false, DO_BUFFERED_IO, [&](World *world, const Story &story) {
-          EXPECT_EQ(story.Text, whole);
-          EXPECT_EQ(LowerWritten(&world->Lower), "outzkparked");
-        });
+  static bool settle;
+  for (bool pause : {false, true}) {
+    settle = pause;
+    ExploreResult result = DisturbEverywhere({
+        .Disturb =
+            [](World *w) {
+              EXPECT_EQ(PnpQueryRemove(w->Node), STATUS_SUCCESS);
+              if (settle) {
+                ThreadSettle();  // the life comes to where it waits for a parked request
+              }
+              EXPECT_EQ(PnpCancelRemove(w->Node), STATUS_SUCCESS);
+            },
+        .Judge =
+            [](World *world, const Story &story) {
+              EXPECT_EQ(story.Text, Undisturbed());
+              EXPECT_EQ(LowerWritten(&world->Lower), "outzkparked");
+            },
+    });
     EXPECT_GT(result.Runs, 1000u);
   }
 }
 
 // A stop is refused while somebody has the port open; an open that comes too late is refused.
 TEST(WholeLife, RebalancedAtEverySwitchPoint) {
-  std::string whole = Undisturbed();
   static bool granted;
-  ExploreResult result = DisturbEverywhere(
-      [](World *w) {
-        granted = PnpQueryStop(w->Node) == STATUS_SUCCESS;
-        if (granted) {
-          EXPECT_EQ(PnpStop(w->Node), STATUS_SUCCESS);
-          EXPECT_EQ(PnpStart(w->Node), STATUS_SUCCESS);
-        } else {
-          EXPECT_EQ(PnpCancelStop(w->Node), STATUS_SUCCESS);
-        }
-      },
-      true, DO_BUFFERED_IO,
-      [&](World *, const Story &story) {
-        EXPECT_EQ(story.Text, whole);
-        ExploreSaw(std::string(granted ? "stopped" : "refused"));
-      });
+  ExploreResult result = DisturbEverywhere({
+      .Disturb =
+          [](World *w) {
+            granted = PnpQueryStop(w->Node) == STATUS_SUCCESS;
+            if (granted) {
+              EXPECT_EQ(PnpStop(w->Node), STATUS_SUCCESS);
+              EXPECT_EQ(PnpStart(w->Node), STATUS_SUCCESS);
+            } else {
+              EXPECT_EQ(PnpCancelStop(w->Node), STATUS_SUCCESS);
+            }
+          },
+      .Judge =
+          [](World *, const Story &story) {
+            EXPECT_EQ(story.Text, Undisturbed());
+            ExploreSaw(std::string(granted ? "stopped" : "refused"));
+          },
+      .OpensAgain = true,
+  });
   EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"stopped", "refused"}));
 }
 
