@@ -19,8 +19,6 @@ sys.path.insert(0, str(ROOT / "host"))
 import rig  # noqa: E402
 
 INVALID_PARAMETER = 0xC000000D
-ACCESS_DENIED = 0xC0000022
-CANCELLED = 0xC0000120
 
 ALL_BYTES = bytes(range(256))
 
@@ -52,6 +50,11 @@ class RigTest(unittest.TestCase):
 
     def host(self, ports, options=()):
         return self.enter(rig.Host(self.loop, HOST, self.directory, ports, ("--verify", *options)))
+
+    def ready_host(self, ports):
+        host = self.host(ports)
+        host.wait_ready()
+        return host
 
     def plug(self, name="tty"):
         """A place for devices, with one in it."""
@@ -108,13 +111,10 @@ class RigTest(unittest.TestCase):
 
 
 class PortTest(RigTest):
-    OPTIONS = ()
-
     def setUp(self):
         super().setUp()
         self.device = self.enter(rig.Device(self.loop))
-        self.port_host = self.host([(self.device.path, "COM3")], self.OPTIONS)
-        self.port_host.wait_ready()
+        self.port_host = self.ready_host([(self.device.path, "COM3")])
 
     def tearDown(self):
         if self.port_host.status is None:

@@ -39,11 +39,6 @@ class Bytes(support.PortTest):
         self.assertEqual(controller.seen("client"), bytes(client.sent))
         self.assertEqual(controller.seen("lower"), bytes(self.device.sent))
 
-    def test_controller_sees_the_port_before_a_client_opens(self):
-        controller = self.controller()
-        self.device.write(b"anybody there?")
-        self.until(lambda: controller.seen("lower") == b"anybody there?", "what the device said")
-
     def test_controller_comes_and_goes_around_a_client(self):
         client = self.client()
         self.greet(client)

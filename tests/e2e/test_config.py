@@ -3,6 +3,7 @@
 import json
 import os
 import signal
+import termios
 import unittest
 
 import support
@@ -43,7 +44,7 @@ class Config(support.RigTest):
     def test_every_port_has_its_own_settings(self):
         first, second = self.plug("tty1"), self.plug("tty2")
         host = self.configured(
-            {"port": first.path, "name": "COM3", "line": "19200",
+            {"port": first.path, "name": "COM3", "line": "19200,7O2",
              "registry": {"VORLIXProxyReadLimit": 16}},
             {"port": second.path, "name": "COM4"},
             options=("--line", "4800", "--registry", "VORLIXProxyReadLimit=0x20"))
@@ -55,7 +56,11 @@ class Config(support.RigTest):
             self.addCleanup(os.close, fd)
             os.write(fd, b"x")
             self.receives(device, b"x", "the byte behind the settings")
-            self.assertEqual(device.line().speed, speed)
+            line = device.line()
+            self.assertEqual(line.speed, speed)
+            # Of the parity a pty keeps this bit.
+            self.assertEqual([bool(line.control & flag)
+                              for flag in (termios.CSTOPB, termios.PARODD)], [name == "COM3"] * 2)
             device.write(some_bytes(200))
             self.until(lambda: controller.seen("lower") == some_bytes(200), "the whole view")
             self.assertEqual(max(len(event["data"]) // 2 for event in controller.of_kind("report")
@@ -171,8 +176,7 @@ class Config(support.RigTest):
 
     def test_hang_up_without_a_file(self):
         tty = self.plug()
-        host = self.host([(tty.path, "COM3")])
-        host.wait_ready()
+        host = self.ready_host([(tty.path, "COM3")])
         host.signal(signal.SIGHUP)
         self.until_said(host, "SIGHUP is ignored: there is no --config to read again")
         self.talk(host, tty.device)

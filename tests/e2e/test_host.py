@@ -1,4 +1,4 @@
-"""The host program: what it refuses, how it ends, several ports."""
+"""The host program: what it refuses, how it ends, what a killed one leaves."""
 
 import fcntl
 import os
@@ -24,17 +24,6 @@ class Refusals(support.RigTest):
                      "COM4: /dev/null: not a serial device")
         fcntl.flock(device.slave, fcntl.LOCK_EX)
         self.refused([(device.path, "COM3")], f"COM3: {device.path}: in use by another program")
-
-    def test_name_that_is_taken(self):
-        devices = [self.enter(rig.Device(self.loop)) for _ in range(2)]
-        first = self.host([(devices[0].path, "COM3")])
-        first.wait_ready()
-        second = self.host([(devices[1].path, "COM3")])
-        self.assertEqual(second.wait_exit("the second host to refuse"), 1)
-        self.assertEqual(complaints(second),
-                         [f"COM3: {self.directory}/COM3: in use by another vorlix-host"])
-        self.assertTrue(os.path.exists(first.client_path()))
-        self.assertEqual(first.stop(), 0)
 
     def test_files_of_others_are_left_alone(self):
         device = self.enter(rig.Device(self.loop))
@@ -70,45 +59,15 @@ class Refusals(support.RigTest):
 class Life(support.RigTest):
     def test_a_host_that_was_killed_leaves_nothing_in_the_way(self):
         device = self.enter(rig.Device(self.loop))
-        first = self.host([(device.path, "COM3")])
-        first.wait_ready()
+        first = self.ready_host([(device.path, "COM3")])
         first.signal(signal.SIGKILL)
         first.wait_exit("the killed host")
-        second = self.host([(device.path, "COM3")])
-        second.wait_ready()
+        second = self.ready_host([(device.path, "COM3")])
         client = self.enter(rig.Client(self.loop, second.client_path()))
         client.write(b"again")
         self.receives(device, b"again", "the client's bytes")
         self.assertEqual(second.stop(), 0)
         self.assertEqual([name for name in os.listdir(self.directory) if "COM" in name], [])
-
-    def test_ports_of_one_host_are_independent(self):
-        devices = [self.enter(rig.Device(self.loop)) for _ in range(2)]
-        names = ["COM3", "COM4"]
-        host = self.host([(device.path, name) for device, name in zip(devices, names)])
-        host.wait_ready()
-        controllers = [self.zkctl(name=name) for name in names]
-        for controller in controllers:
-            controller.wait_reply(1)
-        clients = [self.enter(rig.Client(self.loop, host.client_path(name))) for name in names]
-        controllers[0].command("lock")
-        controllers[0].wait_reply(2)
-        for number, client in enumerate(clients):
-            client.write(b"to port %d" % number)
-        self.receives(devices[1], b"to port 1", "the bytes of the port that is not locked")
-        devices[1].write(b"from port 1")
-        self.receives(clients[1], b"from port 1", "the answer there")
-        self.assertEqual(devices[0].received, b"")
-
-        # One goes; the other one stays.
-        devices[1].close()
-        self.assertEqual(controllers[1].wait_exit("the controller of the port that is gone"), 1)
-        self.until(lambda: clients[1].ended, "the hang-up of its client")
-        self.assertEqual(complaints(host),
-                         [f"COM4: {devices[1].path}: the device is gone"])
-        controllers[0].command("unlock")
-        self.receives(devices[0], b"to port 0", "what was held back at the other")
-        self.assertEqual(host.stop(), 0)
 
     def test_sigterm_in_the_middle_of_everything(self):
         def locked(controller, client, _device):
@@ -131,8 +90,7 @@ class Life(support.RigTest):
         for turmoil in (locked, flooding, controller_writes):
             with self.subTest(turmoil.__name__):
                 device = self.enter(rig.Device(self.loop))
-                host = self.host([(device.path, "COM3")])
-                host.wait_ready()
+                host = self.ready_host([(device.path, "COM3")])
                 controller = self.zkctl()
                 controller.wait_reply(1)
                 client = self.enter(rig.Client(self.loop, host.client_path()))
@@ -144,22 +102,6 @@ class Life(support.RigTest):
                 self.until(lambda: client.ended, "the client's hang-up")
                 client.close()
                 device.close()
-
-
-class ReadLimit(support.PortTest):
-    OPTIONS = ("--registry", "VORLIXProxyReadLimit=16")
-
-    def test_blocks_are_no_larger_than_the_limit(self):
-        controller = self.controller()
-        client = self.client()
-        self.greet(client)
-        data = some_bytes(1000)
-        self.device.write(data)
-        self.receives(client, b"!" + data, "all bytes")
-        self.until(lambda: controller.seen("lower") == b"!" + data, "the whole view")
-        sizes = [len(event["data"]) // 2 for event in controller.of_kind("report")
-                 if event["tag"] == "lower"]
-        self.assertEqual(max(sizes), 16)
 
 
 if __name__ == "__main__":

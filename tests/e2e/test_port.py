@@ -13,13 +13,11 @@ class Opens(support.PortTest):
         for number in range(rounds):
             client = self.client()
             # What the device says between two opens may belong to either, so it only answers.
-            answered = len(self.device.received)
             client.write(b"open %d\n" % number)
             expected += b"open %d\n" % number
             self.until(lambda: len(self.device.received) >= len(expected), f"write {number}")
             self.device.write(b"answer %d\n" % number)
             self.receives(client, b"answer %d\n" % number, f"answer {number}")
-            self.assertGreater(len(self.device.received), answered)
             client.close()
         self.receives(self.device, expected, "what all of them wrote")
 
@@ -41,21 +39,6 @@ class Opens(support.PortTest):
             os.close(fd)
             expected += data
             self.receives(self.device, expected, f"what was written before close {number}")
-
-
-class GivenLine(support.PortTest):
-    OPTIONS = ("--line", "19200,7O2")
-
-    def test_the_line_of_the_options_reaches_the_port(self):
-        fd = os.open(self.port_host.client_path(), os.O_RDWR | os.O_NOCTTY)
-        self.addCleanup(os.close, fd)
-        os.write(fd, b"x")
-        self.receives(self.device, b"x", "the byte behind the settings")
-        line = self.device.line()
-        self.assertEqual(line.speed, 19200)
-        # Of the parity a pty keeps this bit.
-        for flag in (termios.CSTOPB, termios.PARODD):
-            self.assertTrue(line.control & flag)
 
 
 class Line(support.PortTest):
@@ -101,20 +84,6 @@ class Lock(support.PortTest):
         self.device.write(b"answer")
         self.receives(client, b"!answer", "the client to be served again")
 
-    def test_port_s_bytes_are_the_controller_s_while_locked(self):
-        controller = self.controller()
-        client = self.client()
-        self.greet(client)
-        controller.command("lock")
-        controller.wait_reply(2)
-        self.device.write(b"for the controller")
-        self.until(lambda: controller.seen("lower") == b"!for the controller", "the bytes")
-        controller.command("unlock")
-        controller.wait_reply(3)
-        self.device.write(b"for both")
-        self.receives(client, b"!for both", "what comes after the unlock")
-        self.until(lambda: controller.seen("lower").endswith(b"for both"), "the copy")
-
     def test_controller_s_end_ends_the_lock(self):
         controller = self.controller()
         client = self.client()
@@ -126,16 +95,6 @@ class Lock(support.PortTest):
         self.receives(self.device, b"?held", "what was held back")
         self.device.write(b"answer")
         self.receives(client, b"!answer", "the client to be served by the port")
-
-    def test_idle_is_refused_while_locked(self):
-        controller = self.controller(["--level", "1"])
-        controller.command("lock")
-        controller.command("mode idle")
-        self.assertEqual(controller.wait_reply(4)["code"], 0xC0000001)
-        self.assertEqual(controller.texts(),
-                         ["Error setting mode of 0x1 status 0xc0000001"])
-        controller.command("getmode")
-        self.assertEqual(controller.wait_reply(5)["value"], 2)
 
 
 if __name__ == "__main__":

@@ -14,8 +14,7 @@ class Unplug(support.RigTest):
     def setUp(self):
         super().setUp()
         self.tty = self.plug()
-        self.port_host = self.host([(self.tty.path, "COM3")])
-        self.port_host.wait_ready()
+        self.port_host = self.ready_host([(self.tty.path, "COM3")])
 
     def tearDown(self):
         if self.port_host.status is None:
@@ -118,8 +117,7 @@ class Places(support.RigTest):
 
     def test_number_of_a_pty_says_nothing(self):
         device, other = self.enter(rig.Device(self.loop)), self.plug()
-        host = self.host([(device.path, "COM4"), (other.path, "COM5")])
-        host.wait_ready()
+        host = self.ready_host([(device.path, "COM4"), (other.path, "COM5")])
         device.close()
         self.until_said(host, f"COM4: {device.path}: the device is gone")
         for _ in range(50):
@@ -166,8 +164,7 @@ class Places(support.RigTest):
 
     def test_tty_in_use_by_somebody_else_is_there(self):
         tty = self.plug()
-        host = self.host([(tty.path, "COM3")])
-        host.wait_ready()
+        host = self.ready_host([(tty.path, "COM3")])
         tty.unplug()
         self.until_said(host, f"COM3: {tty.path}: the device is gone ({tty.device.path})")
         with self.frozen(host):

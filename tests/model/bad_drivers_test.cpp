@@ -15,19 +15,14 @@ static KSPIN_LOCK Locks[17];
 static FileRequest Request;
 
 static void SendCancelled() {
-  TwoLoad();
   OnLower = HoldIt;
-  HANDLE handle;
-  FileOpen("\\Device\\Low", Account::User, &handle);
-  Request.Buffer.resize(1);
-  FileSend(handle, &Request);
+  BeginRead(OpenLow(), &Request);
   FileCancel(&Request);
 }
 
 static void AnswerPower(void (*Meanwhile)()) {
   static void (*meanwhile)();
   meanwhile = Meanwhile;
-  TwoLoad();
   OnUpper = [](PDEVICE_OBJECT Device, PIRP Irp) {
     meanwhile();
     return Succeed(Device, Irp);
@@ -43,106 +38,7 @@ static PMDL NonpagedMdl(SIZE_T Bytes, PVOID *Pool) {
 
 // ---- packets ----
 
-// What they do with a read.
-static const BadPair Pairs[] = {
-    {"copies the pending mark along", "packet.bad-copy",
-     [](PDEVICE_OBJECT, PIRP Irp) {
-       IoMarkIrpPending(Irp);
-       *IoGetNextIrpStackLocation(Irp) = *IoGetCurrentIrpStackLocation(Irp);
-       return IofCallDriver(Two.Lower, Irp);
-     },
-     Succeed},
-    {"forgets to fill the location below", "packet.bad-copy",
-     [](PDEVICE_OBJECT, PIRP Irp) { return IofCallDriver(Two.Lower, Irp); }, Succeed},
-    {"passes on an unknown function", "packet.bad-major",
-     [](PDEVICE_OBJECT, PIRP Irp) {
-       IoCopyCurrentIrpStackLocationToNext(Irp);
-       IoGetNextIrpStackLocation(Irp)->MajorFunction = IRP_MJ_MAXIMUM_FUNCTION + 1;
-       return IofCallDriver(Two.Lower, Irp);
-     },
-     Succeed},
-    {"sets invoke bits without a routine", "packet.no-routine",
-     [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, nullptr); }, Succeed},
-    {"marks what it has completed", "packet.pend-not-owned",
-     [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, Keep); },
-     [](PDEVICE_OBJECT, PIRP Irp) {
-       CompleteWith(Irp, STATUS_SUCCESS);
-       IoMarkIrpPending(Irp);
-       return STATUS_PENDING;
-     }},
-    {"marks what it has passed on", "packet.pend-not-owned",
-     [](PDEVICE_OBJECT, PIRP Irp) {
-       IoCopyCurrentIrpStackLocationToNext(Irp);
-       IofCallDriver(Two.Lower, Irp);
-       IoMarkIrpPending(Irp);
-       return STATUS_PENDING;
-     },
-     HoldIt},
-    {"makes cancellable what the driver below has", "cancel.not-owner",
-     [](PDEVICE_OBJECT, PIRP Irp) {
-       IoMarkIrpPending(Irp);
-       IoCopyCurrentIrpStackLocationToNext(Irp);
-       IofCallDriver(Two.Lower, Irp);
-       IoSetCancelRoutine(Irp, NoRoutine);
-       return STATUS_PENDING;
-     },
-     HoldIt},
-    {"completes with a status of -1", "packet.bad-status", PassDown,
-     [](PDEVICE_OBJECT, PIRP Irp) { return CompleteWith(Irp, -1); }},
-    {"replaces the MDL", "packet.buffer-changed", PassDown,
-     [](PDEVICE_OBJECT Device, PIRP Irp) {
-       Irp->MdlAddress = IoAllocateMdl(Device, 1, FALSE, FALSE, nullptr);
-       return Succeed(Device, Irp);
-     }},
-};
-
 static const BadRoutine PacketDrivers[] = {
-    {"takes a location of a packet that it was given", "packet.bad-stack",
-     [] {
-       TwoLoad();
-       OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-         IoSetNextIrpStackLocation(Irp);
-         return IofCallDriver(Two.Lower, Irp);
-       };
-       PIRP irp = IoAllocateIrp(4, FALSE);
-       AimRead(irp);
-       IofCallDriver(Two.Upper, irp);
-     }},
-    {"sends an own packet that it takes back on success only", "packet.no-completion",
-     [] {
-       TwoLoad();
-       PIRP irp = OwnRead();
-       IoSetCompletionRoutine(irp, Keep, nullptr, TRUE, FALSE, TRUE);  // not on an error
-       IofCallDriver(Two.Upper, irp);
-     }},
-    {"frees an own packet with a cancel routine", "packet.cancel-routine-set",
-     [] {
-       PIRP irp = IoAllocateIrp(1, FALSE);
-       IoSetCancelRoutine(irp, NoRoutine);
-       IoFreeIrp(irp);
-     }},
-    {"passes on what is no packet", "packet.unknown",
-     [] {
-       TwoLoad();
-       static struct {
-         char Room[4096];
-         IRP Packet;
-       } nothing;
-       IofCallDriver(Two.Upper, &nothing.Packet);
-     }},
-    {"returns with a lock", "lock.not-released",
-     [] {
-       TwoLoad();
-       OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
-         Succeed(Device, Irp);
-         KeInitializeSpinLock(&Locks[0]);
-         KeAcquireSpinLockAtDpcLevel(&Locks[0]);
-         return STATUS_SUCCESS;
-       };
-       PIRP irp = OwnRead();
-       IrqlRaise(DISPATCH_LEVEL);
-       IofCallDriver(Two.Upper, irp);
-     }},
     {"forgets a cancelled packet", "cancel.not-completed",
      [] {
        SendCancelled();
@@ -167,48 +63,25 @@ static const BadRoutine PacketDrivers[] = {
 };
 
 TEST(BadDrivers, Packets) {
-  for (const BadPair &pair : Pairs) {
-    ExpectPairStopped(pair);
-  }
-  for (const BadRoutine &bad : PacketDrivers) {
-    ExpectStopped(bad);
-  }
+  ExpectTwoStopped(PacketDrivers);
 }
 
-TEST(BadDrivers, CopyWithoutARoutineIsAWarning) {
-  ExpectClean([] {
-    TwoLoad();
-    OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-      IoCopyCurrentIrpStackLocationToNext(Irp);
-      return IofCallDriver(Two.Lower, Irp);
-    };
-    SendRead();
-    EXPECT_EQ(VerifierWarnings("copy-without-routine"), 1u);
-    // Who has marked its location cannot skip it.
-    OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-      IoMarkIrpPending(Irp);
-      IoCopyCurrentIrpStackLocationToNext(Irp);
-      IofCallDriver(Two.Lower, Irp);
-      return STATUS_PENDING;
-    };
-    SendRead();
-    EXPECT_EQ(VerifierWarnings("copy-without-routine"), 1u);
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(BadDrivers, CopyWithoutARoutineIsAWarning) {
+  Play("copy down", "complete");
+  EXPECT_EQ(VerifierWarnings("copy-without-routine"), 1u);
+  // Who has marked its location cannot skip it.
+  Play("mark copy down pending", "complete");
+  EXPECT_EQ(VerifierWarnings("copy-without-routine"), 1u);
 }
 
 // A completion routine may free its packet: nobody looks at it after MORE_PROCESSING.
-TEST(BadDrivers, NobodyTouchesWhatARoutineHasTaken) {
-  ExpectCleanOnBoth([] {
-    TwoLoad();
-    auto free = [](PDEVICE_OBJECT, PIRP Irp, PVOID) {
-      IoFreeIrp(Irp);
-      return STATUS_MORE_PROCESSING_REQUIRED;
-    };
-    EXPECT_EQ(IofCallDriver(Two.Upper, OwnRead(free)), STATUS_SUCCESS);
-    EXPECT_EQ(PacketCount(), 0u);
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(BadDrivers, NobodyTouchesWhatARoutineHasTaken) {
+  auto free = [](PDEVICE_OBJECT, PIRP Irp, PVOID) {
+    IoFreeIrp(Irp);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+  };
+  EXPECT_EQ(IofCallDriver(Two.Upper, OwnRead(free)), STATUS_SUCCESS);
+  EXPECT_EQ(PacketCount(), 0u);
 }
 
 // ---- left at the unload ----
@@ -243,13 +116,17 @@ TEST(BadDrivers, WhatIsLeftAtAnUnloadHasAMaker) {
   for (const Leaver &leaver : Leavers) {
     Leaving = &leaver;
     RunReport report = ModelRun({}, [] {
-      Play(Leave, Succeed);
+      TwoLoad();
+      OnUpper = Leave;
+      SendRead();
       TwoUnload();
     });
     EXPECT_EQ(report.Rule, leaver.Rule);
     EXPECT_NE(report.Text.find("\\Driver\\Upper is unloaded"), std::string::npos) << report.Text;
     ExpectClean([] {
-      Play(PassDown, Leave);
+      TwoLoad();
+      OnLower = Leave;
+      SendRead();
       IoDetachDevice(Two.Lower);
       IoDeleteDevice(Two.Upper);
       DriverUnload(Two.UpperDriver);  // below
@@ -271,7 +148,6 @@ static PWSTR EndlessText() {
 static const BadRoutine OtherDrivers[] = {
     {"allocates while it is unloaded", "pool.unloading",
      [] {
-       TwoLoad();
        Two.LowerDriver->DriverUnload = [](PDRIVER_OBJECT) {
          ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 8, Tag), Tag);
        };
@@ -314,7 +190,6 @@ static const BadRoutine OtherDrivers[] = {
      }},
     {"frees pool under an MDL", "mdl.pool-freed",
      [] {
-       TwoLoad();
        OnLower = HoldIt;
        PVOID pool;
        PIRP irp = OwnRead();
@@ -363,11 +238,7 @@ static const BadRoutine OtherDrivers[] = {
        KSEMAPHORE semaphore;
        KeInitializeSemaphore(&semaphore, 2, 1);
      }},
-    {"an event of no size", "event-log.size",
-     [] {
-       TwoLoad();
-       IoAllocateErrorLogEntry(Two.Lower, 1);
-     }},
+    {"an event of no size", "event-log.size", [] { IoAllocateErrorLogEntry(Two.Lower, 1); }},
     {"writes an event that is none", "event-log.unknown",
      [] {
        IO_ERROR_LOG_PACKET packet = {};
@@ -378,9 +249,7 @@ static const BadRoutine OtherDrivers[] = {
 };
 
 TEST(BadDrivers, Others) {
-  for (const BadRoutine &bad : OtherDrivers) {
-    ExpectStopped(bad);
-  }
+  ExpectTwoStopped(OtherDrivers);
 }
 
 TEST(BadDrivers, WaitOutsideOfAThread) {
@@ -388,7 +257,7 @@ TEST(BadDrivers, WaitOutsideOfAThread) {
       {
         KEVENT event;
         KeInitializeEvent(&event, NotificationEvent, FALSE);
-        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+        WaitForEver(&event);
       },
       "wait.no-thread");
 }
@@ -426,26 +295,21 @@ TEST(BadDrivers, PassiveServicesAtApcLevel) {
 
 // ---- warnings ----
 
-TEST(BadDrivers, FrownedUpon) {
-  ExpectClean([] {
-    TwoLoad();
-    OnUpper = [](PDEVICE_OBJECT, PIRP Irp) {
-      PoStartNextPowerIrp(Irp);
-      return CompleteWith(Irp, STATUS_UNSUCCESSFUL);
-    };
-    PnpSetDevicePower(Two.Upper, PowerDeviceD3);
-    EXPECT_EQ(VerifierWarnings("power.set-failed"), 1u);
+MODEL_TEST(BadDrivers, FrownedUpon) {
+  TwoLoad();
+  Tell("next-power failure complete", "complete");
+  PnpSetDevicePower(Two.Upper, PowerDeviceD3);
+  EXPECT_EQ(VerifierWarnings("power.set-failed"), 1u);
 
-    static const GUID someClass = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
-    Two.Lower->Flags |= DO_BUS_ENUMERATED_DEVICE;
-    UNICODE_STRING link;
-    IoRegisterDeviceInterface(Two.Lower, &someClass, nullptr, &link);
-    IoSetDeviceInterfaceState(&link, TRUE);
-    RtlFreeUnicodeString(&link);
-    Two.Lower->Flags &= ~static_cast<ULONG>(DO_BUS_ENUMERATED_DEVICE);
-    TwoUnload();
-    EXPECT_EQ(VerifierWarnings("interface.left-enabled"), 1u);
-  });
+  static const GUID someClass = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
+  Two.Lower->Flags |= DO_BUS_ENUMERATED_DEVICE;
+  UNICODE_STRING link;
+  IoRegisterDeviceInterface(Two.Lower, &someClass, nullptr, &link);
+  IoSetDeviceInterfaceState(&link, TRUE);
+  RtlFreeUnicodeString(&link);
+  Two.Lower->Flags &= ~static_cast<ULONG>(DO_BUS_ENUMERATED_DEVICE);
+  TwoUnload();
+  EXPECT_EQ(VerifierWarnings("interface.left-enabled"), 1u);
 }
 
 // ---- harsher conditions ----
@@ -517,66 +381,15 @@ TEST(BadDrivers, PagedPoolIsClosedAtDispatchLevel) {
       options);
 }
 
-static const RunOptions ForcedPending = {.Forced = {.Pending = true}};
-
 TEST(BadDrivers, ForcedPendingFindsWhoTrustsTheAnswer) {
   static const BadPair pairs[] = {
       {"passes the answer on although what it asked for has only begun", "packet.double-completion",
-       [](PDEVICE_OBJECT, PIRP Irp) {
-         PassDownWith(Irp, Keep);
-         return CompleteWith(Irp, STATUS_SUCCESS);
-       },
-       Succeed},
-      {"writes into what it has completed", "packet.touched-completed",
-       [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, LetGo); },
-       [](PDEVICE_OBJECT, PIRP Irp) {
-         CompleteWith(Irp, STATUS_SUCCESS);
-         Irp->IoStatus.Information = 1;
-         return STATUS_SUCCESS;
-       }},
+       "copy keep down success complete", "complete"},
+      {"writes into what it has completed", "packet.touched-completed", "copy let-go down",
+       "complete answer"},
   };
-  for (const BadPair &pair : pairs) {
-    auto play = [&pair] {
-      Play(pair.Upper, pair.Lower);
-      TwoUnload();
-    };
-    EXPECT_EQ(RuleOf(play, ForcedPending), pair.Rule) << pair.Name;
-  }
-  EXPECT_EQ(RuleOf([] {
-              Play(pairs[0].Upper, Succeed);
-              TwoUnload();
-            }),
-            "");
-}
-
-TEST(BadDrivers, ForcedPendingLeavesGoodDriversAlone) {
-  static const PDRIVER_DISPATCH uppers[] = {
-      PassDown,
-      [](PDEVICE_OBJECT, PIRP Irp) { return PassDownWith(Irp, LetGo); },
-      [](PDEVICE_OBJECT, PIRP Irp) {
-        PassDownAndWait(Irp);
-        return CompleteWith(Irp, Irp->IoStatus.Status);
-      },
-  };
-  RunOptions options = ForcedPending;
-  for (PDRIVER_DISPATCH upper : uppers) {
-    for (ExecutorKind executor : {ExecutorKind::Fibers, ExecutorKind::Threads}) {
-      options.Executor = executor;
-      ExpectClean(
-          [upper] {
-            Play(upper, Succeed);
-            KEVENT done;
-            KeInitializeEvent(&done, NotificationEvent, FALSE);
-            PIRP irp = OwnRead(KeepAndSignal, &done);
-            IofCallDriver(Two.Lower, irp);
-            KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-            EXPECT_EQ(irp->IoStatus.Status, STATUS_SUCCESS);
-            IoFreeIrp(irp);
-            TwoUnload();
-          },
-          options);
-    }
-  }
+  ExpectTwoStopped(pairs, {.Forced = {.Pending = true}});
+  ExpectTwoClean([] { Play(pairs[0].Upper, pairs[0].Lower); });
 }
 
 // ---- cancel at every switch point ----
@@ -598,14 +411,12 @@ static ExploreResult CancelEverywhere(PDRIVER_DISPATCH Lower) {
   return ModelExplore(options, [Lower] {
     TwoLoad();
     OnLower = Lower;
-    HANDLE handle;
-    FileOpen("\\Device\\Low", Account::User, &handle);
+    HANDLE handle = OpenLow();
     FileRequest request;
-    request.Buffer.resize(1);
     size_t cancelled = 0;
     PKTHREAD canceller = ThreadStart("canceller", [&] { cancelled = CancelOutstanding(); });
     ExploreWindow(true);
-    FileSend(handle, &request);
+    BeginRead(handle, &request);
     ThreadJoin(canceller);
     ExploreWindow(false);
     if (cancelled > 0) {
@@ -643,11 +454,9 @@ static std::string CoinsOf(uint64_t Seed) {
   return coins;
 }
 
-TEST(Faults, ACoinOfSixInAHundred) {
-  ExpectClean([] {
-    std::string first = CoinsOf(1);
-    EXPECT_NEAR(static_cast<double>(std::count(first.begin(), first.end(), '-')), 120, 40);
-    EXPECT_EQ(CoinsOf(1), first);
-    EXPECT_NE(CoinsOf(2), first);
-  });
+MODEL_TEST(Faults, ACoinOfSixInAHundred) {
+  std::string first = CoinsOf(1);
+  EXPECT_NEAR(static_cast<double>(std::count(first.begin(), first.end(), '-')), 120, 40);
+  EXPECT_EQ(CoinsOf(1), first);
+  EXPECT_NE(CoinsOf(2), first);
 }

@@ -9,116 +9,99 @@ static PDEVICE_OBJECT Make(const char *Name, ULONG Extension = 8) {
   return device;
 }
 
-TEST(Devices, NamesAndLinksCollideWithoutCase) {
-  ExpectClean([] {
-    TwoLoad();
-    Wide device("\\device\\LOW");
-    Wide link("\\DosDevices\\COM3");
-    Wide same("\\??\\com3");
-    Wide chain("\\??\\Other");
-    PDEVICE_OBJECT refused;
-    EXPECT_EQ(IoCreateDevice(Two.LowerDriver, 0, &device.String, 0x22, 0, FALSE, &refused),
-              STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(DeviceCount(Two.LowerDriver), 1u);
-    EXPECT_EQ(IoCreateSymbolicLink(&device.String, &device.String), STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(IoCreateSymbolicLink(&link.String, &device.String), STATUS_SUCCESS);
-    EXPECT_EQ(IoCreateSymbolicLink(&same.String, &device.String), STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(IoCreateSymbolicLink(&chain.String, &same.String), STATUS_SUCCESS);
-    EXPECT_EQ(NameLookup("\\??\\OTHER"), Two.Lower);
-    EXPECT_EQ(NameLinks(), (std::vector<std::string>{"\\??\\Other -> \\??\\com3",
-                                                     "\\DosDevices\\COM3 -> \\device\\LOW"}));
-    EXPECT_EQ(IoDeleteSymbolicLink(&device.String), STATUS_OBJECT_TYPE_MISMATCH);
-    EXPECT_EQ(IoDeleteSymbolicLink(&same.String), STATUS_SUCCESS);
-    EXPECT_EQ(NameLookup("\\??\\Other"), nullptr);
-    EXPECT_EQ(IoDeleteSymbolicLink(&chain.String), STATUS_SUCCESS);
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(Devices, NamesAndLinksCollideWithoutCase) {
+  Wide device("\\device\\LOW");
+  Wide link("\\DosDevices\\COM3");
+  Wide same("\\??\\com3");
+  Wide chain("\\??\\Other");
+  PDEVICE_OBJECT refused;
+  EXPECT_EQ(IoCreateDevice(Two.LowerDriver, 0, &device.String, 0x22, 0, FALSE, &refused),
+            STATUS_OBJECT_NAME_COLLISION);
+  EXPECT_EQ(DeviceCount(Two.LowerDriver), 1u);
+  EXPECT_EQ(IoCreateSymbolicLink(&device.String, &device.String), STATUS_OBJECT_NAME_COLLISION);
+  EXPECT_EQ(IoCreateSymbolicLink(&link.String, &device.String), STATUS_SUCCESS);
+  EXPECT_EQ(IoCreateSymbolicLink(&same.String, &device.String), STATUS_OBJECT_NAME_COLLISION);
+  EXPECT_EQ(IoCreateSymbolicLink(&chain.String, &same.String), STATUS_SUCCESS);
+  EXPECT_EQ(NameLookup("\\??\\OTHER"), Two.Lower);
+  EXPECT_EQ(NameLinks(), (std::vector<std::string>{"\\??\\Other -> \\??\\com3",
+                                                   "\\DosDevices\\COM3 -> \\device\\LOW"}));
+  EXPECT_EQ(IoDeleteSymbolicLink(&device.String), STATUS_OBJECT_TYPE_MISMATCH);
+  EXPECT_EQ(IoDeleteSymbolicLink(&same.String), STATUS_SUCCESS);
+  EXPECT_EQ(NameLookup("\\??\\Other"), nullptr);
+  EXPECT_EQ(IoDeleteSymbolicLink(&chain.String), STATUS_SUCCESS);
 }
 
 // Handles and references keep a deleted device, its extension and its driver's list as they were.
-TEST(Devices, DeletionWaitsForHandlesAndReferences) {
-  ExpectClean([] {
-    TwoLoad();
-    PDEVICE_OBJECT device = Make("\\Device\\Late");
-    HANDLE handle;
-    EXPECT_EQ(FileOpen("\\Device\\Late", Account::User, &handle), STATUS_SUCCESS);
-    ObReferenceObject(device);
-    IoDeleteDevice(device);
-    EXPECT_EQ(NameLookup("\\Device\\Late"), nullptr);
-    EXPECT_EQ(DeviceCount(Two.LowerDriver), 2u);
-    IoDeleteDevice(Make("\\Device\\Late"));  // the name is free again
-    memset(device->DeviceExtension, 1, 8);
-    FileClose(handle);
-    EXPECT_EQ(DeviceCount(Two.LowerDriver), 1u);
-    memset(device->DeviceExtension, 2, 8);
-    EXPECT_TRUE(ObjectIs(device, ObjectKind::Device));
-    ObDereferenceObject(device);
-    EXPECT_FALSE(ObjectIs(device, ObjectKind::Device));
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(Devices, DeletionWaitsForHandlesAndReferences) {
+  PDEVICE_OBJECT device = Make("\\Device\\Late");
+  HANDLE handle;
+  EXPECT_EQ(FileOpen("\\Device\\Late", Account::User, &handle), STATUS_SUCCESS);
+  ObReferenceObject(device);
+  IoDeleteDevice(device);
+  EXPECT_EQ(NameLookup("\\Device\\Late"), nullptr);
+  EXPECT_EQ(DeviceCount(Two.LowerDriver), 2u);
+  IoDeleteDevice(Make("\\Device\\Late"));  // the name is free again
+  memset(device->DeviceExtension, 1, 8);
+  FileClose(handle);
+  EXPECT_EQ(DeviceCount(Two.LowerDriver), 1u);
+  memset(device->DeviceExtension, 2, 8);
+  EXPECT_TRUE(ObjectIs(device, ObjectKind::Device));
+  ObDereferenceObject(device);
+  EXPECT_FALSE(ObjectIs(device, ObjectKind::Device));
 }
 
-TEST(Devices, AttachGoesToTheTop) {
-  ExpectClean([] {
-    TwoLoad();
-    EXPECT_EQ(Two.Upper->StackSize, 2);
-    PDEVICE_OBJECT third = Make("\\Device\\Third");
-    Two.Upper->AlignmentRequirement = 3;
-    FaultArm({.Kinds = FaultAttach});
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(third, Two.Lower), nullptr);
-    FaultDisarm();
-    Two.Upper->Flags |= DO_DEVICE_INITIALIZING;
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(third, Two.Lower), nullptr);
-    Two.Upper->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(third, Two.Lower), Two.Upper);
-    EXPECT_EQ(third->StackSize, 3);
-    EXPECT_EQ(third->AlignmentRequirement, 3u);
-    EXPECT_EQ(DeviceTop(Two.Lower), third);
-    IoDetachDevice(Two.Upper);
-    EXPECT_EQ(DeviceTop(Two.Lower), Two.Upper);
-    IoDeleteDevice(third);
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(Devices, AttachGoesToTheTop) {
+  EXPECT_EQ(Two.Upper->StackSize, 2);
+  PDEVICE_OBJECT third = Make("\\Device\\Third");
+  Two.Upper->AlignmentRequirement = 3;
+  FaultArm({.Kinds = FaultAttach});
+  EXPECT_EQ(IoAttachDeviceToDeviceStack(third, Two.Lower), nullptr);
+  FaultDisarm();
+  Two.Upper->Flags |= DO_DEVICE_INITIALIZING;
+  EXPECT_EQ(IoAttachDeviceToDeviceStack(third, Two.Lower), nullptr);
+  Two.Upper->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+  EXPECT_EQ(IoAttachDeviceToDeviceStack(third, Two.Lower), Two.Upper);
+  EXPECT_EQ(third->StackSize, 3);
+  EXPECT_EQ(third->AlignmentRequirement, 3u);
+  EXPECT_EQ(DeviceTop(Two.Lower), third);
+  IoDetachDevice(Two.Upper);
+  EXPECT_EQ(DeviceTop(Two.Lower), Two.Upper);
+  IoDeleteDevice(third);
 }
 
 // ---- interfaces ----
 
 static const GUID SomeClass = {0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 8}};
 
-TEST(Devices, InterfaceStates) {
-  ExpectClean([] {
-    TwoLoad();
-    UNICODE_STRING link;
-    EXPECT_EQ(IoRegisterDeviceInterface(Two.Lower, &SomeClass, nullptr, &link),
-              STATUS_INVALID_DEVICE_REQUEST);
-    Two.Lower->Flags |= DO_BUS_ENUMERATED_DEVICE;
-    EXPECT_EQ(IoRegisterDeviceInterface(Two.Lower, &SomeClass, nullptr, &link), STATUS_SUCCESS);
-    UNICODE_STRING again;
-    EXPECT_EQ(IoRegisterDeviceInterface(Two.Lower, &SomeClass, nullptr, &again),
-              STATUS_OBJECT_NAME_EXISTS);
-    EXPECT_EQ(RtlCompareUnicodeString(&link, &again, FALSE), 0);
-    RtlFreeUnicodeString(&again);
+TWO_DRIVERS_TEST(Devices, InterfaceStates) {
+  UNICODE_STRING link;
+  EXPECT_EQ(IoRegisterDeviceInterface(Two.Lower, &SomeClass, nullptr, &link),
+            STATUS_INVALID_DEVICE_REQUEST);
+  Two.Lower->Flags |= DO_BUS_ENUMERATED_DEVICE;
+  EXPECT_EQ(IoRegisterDeviceInterface(Two.Lower, &SomeClass, nullptr, &link), STATUS_SUCCESS);
+  UNICODE_STRING again;
+  EXPECT_EQ(IoRegisterDeviceInterface(Two.Lower, &SomeClass, nullptr, &again),
+            STATUS_OBJECT_NAME_EXISTS);
+  EXPECT_EQ(RtlCompareUnicodeString(&link, &again, FALSE), 0);
+  RtlFreeUnicodeString(&again);
 
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, FALSE), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_OBJECT_NAME_EXISTS);
-    std::vector<std::string> enabled = InterfacesEnabled(SomeClass);
-    ASSERT_EQ(enabled.size(), 1u);
-    EXPECT_EQ(NameLookup(enabled[0]), Two.Lower);
-    EXPECT_EQ(IoSetDeviceInterfaceState(&link, FALSE), STATUS_SUCCESS);
-    EXPECT_EQ(NameLookup(enabled[0]), nullptr);
-    EXPECT_EQ(InterfaceStateChanges(), 2u);
-    EXPECT_EQ(VerifierWarnings("interface.enabled-twice"), 1u);
-    EXPECT_EQ(VerifierWarnings("interface.disabled-twice"), 1u);
-    RtlFreeUnicodeString(&link);
-    TwoUnload();
-  });
+  EXPECT_EQ(IoSetDeviceInterfaceState(&link, FALSE), STATUS_OBJECT_NAME_NOT_FOUND);
+  EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+  EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_OBJECT_NAME_EXISTS);
+  std::vector<std::string> enabled = InterfacesEnabled(SomeClass);
+  ASSERT_EQ(enabled.size(), 1u);
+  EXPECT_EQ(NameLookup(enabled[0]), Two.Lower);
+  EXPECT_EQ(IoSetDeviceInterfaceState(&link, FALSE), STATUS_SUCCESS);
+  EXPECT_EQ(NameLookup(enabled[0]), nullptr);
+  EXPECT_EQ(InterfaceStateChanges(), 2u);
+  EXPECT_EQ(VerifierWarnings("interface.enabled-twice"), 1u);
+  EXPECT_EQ(VerifierWarnings("interface.disabled-twice"), 1u);
+  RtlFreeUnicodeString(&link);
 }
 
 // ---- what the verifier stops ----
 
 static PDEVICE_OBJECT MakeDeleted() {
-  TwoLoad();
   PDEVICE_OBJECT device = Make("\\Device\\X");
   IoDeleteDevice(device);
   return device;
@@ -128,36 +111,22 @@ static const BadRoutine BadDrivers[] = {
     {"deleted twice", "device.not-live", [] { IoDeleteDevice(MakeDeleted()); }},
     {"deleted twice while referenced", "device.deleted-twice",
      [] {
-       TwoLoad();
        IoDetachDevice(Two.Lower);
        ObReferenceObject(Two.Upper);
        IoDeleteDevice(Two.Upper);
        IoDeleteDevice(Two.Upper);
      }},
-    {"deleted while attached", "device.delete-attached",
-     [] {
-       TwoLoad();
-       IoDeleteDevice(Two.Upper);
-     }},
+    {"deleted while attached", "device.delete-attached", [] { IoDeleteDevice(Two.Upper); }},
     {"detached twice", "device.not-attached",
      [] {
-       TwoLoad();
        IoDetachDevice(Two.Lower);
        IoDetachDevice(Two.Lower);
      }},
     {"attached twice", "device.attached-twice",
-     [] {
-       TwoLoad();
-       IoAttachDeviceToDeviceStack(Two.Upper, Make("\\Device\\X"));
-     }},
-    {"device left at unload", "leak.device",
-     [] {
-       TwoLoad();
-       DriverUnload(Two.UpperDriver);
-     }},
+     [] { IoAttachDeviceToDeviceStack(Two.Upper, Make("\\Device\\X")); }},
+    {"device left at unload", "leak.device", [] { DriverUnload(Two.UpperDriver); }},
     {"link left", "leak.link",
      [] {
-       TwoLoad();
        Wide link("\\??\\Left");
        Wide target("\\Device\\Low");
        IoCreateSymbolicLink(&link.String, &target.String);
@@ -165,7 +134,6 @@ static const BadRoutine BadDrivers[] = {
      }},
     {"deleted while a request is inside", "device.requests-inside",
      [] {
-       TwoLoad();
        OnUpper = HoldIt;
        ThreadStart("sender", [] { SendPacket(Two.Lower, IRP_MJ_FLUSH_BUFFERS, 0, nullptr); });
        ThreadSettle();
@@ -181,7 +149,6 @@ static const BadRoutine BadDrivers[] = {
      }},
     {"event entry left", "leak.event-log",
      [] {
-       TwoLoad();
        IoAllocateErrorLogEntry(Two.LowerDriver, 64);
        TwoUnload();
      }},
@@ -189,7 +156,6 @@ static const BadRoutine BadDrivers[] = {
      [] { IoAllocateErrorLogEntry(MakeDeleted(), 64); }},
     {"event string without an end", "event-log.string",
      [] {
-       TwoLoad();
        auto *entry = static_cast<PIO_ERROR_LOG_PACKET>(IoAllocateErrorLogEntry(Two.Lower, 48));
        entry->NumberOfStrings = 1;
        entry->StringOffset = 44;
@@ -199,38 +165,5 @@ static const BadRoutine BadDrivers[] = {
 };
 
 TEST(Devices, BadDriversAreStopped) {
-  for (const BadRoutine &bad : BadDrivers) {
-    ExpectStopped(bad);
-  }
-}
-
-TEST(Devices, EventsAreRecorded) {
-  static ULONG seen;
-  ExpectClean([] {
-    TwoLoad();
-    seen = 0;
-    EventLogWatch([](const EventLogEntry &Entry) { seen = Entry.Code; });
-    EXPECT_EQ(IoAllocateErrorLogEntry(Two.Lower, ERROR_LOG_MAXIMUM_SIZE + 1), nullptr);
-    auto *entry = static_cast<PIO_ERROR_LOG_PACKET>(IoAllocateErrorLogEntry(Two.Lower, 60));
-    entry->ErrorCode = static_cast<NTSTATUS>(0xC0060001);
-    entry->FinalStatus = STATUS_UNSUCCESSFUL;
-    entry->UniqueErrorValue = 7;
-    entry->NumberOfStrings = 2;
-    entry->StringOffset = sizeof(IO_ERROR_LOG_PACKET);
-    memcpy(reinterpret_cast<char *>(entry) + entry->StringOffset,
-           L"\u20AC1\0"
-           L"22",
-           12);
-    IoWriteErrorLogEntry(entry);
-    IoWriteErrorLogEntry(IoAllocateErrorLogEntry(Two.LowerDriver, 48));
-    std::vector<EventLogEntry> log = EventLogEntries();
-    ASSERT_EQ(log.size(), 2u);
-    EXPECT_EQ(log[0].Device, Two.Lower);
-    EXPECT_EQ(log[0].UniqueValue, 7u);
-    EXPECT_EQ(log[0].Strings, (std::vector<std::string>{"\u20AC1", "22"}));
-    EXPECT_EQ(log[1].Device, nullptr);
-    EXPECT_EQ(EventLogCount(0xC0060001), 1u);
-    EXPECT_EQ(seen, 0u);
-    TwoUnload();
-  });
+  ExpectTwoStopped(BadDrivers);
 }

@@ -14,10 +14,6 @@ static NTSTATUS WaitFor(PVOID object, int64_t timeout) {
   return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &due);
 }
 
-static NTSTATUS WaitForEver(PVOID object) {
-  return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
-}
-
 static NTSTATUS WaitMany(ULONG count, PVOID objects[], WAIT_TYPE type, int64_t timeout) {
   LARGE_INTEGER due;
   due.QuadPart = timeout;
@@ -49,17 +45,15 @@ TEST(Events, SynchronizationReleasesOneAndNotificationAll) {
   }
 }
 
-TEST(Events, StayAsSetUntilTakenOrCleared) {
-  ExpectClean([] {
-    KEVENT event;
-    KeInitializeEvent(&event, SynchronizationEvent, TRUE);
-    EXPECT_EQ(KeSetEvent(&event, IO_NO_INCREMENT, FALSE), 1);
-    EXPECT_EQ(WaitFor(&event, 0), STATUS_SUCCESS);
-    EXPECT_EQ(WaitFor(&event, 0), STATUS_TIMEOUT);
-    KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
-    KeClearEvent(&event);
-    EXPECT_EQ(WaitFor(&event, 0), STATUS_TIMEOUT);
-  });
+MODEL_TEST(Events, StayAsSetUntilTakenOrCleared) {
+  KEVENT event;
+  KeInitializeEvent(&event, SynchronizationEvent, TRUE);
+  EXPECT_EQ(KeSetEvent(&event, IO_NO_INCREMENT, FALSE), 1);
+  EXPECT_EQ(WaitFor(&event, 0), STATUS_SUCCESS);
+  EXPECT_EQ(WaitFor(&event, 0), STATUS_TIMEOUT);
+  KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+  KeClearEvent(&event);
+  EXPECT_EQ(WaitFor(&event, 0), STATUS_TIMEOUT);
 }
 
 // The waiter frees the event as soon as it runs; the setter may be anywhere then.
@@ -84,76 +78,73 @@ TEST(Events, MayBeFreedByTheirWaiter) {
   }
 }
 
-TEST(Semaphores, CountUpToTheirLimit) {
-  ExpectClean([] {
-    KSEMAPHORE semaphore;
-    KeInitializeSemaphore(&semaphore, 1, 3);
-    EXPECT_EQ(KeReleaseSemaphore(&semaphore, 0, 2, FALSE), 1);
-    for (NTSTATUS expected : {STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS, STATUS_TIMEOUT}) {
-      EXPECT_EQ(WaitFor(&semaphore, 0), expected);
-    }
-  });
+MODEL_TEST(Semaphores, CountUpToTheirLimit) {
+  KSEMAPHORE semaphore;
+  KeInitializeSemaphore(&semaphore, 1, 3);
+  EXPECT_EQ(KeReleaseSemaphore(&semaphore, 0, 2, FALSE), 1);
+  for (NTSTATUS expected : {STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS, STATUS_TIMEOUT}) {
+    EXPECT_EQ(WaitFor(&semaphore, 0), expected);
+  }
 }
 
-TEST(Waits, AnyTakesTheLowestAndOnlyThatOne) {
-  ExpectClean([] {
-    KEVENT low;
-    KSEMAPHORE high;
-    KeInitializeEvent(&low, SynchronizationEvent, TRUE);
-    KeInitializeSemaphore(&high, 1, 1);
-    PVOID objects[] = {&low, &high};
-    EXPECT_EQ(WaitMany(2, objects, WaitAny, 0), STATUS_WAIT_0);
-    EXPECT_EQ(WaitMany(2, objects, WaitAny, 0), STATUS_WAIT_1);
-    EXPECT_EQ(WaitMany(2, objects, WaitAny, -Second), STATUS_TIMEOUT);
-  });
+MODEL_TEST(Waits, AnyTakesTheLowestAndOnlyThatOne) {
+  KEVENT low;
+  KSEMAPHORE high;
+  KeInitializeEvent(&low, SynchronizationEvent, TRUE);
+  KeInitializeSemaphore(&high, 1, 1);
+  PVOID objects[] = {&low, &high};
+  EXPECT_EQ(WaitMany(2, objects, WaitAny, 0), STATUS_WAIT_0);
+  EXPECT_EQ(WaitMany(2, objects, WaitAny, 0), STATUS_WAIT_1);
+  EXPECT_EQ(WaitMany(2, objects, WaitAny, -Second), STATUS_TIMEOUT);
 }
 
-TEST(Waits, AllTakesNothingUntilAllAreThere) {
-  ExpectClean([] {
-    KEVENT one;
-    KEVENT two;
-    KeInitializeEvent(&one, SynchronizationEvent, TRUE);
-    KeInitializeEvent(&two, SynchronizationEvent, FALSE);
-    PVOID objects[] = {&one, &two};
-    NTSTATUS status = STATUS_PENDING;
-    PKTHREAD all = ThreadStart("all", [&] {
-      EXPECT_EQ(WaitMany(2, objects, WaitAll, -Second), STATUS_TIMEOUT);
-      status = WaitMany(2, objects, WaitAll, -Second);
-    });
-    ThreadSettle();
-    EXPECT_EQ(KeReadStateEvent(&one), 1);
-    ClockAdvance(Second);
-    ThreadSettle();
-    KeSetEvent(&two, IO_NO_INCREMENT, FALSE);
-    ThreadJoin(all);
-    EXPECT_EQ(status, STATUS_SUCCESS);
-    EXPECT_EQ(KeReadStateEvent(&one) + KeReadStateEvent(&two), 0);
+MODEL_TEST(Waits, AllTakesNothingUntilAllAreThere) {
+  KEVENT one;
+  KEVENT two;
+  KeInitializeEvent(&one, SynchronizationEvent, TRUE);
+  KeInitializeEvent(&two, SynchronizationEvent, FALSE);
+  PVOID objects[] = {&one, &two};
+  NTSTATUS status = STATUS_PENDING;
+  PKTHREAD all = ThreadStart("all", [&] {
+    EXPECT_EQ(WaitMany(2, objects, WaitAll, -Second), STATUS_TIMEOUT);
+    status = WaitMany(2, objects, WaitAll, -Second);
   });
+  ThreadSettle();
+  EXPECT_EQ(KeReadStateEvent(&one), 1);
+  ClockAdvance(Second);
+  ThreadSettle();
+  KeSetEvent(&two, IO_NO_INCREMENT, FALSE);
+  ThreadJoin(all);
+  EXPECT_EQ(status, STATUS_SUCCESS);
+  EXPECT_EQ(KeReadStateEvent(&one) + KeReadStateEvent(&two), 0);
 }
 
-TEST(Clock, MovesOnlyWhenEverybodyWaits) {
-  ExpectCleanOnBoth([] {
-    KEVENT never;
-    KeInitializeEvent(&never, NotificationEvent, FALSE);
-    int64_t start = Now();
-    LONG order = 0;
-    PKTHREAD late = ThreadStart("late", [&] {
-      EXPECT_EQ(WaitFor(&never, start + 5 * Second), STATUS_TIMEOUT);
-      EXPECT_EQ(InterlockedIncrement(&order), 2);
-    });
-    PKTHREAD early = ThreadStart("early", [&] {
-      EXPECT_EQ(WaitFor(&never, -3 * Second), STATUS_TIMEOUT);
-      EXPECT_EQ(Now(), start + 3 * Second);
-      EXPECT_EQ(InterlockedIncrement(&order), 1);
-    });
-    ThreadSettle();
-    EXPECT_EQ(Now(), start);
-    EXPECT_EQ(ThreadNextDeadline(), start + 3 * Second);
-    ThreadJoin(late);
-    ThreadJoin(early);
-    EXPECT_EQ(Now(), start + 5 * Second);
-    EXPECT_EQ(WaitFor(&never, start), STATUS_TIMEOUT) << "long past";
+MODEL_TEST(Clock, MovesOnlyWhenEverybodyWaits) {
+  KEVENT never;
+  KeInitializeEvent(&never, NotificationEvent, FALSE);
+  KEVENT go;
+  KeInitializeEvent(&go, NotificationEvent, FALSE);
+  int64_t start = Now();
+  LONG order = 0;
+  PKTHREAD late = ThreadStart("late", [&] {
+    EXPECT_EQ(WaitFor(&never, start + 5 * Second), STATUS_TIMEOUT);
+    EXPECT_EQ(InterlockedIncrement(&order), 2);
   });
+  PKTHREAD early = ThreadStart("early", [&] {
+    EXPECT_EQ(WaitFor(&never, -3 * Second), STATUS_TIMEOUT);
+    EXPECT_EQ(Now(), start + 3 * Second);
+    EXPECT_EQ(InterlockedIncrement(&order), 1);
+  });
+  PKTHREAD endless = ThreadStart("endless", [&] { WaitForEver(&go); });
+  ThreadSettle();
+  EXPECT_EQ(Now(), start);
+  EXPECT_EQ(ThreadNextDeadline(), start + 3 * Second);
+  KeSetEvent(&go, IO_NO_INCREMENT, FALSE);
+  ThreadJoin(endless);
+  ThreadJoin(late);
+  ThreadJoin(early);
+  EXPECT_EQ(Now(), start + 5 * Second);
+  EXPECT_EQ(WaitFor(&never, start), STATUS_TIMEOUT) << "long past";
 }
 
 TEST(Clock, RealTimeoutComesDue) {
@@ -205,7 +196,5 @@ static const BadRoutine badRoutines[] = {
 };
 
 TEST(Waits, MisuseIsStopped) {
-  for (const BadRoutine &bad : badRoutines) {
-    ExpectStopped(bad);
-  }
+  ExpectStopped(badRoutines);
 }

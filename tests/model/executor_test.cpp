@@ -1,12 +1,7 @@
-#include <atomic>
 #include <memory>
 #include <vector>
 
 #include "tests/model/two_drivers.h"
-
-static NTSTATUS WaitForEver(PVOID object) {
-  return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
-}
 
 TEST(Executor, RunsThreadsWithNamesOfTheirOwn) {
   for (ExecutorKind executor : {ExecutorKind::Fibers, ExecutorKind::Threads}) {
@@ -25,33 +20,31 @@ TEST(Executor, RunsThreadsWithNamesOfTheirOwn) {
   }
 }
 
-TEST(Executor, SettleWaitsForAllThatCanGoOn) {
-  ExpectCleanOnBoth([] {
-    KSEMAPHORE ping;
-    KSEMAPHORE pong;
-    KeInitializeSemaphore(&ping, 0, 1);
-    KeInitializeSemaphore(&pong, 0, 1);
-    int rounds = 0;
-    PKTHREAD a = ThreadStart("a", [&] {
-      for (int i = 0; i < 100; ++i) {
-        KeReleaseSemaphore(&ping, 0, 1, FALSE);
-        WaitForEver(&pong);
-      }
+MODEL_TEST(Executor, SettleWaitsForAllThatCanGoOn) {
+  KSEMAPHORE ping;
+  KSEMAPHORE pong;
+  KeInitializeSemaphore(&ping, 0, 1);
+  KeInitializeSemaphore(&pong, 0, 1);
+  int rounds = 0;
+  PKTHREAD a = ThreadStart("a", [&] {
+    for (int i = 0; i < 100; ++i) {
+      KeReleaseSemaphore(&ping, 0, 1, FALSE);
       WaitForEver(&pong);
-    });
-    PKTHREAD b = ThreadStart("b", [&] {
-      for (int i = 0; i < 100; ++i) {
-        WaitForEver(&ping);
-        ++rounds;
-        KeReleaseSemaphore(&pong, 0, 1, FALSE);
-      }
-    });
-    ThreadSettle();
-    KeReleaseSemaphore(&pong, 0, 1, FALSE);
-    ThreadJoin(a);
-    ThreadJoin(b);
-    EXPECT_EQ(rounds, 100);
+    }
+    WaitForEver(&pong);
   });
+  PKTHREAD b = ThreadStart("b", [&] {
+    for (int i = 0; i < 100; ++i) {
+      WaitForEver(&ping);
+      ++rounds;
+      KeReleaseSemaphore(&pong, 0, 1, FALSE);
+    }
+  });
+  ThreadSettle();
+  KeReleaseSemaphore(&pong, 0, 1, FALSE);
+  ThreadJoin(a);
+  ThreadJoin(b);
+  EXPECT_EQ(rounds, 100);
 }
 
 // A system thread that ends itself from deep within; its object outlives it as long as referenced.
@@ -72,36 +65,35 @@ static void WorkerMain(PVOID context) {
   worker->Steps = -1;
 }
 
-TEST(SystemThreads, TerminateAndAreWaitable) {
-  ExpectCleanOnBoth([] {
-    Worker worker = {};
-    KeInitializeEvent(&worker.Go, NotificationEvent, FALSE);
-    HANDLE handle;
-    ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
-                                   WorkerMain, &worker),
-              STATUS_SUCCESS);
-    PVOID thread;
-    ASSERT_EQ(
-        ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode, &thread, nullptr),
-        STATUS_SUCCESS);
-    ZwClose(handle);
-    LARGE_INTEGER now = {};
-    EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, &now), STATUS_TIMEOUT);
-    KeSetEvent(&worker.Go, IO_NO_INCREMENT, FALSE);
-    EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
-    EXPECT_EQ(worker.Steps, 1);
-    ObDereferenceObject(thread);
-  });
+static HANDLE WorkerStart(Worker *worker) {
+  HANDLE handle;
+  KeInitializeEvent(&worker->Go, NotificationEvent, FALSE);
+  EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, WorkerMain,
+                                 worker),
+            STATUS_SUCCESS);
+  return handle;
+}
+
+MODEL_TEST(SystemThreads, TerminateAndAreWaitable) {
+  Worker worker = {};
+  HANDLE handle = WorkerStart(&worker);
+  PVOID thread;
+  ASSERT_EQ(
+      ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode, &thread, nullptr),
+      STATUS_SUCCESS);
+  ZwClose(handle);
+  LARGE_INTEGER now = {};
+  EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, &now), STATUS_TIMEOUT);
+  KeSetEvent(&worker.Go, IO_NO_INCREMENT, FALSE);
+  EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
+  EXPECT_EQ(worker.Steps, 1);
+  ObDereferenceObject(thread);
 }
 
 TEST(SystemThreads, NeverEndedIsALeak) {
   RunReport report = ModelRun({}, [] {
     static Worker worker;
-    KeInitializeEvent(&worker.Go, NotificationEvent, FALSE);
-    HANDLE handle;
-    PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, WorkerMain,
-                         &worker);
-    ZwClose(handle);
+    ZwClose(WorkerStart(&worker));
   });
   EXPECT_EQ(report.Rule, "leak.thread");
   EXPECT_NE(report.Text.find("waits for notification event"), std::string::npos) << report.Text;
@@ -124,16 +116,14 @@ TEST(SystemThreads, MayRunBeforeTheirCreatorGoesOn) {
   EXPECT_TRUE(before);
 }
 
-TEST(Executor, LastWaitsEndWithTheClock) {
-  ExpectClean([] {
-    PKTHREAD thread = ThreadStart("sleeper", [] {
-      KEVENT never;
-      KeInitializeEvent(&never, NotificationEvent, FALSE);
-      LARGE_INTEGER due = {.QuadPart = -10'000'000};
-      KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &due);
-    });
-    ObDereferenceObject(thread);  // nobody joins it
+MODEL_TEST(Executor, LastWaitsEndWithTheClock) {
+  PKTHREAD thread = ThreadStart("sleeper", [] {
+    KEVENT never;
+    KeInitializeEvent(&never, NotificationEvent, FALSE);
+    LARGE_INTEGER due = {.QuadPart = -10'000'000};
+    KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &due);
   });
+  ObDereferenceObject(thread);  // nobody joins it
 }
 
 TEST(Executor, AStoppedRunLeavesTheNextOneClean) {
@@ -151,53 +141,6 @@ TEST(Executor, AStoppedRunLeavesTheNextOneClean) {
     EXPECT_EQ(rule, "bugcheck");
     ExpectClean([] { ThreadJoin(ThreadStart("next", [] {})); });
   }
-}
-
-TEST(Executor, ThousandsOfThreadsReuseTheirStacks) {
-  ExpectClean([] {
-    for (int i = 0; i < 20'000; ++i) {
-      ThreadJoin(ThreadStart("short", [] {}));
-    }
-  });
-}
-
-// Real threads over one lock, one event, the pool and objects: for ThreadSanitizer.
-TEST(Stress, ThreadsShareEverything) {
-  ExpectClean(
-      [] {
-        KSPIN_LOCK lock;
-        KSPIN_LOCK inner;
-        KSEMAPHORE semaphore;
-        KeInitializeSpinLock(&lock);
-        KeInitializeSpinLock(&inner);
-        KeInitializeSemaphore(&semaphore, 2, 4);
-        void *object = ObjectCreate(ObjectKind::Driver, 16, nullptr);
-        int guarded = 0;
-        std::vector<PKTHREAD> threads;
-        for (int t = 0; t < 4; ++t) {
-          threads.push_back(ThreadStart("stress", [&] {
-            for (int i = 0; i < 500; ++i) {
-              WaitForEver(&semaphore);
-              ObReferenceObject(object);
-              void *block = ExAllocatePoolWithTag(NonPagedPoolNx, 64, FourCharacters("Strs"));
-              KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
-              KeAcquireSpinLockAtDpcLevel(&inner);
-              ++guarded;
-              KeReleaseSpinLockFromDpcLevel(&inner);
-              KeReleaseSpinLock(&lock, irql);
-              ExFreePoolWithTag(block, FourCharacters("Strs"));
-              ObDereferenceObject(object);
-              KeReleaseSemaphore(&semaphore, 0, 1, FALSE);
-            }
-          }));
-        }
-        for (PKTHREAD thread : threads) {
-          ThreadJoin(thread);
-        }
-        ObDereferenceObject(object);
-        EXPECT_EQ(guarded, 2000);
-      },
-      {.Executor = ExecutorKind::Threads});
 }
 
 TEST(Stress, ThreadsStopByAborting) {

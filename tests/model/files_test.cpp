@@ -25,8 +25,7 @@ static NTSTATUS LogUpper(PDEVICE_OBJECT Device, PIRP Irp) {
   return PassDown(Device, Irp);
 }
 
-static void LoadLogging() {
-  TwoLoad();
+static void StartLog() {
   Arrivals.clear();
   CreateStatus = STATUS_SUCCESS;
   for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_READ}) {
@@ -35,54 +34,41 @@ static void LoadLogging() {
   }
 }
 
-static HANDLE OpenLow(Account Who = Account::User) {
-  HANDLE handle;
-  EXPECT_EQ(FileOpen("\\Device\\Low", Who, &handle), STATUS_SUCCESS);
-  return handle;
-}
-
-TEST(Files, CleanupAtTheLastHandleCloseAtTheLastReference) {
-  ExpectClean([] {
-    LoadLogging();
-    HANDLE handle = OpenLow();
-    HANDLE second = FileDuplicate(handle);
-    PFILE_OBJECT file = FileObject(handle);
-    EXPECT_EQ(file->DeviceObject, Two.Lower);
-    EXPECT_EQ(Two.Lower->ReferenceCount, 1);
-    ObReferenceObject(file);
-    FileClose(handle);
-    EXPECT_EQ(Arrivals, "cC");
-    FileClose(second);
-    EXPECT_EQ(Arrivals, "cCuU");
-    ObDereferenceObject(file);
-    EXPECT_EQ(Arrivals, "cCuUxX");
-    EXPECT_EQ(Two.Lower->ReferenceCount, 0);
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(Files, CleanupAtTheLastHandleCloseAtTheLastReference) {
+  StartLog();
+  HANDLE handle = OpenLow();
+  HANDLE second = FileDuplicate(handle);
+  PFILE_OBJECT file = FileObject(handle);
+  EXPECT_EQ(file->DeviceObject, Two.Lower);
+  EXPECT_EQ(Two.Lower->ReferenceCount, 1);
+  ObReferenceObject(file);
+  FileClose(handle);
+  EXPECT_EQ(Arrivals, "cC");
+  FileClose(second);
+  EXPECT_EQ(Arrivals, "cCuU");
+  ObDereferenceObject(file);
+  EXPECT_EQ(Arrivals, "cCuUxX");
+  EXPECT_EQ(Two.Lower->ReferenceCount, 0);
 }
 
 // The request is completed at DISPATCH_LEVEL, where no close could be sent.
-TEST(Files, RequestHoldsTheFileObject) {
-  ExpectCleanOnBoth([] {
-    LoadLogging();
-    OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
-      bool read = IoGetCurrentIrpStackLocation(Irp)->MajorFunction == IRP_MJ_READ;
-      return read ? HoldIt(Device, Irp) : Succeed(Device, Irp);
-    };
-    HANDLE handle = OpenLow();
-    FileRequest request;
-    request.Buffer.resize(1);
-    FileSend(handle, &request);
-    FileClose(handle);
-    EXPECT_EQ(Arrivals, "cCrRuU");
-    KIRQL before = IrqlRaise(DISPATCH_LEVEL);
-    CompleteWith(Held, STATUS_SUCCESS, 1);
-    IrqlLower(before);
-    FileWait(&request);
-    ThreadSettle();
-    EXPECT_EQ(Arrivals, "cCrRuUxX");
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(Files, RequestHoldsTheFileObject) {
+  StartLog();
+  OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
+    bool read = IoGetCurrentIrpStackLocation(Irp)->MajorFunction == IRP_MJ_READ;
+    return read ? HoldIt(Device, Irp) : Succeed(Device, Irp);
+  };
+  HANDLE handle = OpenLow();
+  FileRequest request;
+  BeginRead(handle, &request);
+  FileClose(handle);
+  EXPECT_EQ(Arrivals, "cCrRuU");
+  KIRQL before = IrqlRaise(DISPATCH_LEVEL);
+  CompleteWith(Held, STATUS_SUCCESS, 1);
+  IrqlLower(before);
+  FileWait(&request);
+  ThreadSettle();
+  EXPECT_EQ(Arrivals, "cCrRuUxX");
 }
 
 static NTSTATUS LookUp(const char *Name, PFILE_OBJECT *File) {
@@ -94,104 +80,99 @@ static NTSTATUS LookUp(const char *Name, PFILE_OBJECT *File) {
   return status;
 }
 
-TEST(Files, LookUpByNameOpensForReal) {
-  ExpectClean([] {
-    LoadLogging();
-    PFILE_OBJECT file;
-    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
-    EXPECT_EQ(file->DeviceObject, Two.Lower);
-    EXPECT_EQ(Arrivals, "cCuU");
-    ObDereferenceObject(file);
-    EXPECT_EQ(Arrivals, "cCuUxX");
+TWO_DRIVERS_TEST(Files, LookUpByNameOpensForReal) {
+  StartLog();
+  PFILE_OBJECT file;
+  EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
+  EXPECT_EQ(file->DeviceObject, Two.Lower);
+  EXPECT_EQ(Arrivals, "cCuU");
+  ObDereferenceObject(file);
+  EXPECT_EQ(Arrivals, "cCuUxX");
 
-    // What is refused brings nothing else.
-    HANDLE handle;
-    CreateStatus = STATUS_SHARING_VIOLATION;
-    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(FileOpen("\\Device\\Low", Account::User, &handle), STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(handle, nullptr);
-    EXPECT_EQ(Arrivals, "cCuUxXcCcC");
-    EXPECT_EQ(Two.Lower->ReferenceCount, 0);
-    EXPECT_EQ(FileOpen("\\Device\\Nowhere", Account::User, &handle), STATUS_OBJECT_NAME_NOT_FOUND);
-    CreateStatus = STATUS_SUCCESS;
+  // What is refused brings nothing else.
+  HANDLE handle;
+  CreateStatus = STATUS_SHARING_VIOLATION;
+  EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SHARING_VIOLATION);
+  EXPECT_EQ(FileOpen("\\Device\\Low", Account::User, &handle), STATUS_SHARING_VIOLATION);
+  EXPECT_EQ(handle, nullptr);
+  EXPECT_EQ(Arrivals, "cCuUxXcCcC");
+  EXPECT_EQ(Two.Lower->ReferenceCount, 0);
+  EXPECT_EQ(FileOpen("\\Device\\Nowhere", Account::User, &handle), STATUS_OBJECT_NAME_NOT_FOUND);
+  CreateStatus = STATUS_SUCCESS;
 
-    // Exclusive: who looked it up has it open, until the file object goes.
-    Two.Lower->Flags |= DO_EXCLUSIVE;
-    handle = OpenLow();
-    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(file, nullptr);
-    FileClose(handle);
-    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
-    EXPECT_EQ(FileOpen("\\Device\\Low", Account::LocalSystem, &handle), STATUS_ACCESS_DENIED);
-    ObDereferenceObject(file);
+  // Exclusive: who looked it up has it open, until the file object goes.
+  Two.Lower->Flags |= DO_EXCLUSIVE;
+  handle = OpenLow();
+  EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_ACCESS_DENIED);
+  EXPECT_EQ(file, nullptr);
+  FileClose(handle);
+  EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
+  EXPECT_EQ(FileOpen("\\Device\\Low", Account::LocalSystem, &handle), STATUS_ACCESS_DENIED);
+  ObDereferenceObject(file);
 
-    // What is named decides, not what is on top.
-    Two.Lower->Flags &= ~static_cast<ULONG>(DO_EXCLUSIVE);
-    Two.Upper->Flags |= DO_EXCLUSIVE | DO_DEVICE_INITIALIZING;
-    handle = OpenLow();
-    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
-    ObDereferenceObject(file);
-    FileClose(handle);
-    Two.Lower->Flags |= DO_DEVICE_INITIALIZING;
-    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_NO_SUCH_DEVICE);
-    TwoUnload();
-  });
+  // What is named decides, not what is on top.
+  Two.Lower->Flags &= ~static_cast<ULONG>(DO_EXCLUSIVE);
+  Two.Upper->Flags |= DO_EXCLUSIVE | DO_DEVICE_INITIALIZING;
+  handle = OpenLow();
+  EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
+  ObDereferenceObject(file);
+  FileClose(handle);
+  Two.Lower->Flags |= DO_DEVICE_INITIALIZING;
+  EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_NO_SUCH_DEVICE);
 }
 
 // As a driver does that puts itself over a device outside of any stack, found by its name.
-TEST(Files, WhoAttachesLaterSeesWhatWasOpenedBefore) {
-  ExpectClean([] {
-    LoadLogging();
-    IoDetachDevice(Two.Lower);
-    HANDLE handle = OpenLow();
-    PFILE_OBJECT file;
-    EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
-    EXPECT_EQ(Arrivals, "CCU");
-    Two.Upper->StackSize = 1;
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(Two.Upper, Two.Lower), Two.Lower);
-    EXPECT_EQ(Two.Upper->StackSize, 2);
-    ObDereferenceObject(file);
-    EXPECT_EQ(Arrivals, "CCUxX");
-    std::vector<uint8_t> bytes;
-    FileRead(handle, 1, &bytes);
-    EXPECT_EQ(Arrivals, "CCUxXrR");
+MODEL_TEST(Files, WhoAttachesLaterSeesWhatWasOpenedBefore) {
+  TwoLoad();
+  StartLog();
+  IoDetachDevice(Two.Lower);
+  HANDLE handle = OpenLow();
+  PFILE_OBJECT file;
+  EXPECT_EQ(LookUp("\\Device\\Low", &file), STATUS_SUCCESS);
+  EXPECT_EQ(Arrivals, "CCU");
+  Two.Upper->StackSize = 1;
+  EXPECT_EQ(IoAttachDeviceToDeviceStack(Two.Upper, Two.Lower), Two.Lower);
+  EXPECT_EQ(Two.Upper->StackSize, 2);
+  ObDereferenceObject(file);
+  EXPECT_EQ(Arrivals, "CCUxX");
+  std::vector<uint8_t> bytes;
+  FileRead(handle, 1, &bytes);
+  EXPECT_EQ(Arrivals, "CCUxXrR");
 
-    // Detached with the handle open: the handle is the device's below.
-    IoDetachDevice(Two.Lower);
-    IoDeleteDevice(Two.Upper);
-    EXPECT_FALSE(ObjectIs(Two.Upper, ObjectKind::Device));
-    FileRead(handle, 1, &bytes);
-    FileClose(handle);
-    EXPECT_EQ(Arrivals, "CCUxXrRRUX");
-    IoDeleteDevice(Two.Lower);
-    DriverUnload(Two.UpperDriver);
-    DriverUnload(Two.LowerDriver);
-  });
+  // Detached with the handle open: the handle is the device's below.
+  IoDetachDevice(Two.Lower);
+  IoDeleteDevice(Two.Upper);
+  EXPECT_FALSE(ObjectIs(Two.Upper, ObjectKind::Device));
+  FileRead(handle, 1, &bytes);
+  FileClose(handle);
+  EXPECT_EQ(Arrivals, "CCUxXrRRUX");
+  IoDeleteDevice(Two.Lower);
+  DriverUnload(Two.UpperDriver);
+  DriverUnload(Two.LowerDriver);
 }
 
 // Its driver deletes the device that another one's is attached over, with a handle open.
-TEST(Files, ADeletedDeviceServesWhoeverStillHasIt) {
-  ExpectClean([] {
-    LoadLogging();
-    HANDLE handle = OpenLow();
-    IoDeleteDevice(Two.Lower);
-    HANDLE refused;
-    EXPECT_EQ(FileOpen("\\Device\\Low", Account::User, &refused), STATUS_OBJECT_NAME_NOT_FOUND);
-    PDEVICE_OBJECT late;
-    EXPECT_EQ(IoCreateDevice(Two.UpperDriver, 0, nullptr, 0x22, 0, FALSE, &late), STATUS_SUCCESS);
-    IoDetachDevice(Two.Lower);
-    EXPECT_EQ(IoAttachDeviceToDeviceStack(late, Two.Lower), nullptr);
-    IoDeleteDevice(late);
-    std::vector<uint8_t> bytes;
-    FileRead(handle, 1, &bytes);
-    EXPECT_TRUE(ObjectIs(Two.Lower, ObjectKind::Device));
-    FileClose(handle);
-    EXPECT_EQ(Arrivals, "cCRUX");
-    EXPECT_FALSE(ObjectIs(Two.Lower, ObjectKind::Device));
-    IoDeleteDevice(Two.Upper);
-    DriverUnload(Two.UpperDriver);
-    DriverUnload(Two.LowerDriver);
-  });
+MODEL_TEST(Files, ADeletedDeviceServesWhoeverStillHasIt) {
+  TwoLoad();
+  StartLog();
+  HANDLE handle = OpenLow();
+  IoDeleteDevice(Two.Lower);
+  HANDLE refused;
+  EXPECT_EQ(FileOpen("\\Device\\Low", Account::User, &refused), STATUS_OBJECT_NAME_NOT_FOUND);
+  PDEVICE_OBJECT late;
+  EXPECT_EQ(IoCreateDevice(Two.UpperDriver, 0, nullptr, 0x22, 0, FALSE, &late), STATUS_SUCCESS);
+  IoDetachDevice(Two.Lower);
+  EXPECT_EQ(IoAttachDeviceToDeviceStack(late, Two.Lower), nullptr);
+  IoDeleteDevice(late);
+  std::vector<uint8_t> bytes;
+  FileRead(handle, 1, &bytes);
+  EXPECT_TRUE(ObjectIs(Two.Lower, ObjectKind::Device));
+  FileClose(handle);
+  EXPECT_EQ(Arrivals, "cCRUX");
+  EXPECT_FALSE(ObjectIs(Two.Lower, ObjectKind::Device));
+  IoDeleteDevice(Two.Upper);
+  DriverUnload(Two.UpperDriver);
+  DriverUnload(Two.LowerDriver);
 }
 
 static NTSTATUS OpenStatus(const char *Name, Account Who) {
@@ -203,26 +184,22 @@ static NTSTATUS OpenStatus(const char *Name, Account Who) {
   return status;
 }
 
-TEST(Files, OnlyTheGrantedOpenASecuredDevice) {
-  ExpectClean([] {
-    TwoLoad();
-    Wide name("\\Device\\Guarded");
-    Wide system("D:P(A;;GA;;;SY)");
-    Wide everyone("D:P(A;;GA;;;WD)");
-    PDEVICE_OBJECT device;
-    auto create = [&](Wide *Sddl) {
-      return IoCreateDeviceSecure(Two.LowerDriver, 0, &name.String, 0x1b, 0, FALSE, &Sddl->String,
-                                  nullptr, &device);
-    };
-    EXPECT_EQ(create(&everyone), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(create(&system), STATUS_SUCCESS);
-    EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::LocalSystem), STATUS_NO_SUCH_DEVICE);
-    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-    EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::LocalSystem), STATUS_SUCCESS);
-    EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::Administrator), STATUS_ACCESS_DENIED);
-    IoDeleteDevice(device);
-    TwoUnload();
-  });
+TWO_DRIVERS_TEST(Files, OnlyTheGrantedOpenASecuredDevice) {
+  Wide name("\\Device\\Guarded");
+  Wide system("D:P(A;;GA;;;SY)");
+  Wide everyone("D:P(A;;GA;;;WD)");
+  PDEVICE_OBJECT device;
+  auto create = [&](Wide *Sddl) {
+    return IoCreateDeviceSecure(Two.LowerDriver, 0, &name.String, 0x1b, 0, FALSE, &Sddl->String,
+                                nullptr, &device);
+  };
+  EXPECT_EQ(create(&everyone), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(create(&system), STATUS_SUCCESS);
+  EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::LocalSystem), STATUS_NO_SUCH_DEVICE);
+  device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+  EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::LocalSystem), STATUS_SUCCESS);
+  EXPECT_EQ(OpenStatus("\\Device\\Guarded", Account::Administrator), STATUS_ACCESS_DENIED);
+  IoDeleteDevice(device);
 }
 
 // ---- buffers ----
@@ -254,8 +231,10 @@ static NTSTATUS Transfer(PDEVICE_OBJECT Device, PIRP Irp) {
 
 TEST(Files, BufferingFollowsTheTopDevice) {
   for (ULONG flags : {DO_BUFFERED_IO, DO_DIRECT_IO, 0}) {
-    ExpectClean([=] {
-      TwoLoad(flags);
+    static ULONG buffering;
+    buffering = flags;
+    ExpectTwoClean([] {
+      Buffer(buffering);
       OnLower = Transfer;
       HANDLE handle = OpenLow();
       std::vector<uint8_t> bytes;
@@ -271,202 +250,91 @@ TEST(Files, BufferingFollowsTheTopDevice) {
       };
       EXPECT_EQ(FileRead(handle, 0, &bytes), STATUS_SUCCESS);
       FileClose(handle);
-      TwoUnload();
     });
   }
 }
 
-TEST(Files, OutputIsCopiedUnlessAnError) {
+TWO_DRIVERS_TEST(Files, OutputIsCopiedUnlessAnError) {
   static NTSTATUS status;
-  ExpectClean([] {
-    TwoLoad();
-    OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
-      memcpy(Irp->AssociatedIrp.SystemBuffer, Text, 4);
-      return CompleteWith(Irp, status, 2);
-    };
-    HANDLE handle = OpenLow();
-    for (NTSTATUS one : {STATUS_SUCCESS, STATUS_BUFFER_OVERFLOW, STATUS_UNSUCCESSFUL}) {
-      status = one;
-      std::vector<uint8_t> bytes;
-      EXPECT_EQ(FileRead(handle, 4, &bytes), one);
-      EXPECT_EQ(std::string(bytes.begin(), bytes.end()), one == STATUS_UNSUCCESSFUL ? "" : "ab");
-    }
-    FileClose(handle);
-    TwoUnload();
-  });
-}
-
-TEST(Files, DeviceControlByItsMethod) {
-  static unsigned method;
-  ExpectClean([] {
-    TwoLoad();
-    OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
-      auto &parameters = IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl;
-      EXPECT_EQ(parameters.InputBufferLength, 2u);
-      EXPECT_EQ(parameters.OutputBufferLength, 4u);
-      bool direct = method == METHOD_IN_DIRECT || method == METHOD_OUT_DIRECT;
-      void *in =
-          method == METHOD_NEITHER ? parameters.Type3InputBuffer : Irp->AssociatedIrp.SystemBuffer;
-      void *out = method == METHOD_BUFFERED ? in
-                  : direct                  ? MmGetMdlVirtualAddress(Irp->MdlAddress)
-                                            : Irp->UserBuffer;
-      EXPECT_EQ(memcmp(in, "in", 2), 0);
-      memcpy(out, Text, 4);
-      return CompleteWith(Irp, STATUS_SUCCESS, 3);
-    };
-    HANDLE handle = OpenLow();
-    for (unsigned one : {METHOD_BUFFERED, METHOD_IN_DIRECT, METHOD_OUT_DIRECT, METHOD_NEITHER}) {
-      method = one;
-      FileRequest request;
-      request.Major = IRP_MJ_DEVICE_CONTROL;
-      request.ControlCode = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, method, FILE_ANY_ACCESS);
-      request.Buffer = {'i', 'n'};
-      request.OutputBytes = 4;
-      FileSend(handle, &request);
-      EXPECT_EQ(FileWait(&request), STATUS_SUCCESS);
-      EXPECT_EQ(std::string(request.Buffer.begin(), request.Buffer.end()), "abc");
-    }
-    FileClose(handle);
-    TwoUnload();
-  });
-}
-
-// ---- cancel ----
-
-TEST(Files, CancelOneAndAll) {
-  ExpectCleanOnBoth([] {
-    TwoLoad();
-    OnLower = HoldCancellable;
-    HANDLE handle = OpenLow();
-    static unsigned done;
-    done = 0;
-    std::vector<FileRequest> requests(4);
-    for (FileRequest &request : requests) {
-      request.Buffer.resize(1);
-      request.OnDone = [](FileRequest *, void *Context) { ++*static_cast<unsigned *>(Context); };
-      request.Context = &done;
-      EXPECT_EQ(FileSend(handle, &request), STATUS_PENDING);
-    }
-    EXPECT_TRUE(FileCancel(&requests[1]));
-    EXPECT_FALSE(FileCancel(&requests[1]));
-    EXPECT_TRUE(FileDone(&requests[1]));
-    EXPECT_FALSE(FileDone(&requests[0]));
-    FileCancelAll(handle);
-    for (FileRequest &request : requests) {
-      EXPECT_EQ(FileWait(&request), STATUS_CANCELLED);
-    }
-    EXPECT_EQ(done, 4u);
-    FileClose(handle);
-    TwoUnload();
-  });
-}
-
-// ---- many at once ----
-
-// A driver that queues its requests under the cancel spin lock, and a thread that serves them while
-// their senders cancel.
-static LIST_ENTRY Queue;
-static bool Stopping;
-
-static void CancelQueued(PDEVICE_OBJECT, PIRP Irp) ANALYSIS_OFF {
-  RemoveEntryList(&Irp->Tail.Overlay.ListEntry);
-  IoReleaseCancelSpinLock(Irp->CancelIrql);
-  CompleteWith(Irp, STATUS_CANCELLED);
-}
-
-static NTSTATUS Enqueue(PDEVICE_OBJECT, PIRP Irp) {
-  KIRQL irql;
-  IoAcquireCancelSpinLock(&irql);
-  IoMarkIrpPending(Irp);
-  IoSetCancelRoutine(Irp, CancelQueued);
-  InsertTailList(&Queue, &Irp->Tail.Overlay.ListEntry);
-  IoReleaseCancelSpinLock(irql);
-  return STATUS_PENDING;
-}
-
-// Whether there may be more to come.
-static bool ServeOne() {
-  KIRQL irql;
-  IoAcquireCancelSpinLock(&irql);
-  PIRP irp = nullptr;
-  for (PLIST_ENTRY entry = Queue.Flink; entry != &Queue && !irp; entry = entry->Flink) {
-    irp = CONTAINING_RECORD(entry, IRP, Tail.Overlay.ListEntry);
-    if (!IoSetCancelRoutine(irp, nullptr)) {
-      irp = nullptr;  // its cancel routine waits for the lock
-    }
-  }
-  if (irp) {
-    RemoveEntryList(&irp->Tail.Overlay.ListEntry);
-  }
-  bool more = irp || !Stopping;
-  IoReleaseCancelSpinLock(irql);
-  if (irp) {
-    CompleteWith(irp, STATUS_SUCCESS, 1);
-  }
-  return more;
-}
-
-static void SendAndCancel(unsigned Number) {
+  OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
+    memcpy(Irp->AssociatedIrp.SystemBuffer, Text, 4);
+    return CompleteWith(Irp, status, 2);
+  };
   HANDLE handle = OpenLow();
-  for (unsigned round = 0; round < 50; ++round) {
-    FileRequest requests[3];
-    for (FileRequest &request : requests) {
-      request.Buffer.resize(1);
-      FileSend(handle, &request);
-    }
-    if ((round + Number) % 3 == 0) {
-      FileCancelAll(handle);
-    } else {
-      FileCancel(&requests[round % 3]);
-    }
-    for (FileRequest &request : requests) {
-      NTSTATUS status = FileWait(&request);
-      EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_CANCELLED);
-    }
+  for (NTSTATUS one : {STATUS_SUCCESS, STATUS_BUFFER_OVERFLOW, STATUS_UNSUCCESSFUL}) {
+    status = one;
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(FileRead(handle, 4, &bytes), one);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), one == STATUS_UNSUCCESSFUL ? "" : "ab");
   }
   FileClose(handle);
 }
 
-static void ManyAtOnce() {
-  TwoLoad();
-  InitializeListHead(&Queue);
-  Stopping = false;
-  OnLower = Enqueue;
-  PKTHREAD server = ThreadStart("server", [] {
-    LARGE_INTEGER nap = {};
-    nap.QuadPart = -10;
-    KEVENT never;
-    KeInitializeEvent(&never, NotificationEvent, FALSE);
-    while (ServeOne()) {
-      KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &nap);
-    }
-  });
-  PKTHREAD senders[3];
-  for (unsigned i = 0; i < 3; ++i) {
-    senders[i] = ThreadStart("sender", [i] { SendAndCancel(i); });
+TWO_DRIVERS_TEST(Files, DeviceControlByItsMethod) {
+  static unsigned method;
+  OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
+    auto &parameters = IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl;
+    EXPECT_EQ(parameters.InputBufferLength, 2u);
+    EXPECT_EQ(parameters.OutputBufferLength, 4u);
+    bool direct = method == METHOD_IN_DIRECT || method == METHOD_OUT_DIRECT;
+    void *in =
+        method == METHOD_NEITHER ? parameters.Type3InputBuffer : Irp->AssociatedIrp.SystemBuffer;
+    void *out = method == METHOD_BUFFERED ? in
+                : direct                  ? MmGetMdlVirtualAddress(Irp->MdlAddress)
+                                          : Irp->UserBuffer;
+    EXPECT_EQ(memcmp(in, "in", 2), 0);
+    memcpy(out, Text, 4);
+    return CompleteWith(Irp, STATUS_SUCCESS, 3);
+  };
+  HANDLE handle = OpenLow();
+  for (unsigned one : {METHOD_BUFFERED, METHOD_IN_DIRECT, METHOD_OUT_DIRECT, METHOD_NEITHER}) {
+    method = one;
+    FileRequest request;
+    request.Major = IRP_MJ_DEVICE_CONTROL;
+    request.ControlCode = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, method, FILE_ANY_ACCESS);
+    request.Buffer = {'i', 'n'};
+    request.OutputBytes = 4;
+    FileSend(handle, &request);
+    EXPECT_EQ(FileWait(&request), STATUS_SUCCESS);
+    EXPECT_EQ(std::string(request.Buffer.begin(), request.Buffer.end()), "abc");
   }
-  for (PKTHREAD sender : senders) {
-    ThreadJoin(sender);
-  }
-  KIRQL irql;
-  IoAcquireCancelSpinLock(&irql);
-  Stopping = true;
-  IoReleaseCancelSpinLock(irql);
-  ThreadJoin(server);
-  TwoUnload();
+  FileClose(handle);
 }
 
-TEST(Files, ManySendersAndCancels) {
-  ExpectCleanOnBoth(ManyAtOnce);
-  RunOptions plain;
-  plain.Verifier = false;
-  plain.Executor = ExecutorKind::Threads;
-  ExpectClean(ManyAtOnce, plain);
-  RunOptions random;
-  random.Schedule.How = SchedulePolicy::Kind::Random;
-  for (random.Schedule.Seed = 1; random.Schedule.Seed <= 20; ++random.Schedule.Seed) {
-    ExpectClean(ManyAtOnce, random);
+// ---- cancel ----
+
+TWO_DRIVERS_TEST(Files, CancelOneAndAll) {
+  OnLower = HoldCancellable;
+  HANDLE handle = OpenLow();
+  static unsigned done;
+  done = 0;
+  std::vector<FileRequest> requests(4);
+  for (FileRequest &request : requests) {
+    request.OnDone = [](FileRequest *, void *Context) { ++*static_cast<unsigned *>(Context); };
+    request.Context = &done;
+    EXPECT_EQ(BeginRead(handle, &request), STATUS_PENDING);
   }
+  EXPECT_TRUE(FileCancel(&requests[1]));
+  EXPECT_FALSE(FileCancel(&requests[1]));
+  EXPECT_TRUE(FileDone(&requests[1]));
+  EXPECT_FALSE(FileDone(&requests[0]));
+  FileCancelAll(handle);
+  for (FileRequest &request : requests) {
+    EXPECT_EQ(FileWait(&request), STATUS_CANCELLED);
+  }
+  EXPECT_EQ(done, 4u);
+  FileClose(handle);
+}
+
+TEST(Files, AreServedWithoutTheVerifier) {
+  auto play = [] {
+    TwoLoad();
+    HANDLE handle = OpenLow();
+    FileWrite(handle, {1});
+    FileClose(handle);
+    TwoUnload();
+  };
+  ExpectClean(play, {.Verifier = false});
 }
 
 // ---- what the verifier stops ----
@@ -474,19 +342,13 @@ TEST(Files, ManySendersAndCancels) {
 static const BadRoutine BadDrivers[] = {
     {"more bytes than room", "packet.information",
      [] {
-       TwoLoad();
        OnLower = [](PDEVICE_OBJECT, PIRP Irp) { return CompleteWith(Irp, STATUS_SUCCESS, 5); };
        std::vector<uint8_t> bytes;
        FileRead(OpenLow(), 4, &bytes);
      }},
-    {"handle left", "leak.file",
-     [] {
-       TwoLoad();
-       OpenLow();
-     }},
+    {"handle left", "leak.file", [] { OpenLow(); }},
     {"last dereference at raised level", "irql.too-high",
      [] {
-       TwoLoad();
        HANDLE handle = OpenLow();
        PFILE_OBJECT file = FileObject(handle);
        ObReferenceObject(file);
@@ -497,7 +359,5 @@ static const BadRoutine BadDrivers[] = {
 };
 
 TEST(Files, BadDriversAreStopped) {
-  for (const BadRoutine &bad : BadDrivers) {
-    ExpectStopped(bad);
-  }
+  ExpectTwoStopped(BadDrivers);
 }

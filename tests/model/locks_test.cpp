@@ -22,27 +22,25 @@ static void TakeBoth(PKSPIN_LOCK first, PKSPIN_LOCK second) {
 static void WaitForNothing() {
   KEVENT event;
   KeInitializeEvent(&event, NotificationEvent, TRUE);
-  KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+  WaitForEver(&event);
 }
 
-TEST(Locks, RaiseAndRestoreExactly) {
-  ExpectClean([] {
-    InitializeLocks();
-    KIRQL irql;
-    KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
-    EXPECT_EQ(outer, PASSIVE_LEVEL);
-    IoAcquireCancelSpinLock(&irql);
-    EXPECT_EQ(irql, DISPATCH_LEVEL);
-    EXPECT_TRUE(CancelLockHeldByMe());
-    KeAcquireSpinLockAtDpcLevel(&two);
-    EXPECT_EQ(VerifierLocksHeld(), 3u);
-    IoReleaseCancelSpinLock(irql);  // not the last one taken
-    EXPECT_FALSE(CancelLockHeldByMe());
-    KeReleaseSpinLockFromDpcLevel(&two);
-    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-    KeReleaseSpinLock(&one, outer);
-    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
-  });
+MODEL_TEST(Locks, RaiseAndRestoreExactly) {
+  InitializeLocks();
+  KIRQL irql;
+  KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
+  EXPECT_EQ(outer, PASSIVE_LEVEL);
+  IoAcquireCancelSpinLock(&irql);
+  EXPECT_EQ(irql, DISPATCH_LEVEL);
+  EXPECT_TRUE(CancelLockHeldByMe());
+  KeAcquireSpinLockAtDpcLevel(&two);
+  EXPECT_EQ(VerifierLocksHeld(), 3u);
+  IoReleaseCancelSpinLock(irql);  // not the last one taken
+  EXPECT_FALSE(CancelLockHeldByMe());
+  KeReleaseSpinLockFromDpcLevel(&two);
+  EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+  KeReleaseSpinLock(&one, outer);
+  EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
 }
 
 static const BadRoutine badRoutines[] = {
@@ -165,13 +163,11 @@ TEST(Locks, MisuseIsStopped) {
   }
 }
 
-TEST(Locks, OrderIsForgottenWithTheLock) {
-  ExpectClean([] {
-    InitializeLocks();
-    TakeBoth(&one, &two);
-    KeInitializeSpinLock(&two);
-    TakeBoth(&two, &one);
-  });
+MODEL_TEST(Locks, OrderIsForgottenWithTheLock) {
+  InitializeLocks();
+  TakeBoth(&one, &two);
+  KeInitializeSpinLock(&two);
+  TakeBoth(&two, &one);
 }
 
 TEST(Locks, ExcludeEachOtherInEverySchedule) {
@@ -189,13 +185,11 @@ TEST(Locks, ExcludeEachOtherInEverySchedule) {
       --inside;
       KeReleaseSpinLock(&one, irql);
     };
-    PKTHREAD a = ThreadStart("a", body);
-    PKTHREAD b = ThreadStart("b", body);
-    PKTHREAD c = ThreadStart("c", body);
+    PKTHREAD threads[] = {ThreadStart("a", body), ThreadStart("b", body), ThreadStart("c", body)};
     ExploreWindow(true);
-    ThreadJoin(a);
-    ThreadJoin(b);
-    ThreadJoin(c);
+    for (PKTHREAD thread : threads) {
+      ThreadJoin(thread);
+    }
     EXPECT_EQ(total, 3);
   });
   EXPECT_TRUE(result.Exhausted) << result.Failure.Text;

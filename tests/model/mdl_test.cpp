@@ -2,93 +2,80 @@
 
 static const ULONG Tag = FourCharacters("Test");
 
-TEST(Mdl, NonPagedPoolAndPartial) {
-  ExpectClean([] {
-    char *pool = static_cast<char *>(ExAllocatePoolWithTag(NonPagedPoolNx, 6000, Tag));
-    PMDL whole = IoAllocateMdl(pool, 6000, FALSE, FALSE, nullptr);
-    EXPECT_EQ(MmGetMdlVirtualAddress(whole), pool);
-    EXPECT_EQ(MmGetMdlByteCount(whole), 6000u);
-    MmBuildMdlForNonPagedPool(whole);
-    EXPECT_EQ(whole->MappedSystemVa, pool);
+MODEL_TEST(Mdl, NonPagedPoolAndPartial) {
+  char *pool = static_cast<char *>(ExAllocatePoolWithTag(NonPagedPoolNx, 6000, Tag));
+  PMDL whole = IoAllocateMdl(pool, 6000, FALSE, FALSE, nullptr);
+  EXPECT_EQ(MmGetMdlVirtualAddress(whole), pool);
+  EXPECT_EQ(MmGetMdlByteCount(whole), 6000u);
+  MmBuildMdlForNonPagedPool(whole);
+  EXPECT_EQ(whole->MappedSystemVa, pool);
 
-    PMDL part = IoAllocateMdl(pool + 4100, 100, FALSE, FALSE, nullptr);
-    IoBuildPartialMdl(whole, part, pool + 4100, 100);
-    EXPECT_EQ(part->MappedSystemVa, pool + 4100);
-    EXPECT_EQ(part->MdlFlags, MDL_PARTIAL | MDL_SOURCE_IS_NONPAGED_POOL);
-    IoBuildPartialMdl(whole, part, pool + 5900, 0);  // to the end
-    EXPECT_EQ(MmGetMdlByteCount(part), 100u);
-    IoFreeMdl(part);
-    IoFreeMdl(whole);
+  PMDL part = IoAllocateMdl(pool + 4100, 100, FALSE, FALSE, nullptr);
+  IoBuildPartialMdl(whole, part, pool + 4100, 100);
+  EXPECT_EQ(part->MappedSystemVa, pool + 4100);
+  EXPECT_EQ(part->MdlFlags, MDL_PARTIAL | MDL_SOURCE_IS_NONPAGED_POOL);
+  IoBuildPartialMdl(whole, part, pool + 5900, 0);  // to the end
+  EXPECT_EQ(MmGetMdlByteCount(part), 100u);
+  IoFreeMdl(part);
+  IoFreeMdl(whole);
 
-    PMDL empty = IoAllocateMdl(pool, 0, FALSE, FALSE, nullptr);
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(MmGetMdlByteCount(empty), 0u);
-    IoFreeMdl(empty);
-    ExFreePoolWithTag(pool, Tag);
-    EXPECT_EQ(MdlCount(), 0u);
-  });
+  PMDL empty = IoAllocateMdl(pool, 0, FALSE, FALSE, nullptr);
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(MmGetMdlByteCount(empty), 0u);
+  IoFreeMdl(empty);
+  ExFreePoolWithTag(pool, Tag);
+  EXPECT_EQ(MdlCount(), 0u);
 }
 
-TEST(Mdl, ChainOnAPacket) {
-  ExpectClean([] {
-    char bytes[3];
-    PIRP irp = IoAllocateIrp(1, FALSE);
-    PMDL first = IoAllocateMdl(bytes, 1, FALSE, FALSE, irp);
-    PMDL second = IoAllocateMdl(bytes + 1, 1, TRUE, FALSE, irp);
-    PMDL third = IoAllocateMdl(bytes + 2, 1, TRUE, FALSE, irp);
-    EXPECT_EQ(irp->MdlAddress, first);
-    EXPECT_EQ(first->Next, second);
-    EXPECT_EQ(second->Next, third);
-    for (PMDL mdl : {first, second, third}) {
-      IoFreeMdl(mdl);
-    }
-    IoFreeIrp(irp);
-  });
+static PVOID Map(PMDL Mdl) {
+  return MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, nullptr, FALSE, 0);
 }
 
 // A user's pages: mapped on demand, a partial MDL over them has a mapping of its own.
-TEST(Mdl, UserPagesAreMappedAndMayFail) {
-  ExpectClean([] {
-    TwoLoad(DO_DIRECT_IO);
-    OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
-      PMDL mdl = Irp->MdlAddress;
-      EXPECT_EQ(mdl->MdlFlags, MDL_PAGES_LOCKED);
-      FaultArm({.Kinds = FaultMapping});
-      EXPECT_EQ(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0),
-                nullptr);
-      EXPECT_TRUE(FaultDisarm());
+TWO_DRIVERS_TEST(Mdl, UserPagesAreMappedAndMayFail) {
+  Buffer(DO_DIRECT_IO);
+  OnLower = [](PDEVICE_OBJECT, PIRP Irp) {
+    PMDL mdl = Irp->MdlAddress;
+    EXPECT_EQ(mdl->MdlFlags, MDL_PAGES_LOCKED);
+    FaultArm({.Kinds = FaultMapping});
+    EXPECT_EQ(Map(mdl), nullptr);
+    EXPECT_TRUE(FaultDisarm());
 
-      char *user = static_cast<char *>(MmGetMdlVirtualAddress(mdl));
-      PMDL part = IoAllocateMdl(user + 2, 2, FALSE, FALSE, nullptr);
-      IoBuildPartialMdl(mdl, part, user + 2, 2);
-      void *mapped = MmMapLockedPagesSpecifyCache(part, KernelMode, MmCached, nullptr, FALSE, 0);
-      EXPECT_EQ(part->MdlFlags,
-                MDL_PARTIAL | MDL_PARTIAL_HAS_BEEN_MAPPED | MDL_MAPPED_TO_SYSTEM_VA);
-      memcpy(mapped, "cd", 2);
-      IoFreeMdl(part);
-      memcpy(MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0), "ab", 2);
-      return CompleteWith(Irp, STATUS_SUCCESS, 4);
-    };
-    HANDLE handle;
-    FileOpen("\\Device\\Low", Account::User, &handle);
-    std::vector<uint8_t> bytes;
-    EXPECT_EQ(FileRead(handle, 4, &bytes), STATUS_SUCCESS);
-    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "abcd");
-    FileClose(handle);
-    TwoUnload();
-  });
+    char *user = static_cast<char *>(MmGetMdlVirtualAddress(mdl));
+    PMDL part = IoAllocateMdl(user + 2, 2, FALSE, FALSE, nullptr);
+    IoBuildPartialMdl(mdl, part, user + 2, 2);
+    void *mapped = Map(part);
+    EXPECT_EQ(part->MdlFlags, MDL_PARTIAL | MDL_PARTIAL_HAS_BEEN_MAPPED | MDL_MAPPED_TO_SYSTEM_VA);
+    memcpy(mapped, "cd", 2);
+    IoFreeMdl(part);
+    memcpy(Map(mdl), "ab", 2);
+    return CompleteWith(Irp, STATUS_SUCCESS, 4);
+  };
+  HANDLE handle = OpenLow();
+  std::vector<uint8_t> bytes;
+  EXPECT_EQ(FileRead(handle, 4, &bytes), STATUS_SUCCESS);
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "abcd");
+  FileClose(handle);
 }
 
 static char Bytes[PAGE_SIZE];
 
+static PMDL MdlOf(ULONG Count) {
+  return IoAllocateMdl(Bytes, Count, FALSE, FALSE, nullptr);
+}
+
 static const BadRoutine BadUses[] = {
     {"freed twice", "mdl.double-free",
      [] {
-       PMDL mdl = IoAllocateMdl(Bytes, 1, FALSE, FALSE, nullptr);
+       PMDL mdl = MdlOf(8);
        IoFreeMdl(mdl);
        IoFreeMdl(mdl);
      }},
-    {"left", "leak.mdl", [] { IoAllocateMdl(Bytes, 1, FALSE, FALSE, nullptr); }},
+    {"left", "leak.mdl",
+     [] {
+       MdlOf(1);
+       TwoUnload();
+     }},
     {"built over paged pool", "mdl.paged",
      [] {
        PVOID paged = ExAllocatePoolWithTag(PagedPool, 8, Tag);
@@ -96,25 +83,19 @@ static const BadRoutine BadUses[] = {
      }},
     {"mapped though nonpaged", "mdl.already-mapped",
      [] {
-       PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, nullptr);
+       PMDL mdl = MdlOf(8);
        MmBuildMdlForNonPagedPool(mdl);
-       MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0);
+       Map(mdl);
      }},
-    {"mapped without locked pages", "mdl.not-locked",
-     [] {
-       PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, nullptr);
-       MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0);
-     }},
+    {"mapped without locked pages", "mdl.not-locked", [] { Map(MdlOf(8)); }},
     {"partial outside of the source", "mdl.outside",
      [] {
-       PMDL source = IoAllocateMdl(Bytes, 8, FALSE, FALSE, nullptr);
-       PMDL target = IoAllocateMdl(Bytes, 16, FALSE, FALSE, nullptr);
+       PMDL source = MdlOf(8);
        MmBuildMdlForNonPagedPool(source);
-       IoBuildPartialMdl(source, target, Bytes + 4, 5);
+       IoBuildPartialMdl(source, MdlOf(16), Bytes + 4, 5);
      }},
     {"freed under a packet", "mdl.in-use",
      [] {
-       TwoLoad();
        OnLower = HoldIt;
        PIRP irp = OwnRead();
        PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, irp);
@@ -124,20 +105,16 @@ static const BadRoutine BadUses[] = {
      }},
     {"mapping that may not fail", "bugcheck",
      [] {
-       TwoLoad(DO_DIRECT_IO);
+       Buffer(DO_DIRECT_IO);
        OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
          FaultArm({.Kinds = FaultMapping});
          MmMapLockedPagesSpecifyCache(Irp->MdlAddress, KernelMode, MmCached, nullptr, TRUE, 0);
          return Succeed(Device, Irp);
        };
-       HANDLE handle;
-       FileOpen("\\Device\\Low", Account::User, &handle);
-       FileWrite(handle, {1});
+       FileWrite(OpenLow(), {1});
      }},
 };
 
 TEST(Mdl, BadUsesAreStopped) {
-  for (const BadRoutine &bad : BadUses) {
-    ExpectStopped(bad);
-  }
+  ExpectTwoStopped(BadUses);
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <span>
 #include <string>
 
 #include "platform/model/model.h"
@@ -18,6 +19,28 @@ inline void ExpectClean(const std::function<void()> &Body, const RunOptions &Opt
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
+// The body under the deterministic executor, then under real threads.
+inline void ExpectCleanOnBoth(const std::function<void()> &Body) {
+  ExpectClean(Body);
+  RunOptions threads;
+  threads.Executor = ExecutorKind::Threads;
+  ExpectClean(Body, threads);
+}
+
+// A test whose body is a run of the model from its beginning to its end, which nothing stops.
+#define TEST_RUN_BY(RUNNER, SUITE, NAME) \
+  static void SUITE##NAME();             \
+  TEST(SUITE, NAME) {                    \
+    RUNNER(SUITE##NAME);                 \
+  }                                      \
+  static void SUITE##NAME()
+
+#define MODEL_TEST(SUITE, NAME) TEST_RUN_BY(ExpectCleanOnBoth, SUITE, NAME)
+
+inline NTSTATUS WaitForEver(PVOID Object) {
+  return KeWaitForSingleObject(Object, Executive, KernelMode, FALSE, nullptr);
+}
+
 // A small driver fault and the rule that must stop it.
 struct BadRoutine {
   const char *Name;
@@ -25,7 +48,9 @@ struct BadRoutine {
   void (*Body)();
 };
 
-inline void ExpectStopped(const BadRoutine &Bad) {
-  RunReport report = ModelRun({}, Bad.Body);
-  EXPECT_EQ(report.Rule, Bad.Rule) << Bad.Name << "\n" << report.Text;
+inline void ExpectStopped(std::span<const BadRoutine> All) {
+  for (const BadRoutine &bad : All) {
+    RunReport report = ModelRun({}, bad.Body);
+    EXPECT_EQ(report.Rule, bad.Rule) << bad.Name << "\n" << report.Text;
+  }
 }

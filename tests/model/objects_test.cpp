@@ -8,32 +8,30 @@ static void *NewObject() {
   return ObjectCreate(ObjectKind::Driver, 32, [](void *) { ++deletions; });
 }
 
-TEST(Objects, LiveUntilTheLastReferenceAndHandle) {
-  ExpectClean([] {
-    deletions = lastHandles = 0;
-    void *body = NewObject();
-    auto onLast = [](void *) { ++lastHandles; };
-    HANDLE first = ObjectOpenHandle(body, onLast);
-    HANDLE second = ObjectOpenHandle(body, onLast);
-    EXPECT_EQ(ObjectReferences(body), 3);
-    EXPECT_EQ(ObjectHandleCount(body), 2u);
-    EXPECT_EQ(ObjectFromHandle(first, ObjectKind::Driver), body);
-    EXPECT_EQ(ObjectFromHandle(first, ObjectKind::File), nullptr);
-    ObDereferenceObject(body);
-    ZwClose(first);
-    EXPECT_EQ(lastHandles, 0);
-    PVOID again;
-    EXPECT_EQ(ObReferenceObjectByHandle(second, 0, nullptr, KernelMode, &again, nullptr),
-              STATUS_SUCCESS);
-    ZwClose(second);
-    EXPECT_EQ(lastHandles, 1);
-    EXPECT_EQ(deletions, 0);
-    EXPECT_TRUE(ObjectIs(body, ObjectKind::Driver));
-    EXPECT_EQ(ObDereferenceObject(again), 0);
-    EXPECT_EQ(deletions, 1);
-    EXPECT_FALSE(ObjectIs(body, ObjectKind::Driver));
-    EXPECT_EQ(ObjectCount(ObjectKind::Driver), 0u);
-  });
+MODEL_TEST(Objects, LiveUntilTheLastReferenceAndHandle) {
+  deletions = lastHandles = 0;
+  void *body = NewObject();
+  auto onLast = [](void *) { ++lastHandles; };
+  HANDLE first = ObjectOpenHandle(body, onLast);
+  HANDLE second = ObjectOpenHandle(body, onLast);
+  EXPECT_EQ(ObjectReferences(body), 3);
+  EXPECT_EQ(ObjectHandleCount(body), 2u);
+  EXPECT_EQ(ObjectFromHandle(first, ObjectKind::Driver), body);
+  EXPECT_EQ(ObjectFromHandle(first, ObjectKind::File), nullptr);
+  ObDereferenceObject(body);
+  ZwClose(first);
+  EXPECT_EQ(lastHandles, 0);
+  PVOID again;
+  EXPECT_EQ(ObReferenceObjectByHandle(second, 0, nullptr, KernelMode, &again, nullptr),
+            STATUS_SUCCESS);
+  ZwClose(second);
+  EXPECT_EQ(lastHandles, 1);
+  EXPECT_EQ(deletions, 0);
+  EXPECT_TRUE(ObjectIs(body, ObjectKind::Driver));
+  EXPECT_EQ(ObDereferenceObject(again), 0);
+  EXPECT_EQ(deletions, 1);
+  EXPECT_FALSE(ObjectIs(body, ObjectKind::Driver));
+  EXPECT_EQ(ObjectCount(ObjectKind::Driver), 0u);
 }
 
 static const BadRoutine badRoutines[] = {
@@ -81,9 +79,7 @@ static const BadRoutine badRoutines[] = {
 };
 
 TEST(Objects, MisuseIsStopped) {
-  for (const BadRoutine &bad : badRoutines) {
-    ExpectStopped(bad);
-  }
+  ExpectStopped(badRoutines);
 }
 
 TEST(Verifier, HistoryIsOfOneObjectOrOfAll) {

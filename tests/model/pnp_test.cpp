@@ -1,17 +1,11 @@
 #include <map>
 
-#include "tests/model/two_drivers.h"
+#include "tests/model/port_stack.h"
 
-// A function driver with one raw child, below a pass-through filter.
-struct PortExtension {
-  PDEVICE_OBJECT Lower;
-  PDEVICE_OBJECT Child;  // of the function device
-};
-
+// The function driver has one raw child.
 static const ULONG Tag = FourCharacters("PnpT");
 
-static PDRIVER_OBJECT Function;
-static PDRIVER_OBJECT Filter;
+static PortDescription Port;
 static std::string Log;  // a letter a minor function, as each device sees it
 static NTSTATUS StartStatus;
 static NTSTATUS FilterAddStatus;
@@ -21,10 +15,6 @@ static bool ReportChild;
 static PDRIVER_DISPATCH FilterPnp;
 static PDRIVER_DISPATCH FunctionFirst;  // tried before the function driver's own; may pass
 static NTSTATUS (*OnChild)(PIRP Irp);   // takes the place of the child's own answers
-
-static PortExtension *ExtensionOf(PDEVICE_OBJECT Device) {
-  return static_cast<PortExtension *>(Device->DeviceExtension);
-}
 
 static void Note(const char *Who, PIRP Irp) {
   static const std::map<UCHAR, const char *> names = {
@@ -80,11 +70,6 @@ static NTSTATUS ChildPnp(PIRP Irp) {
   return CompleteWith(Irp, STATUS_SUCCESS, reinterpret_cast<ULONG_PTR>(answer));
 }
 
-static NTSTATUS SendDown(PDEVICE_OBJECT Device, PIRP Irp) {
-  IoSkipCurrentIrpStackLocation(Irp);
-  return IofCallDriver(ExtensionOf(Device)->Lower, Irp);
-}
-
 static void Relate(PortExtension *Extension, PIRP Irp) {
   auto *relations = static_cast<PDEVICE_RELATIONS>(
       ExAllocatePoolWithTag(PagedPool, sizeof(DEVICE_RELATIONS), Tag));
@@ -136,31 +121,6 @@ static NTSTATUS FunctionPnp(PDEVICE_OBJECT Device, PIRP Irp) {
   }
 }
 
-static NTSTATUS FilterPnpAsItShould(PDEVICE_OBJECT Device, PIRP Irp) {
-  return FollowDown(Device, ExtensionOf(Device)->Lower, Irp);
-}
-
-static NTSTATUS PassPower(PDEVICE_OBJECT Device, PIRP Irp) {
-  PDEVICE_OBJECT lower = ExtensionOf(Device)->Lower;
-  PoStartNextPowerIrp(Irp);
-  if (!lower) {
-    return CompleteWith(Irp, STATUS_SUCCESS);
-  }
-  IoSkipCurrentIrpStackLocation(Irp);
-  return PoCallDriver(lower, Irp);
-}
-
-static PDEVICE_OBJECT Attach(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo, const char *Name) {
-  Wide name(Name ? Name : "");
-  PDEVICE_OBJECT device;
-  EXPECT_EQ(IoCreateDevice(Driver, sizeof(PortExtension), Name ? &name.String : nullptr,
-                           FILE_DEVICE_SERIAL_PORT, 0, FALSE, &device),
-            STATUS_SUCCESS);
-  ExtensionOf(device)->Lower = Pdo ? IoAttachDeviceToDeviceStack(device, Pdo) : nullptr;
-  device->Flags = (device->Flags | DO_BUFFERED_IO) & ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-  return device;
-}
-
 static NTSTATUS FunctionAdd(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
   PDEVICE_OBJECT device = Attach(Driver, Pdo, "\\Device\\Port");
   ExtensionOf(device)->Child = Attach(Driver, nullptr, "\\Device\\Child");
@@ -169,7 +129,7 @@ static NTSTATUS FunctionAdd(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
 
 static NTSTATUS FilterAdd(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
   if (NT_SUCCESS(FilterAddStatus)) {
-    Attach(Driver, Pdo, nullptr);
+    Attach(Driver, Pdo);
   }
   return FilterAddStatus;
 }
@@ -182,217 +142,192 @@ static NTSTATUS Entry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
   return STATUS_SUCCESS;
 }
 
-static PortDescription Load() {
-  Log.clear();
+// What has been logged since it was last asked.
+static std::string Seen() {
+  return std::exchange(Log, "");
+}
+
+static void Load() {
   StartStatus = FilterAddStatus = STATUS_SUCCESS;
   Refused = PortRefuses = 0xFF;
   FunctionFirst = nullptr;
   OnChild = nullptr;
   ReportChild = true;
-  FilterPnp = FilterPnpAsItShould;
-  Function = DriverLoad("Function", Entry);
+  FilterPnp = FollowDown;
+  Log.clear();
+  Port = LoadStack(Entry);
   Function->DriverExtension->AddDevice = FunctionAdd;
   Function->MajorFunction[IRP_MJ_PNP] = FunctionPnp;
-  Filter = DriverLoad("Filter", Entry);
   Filter->DriverExtension->AddDevice = FilterAdd;
   Filter->MajorFunction[IRP_MJ_PNP] = [](PDEVICE_OBJECT Device, PIRP Irp) {
     return FilterPnp(Device, Irp);
   };
-  PortDescription port;
-  port.Drivers = {Function, Filter};
-  port.Values["PortName"] = RegistryText("COM3");
-  return port;
 }
 
-static void Unload() {
-  DriverUnload(Filter);
-  DriverUnload(Function);
+static PnpNode *AddStarted() {
+  PnpNode *node = PnpAdd(Port);
+  PnpStart(node);
+  Log.clear();
+  return node;
 }
 
-TEST(Pnp, StartFindsAndStartsTheRawChild) {
-  ExpectCleanOnBoth([] {
-    PnpNode *node = PnpAdd(Load());
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(DeviceTop(PnpPdo(node))->StackSize, 3);
-    EXPECT_EQ(PnpStart(node), STATUS_SUCCESS);
-    EXPECT_EQ(Log,
-              "f:resources f:start f:capabilities f:state f:relations c:id c:id c:id c:id "
-              "c:capabilities c:bus c:start c:capabilities c:state c:relations");
-    std::vector<PDEVICE_OBJECT> children = PnpChildren(node);
-    ASSERT_EQ(children.size(), 1u);
-    EXPECT_TRUE(children[0]->Flags & DO_BUS_ENUMERATED_DEVICE);
-    EXPECT_TRUE(PnpChildStarted(node, children[0]));
-    PnpAskEverything(node);
-    HANDLE key;
-    EXPECT_EQ(IoOpenDeviceRegistryKey(DeviceTop(PnpPdo(node)), PLUGPLAY_REGKEY_DEVICE, 0, &key),
-              STATUS_INVALID_DEVICE_REQUEST);
-    PnpRemove(node);
-    Unload();
+static void ExpectPortClean(void (*Body)()) {
+  ExpectCleanOnBoth([Body] {
+    Load();
+    Body();
+    UnloadStack();
   });
 }
 
-TEST(Pnp, StopGoesToChildrenFirstAndStartToThemLast) {
-  ExpectCleanOnBoth([] {
-    PnpNode *node = PnpAdd(Load());
-    PnpStart(node);
-    Log.clear();
-    EXPECT_EQ(PnpQueryStop(node), STATUS_SUCCESS);
-    EXPECT_EQ(PnpCancelStop(node), STATUS_SUCCESS);
-    EXPECT_EQ(Log, "c:query-stop f:query-stop f:cancel-stop c:cancel-stop");
+#define PORT_TEST(NAME) TEST_RUN_BY(ExpectPortClean, Pnp, NAME)
 
-    Log.clear();
-    Refused = IRP_MN_QUERY_STOP_DEVICE;
-    EXPECT_EQ(PnpQueryStop(node), STATUS_DEVICE_BUSY);
-    EXPECT_EQ(Log, "c:query-stop c:cancel-stop");
-    Refused = 0xFF;
-
-    Log.clear();
-    PortRefuses = IRP_MN_QUERY_STOP_DEVICE;
-    EXPECT_EQ(PnpQueryStop(node), STATUS_DEVICE_BUSY);
-    EXPECT_EQ(Log, "c:query-stop f:query-stop f:cancel-stop c:cancel-stop");
-    PortRefuses = 0xFF;
-
-    Log.clear();
-    EXPECT_EQ(PnpStop(node), STATUS_SUCCESS);
-    EXPECT_FALSE(PnpChildStarted(node, PnpChildren(node)[0]));
-    EXPECT_EQ(PnpStart(node), STATUS_SUCCESS);
-    EXPECT_EQ(Log,
-              "c:stop f:stop f:start f:capabilities f:state f:relations c:start c:capabilities "
-              "c:state c:relations");
-    PnpRemove(node);
-    Unload();
-  });
+PORT_TEST(StartFindsAndStartsTheRawChild) {
+  PnpNode *node = PnpAdd(Port);
+  ASSERT_NE(node, nullptr);
+  EXPECT_EQ(DeviceTop(PnpPdo(node))->StackSize, 3);
+  EXPECT_EQ(PnpStart(node), STATUS_SUCCESS);
+  EXPECT_EQ(Seen(),
+            "f:resources f:start f:capabilities f:state f:relations c:id c:id c:id c:id "
+            "c:capabilities c:bus c:start c:capabilities c:state c:relations");
+  std::vector<PDEVICE_OBJECT> children = PnpChildren(node);
+  ASSERT_EQ(children.size(), 1u);
+  EXPECT_TRUE(children[0]->Flags & DO_BUS_ENUMERATED_DEVICE);
+  EXPECT_TRUE(PnpChildStarted(node, children[0]));
+  PnpAskEverything(node);
+  HANDLE key;
+  EXPECT_EQ(IoOpenDeviceRegistryKey(DeviceTop(PnpPdo(node)), PLUGPLAY_REGKEY_DEVICE, 0, &key),
+            STATUS_INVALID_DEVICE_REQUEST);
+  PnpRemove(node);
 }
 
-TEST(Pnp, ChildrenComeAndVanishWithTheRelations) {
-  ExpectClean([] {
-    PortDescription port = Load();
-    ReportChild = false;
-    PnpNode *node = PnpAdd(port);
-    PnpStart(node);
-    EXPECT_TRUE(PnpChildren(node).empty());
-    ReportChild = true;
-    EXPECT_EQ(PnpInvalidateRelations(node), STATUS_SUCCESS);
-    ASSERT_EQ(PnpChildren(node).size(), 1u);
-    Log.clear();
-    EXPECT_EQ(PnpInvalidateRelations(node), STATUS_SUCCESS);
-    EXPECT_EQ(Log, "f:relations");
+PORT_TEST(StopGoesToChildrenFirstAndStartToThemLast) {
+  PnpNode *node = AddStarted();
+  EXPECT_EQ(PnpQueryStop(node), STATUS_SUCCESS);
+  EXPECT_EQ(PnpCancelStop(node), STATUS_SUCCESS);
+  EXPECT_EQ(Seen(), "c:query-stop f:query-stop f:cancel-stop c:cancel-stop");
 
-    // The removal waits for the handle, the news of it does not.
-    HANDLE handle;
-    EXPECT_EQ(FileOpen("\\Device\\Child", Account::User, &handle), STATUS_SUCCESS);
-    Log.clear();
-    ReportChild = false;
-    PnpInvalidateRelations(node);
-    PnpInvalidateRelations(node);
-    EXPECT_EQ(Log, "f:relations c:surprise f:relations");
-    FileClose(handle);
-    PnpInvalidateRelations(node);
-    EXPECT_EQ(Log, "f:relations c:surprise f:relations f:relations c:remove");
-    EXPECT_TRUE(PnpChildren(node).empty());
+  Refused = IRP_MN_QUERY_STOP_DEVICE;
+  EXPECT_EQ(PnpQueryStop(node), STATUS_DEVICE_BUSY);
+  EXPECT_EQ(Seen(), "c:query-stop c:cancel-stop");
+  Refused = 0xFF;
 
-    // One that fails its start is removed from its drivers and stays listed.
-    ReportChild = true;
-    Refused = IRP_MN_START_DEVICE;
-    PnpInvalidateRelations(node);
-    Log.clear();
-    PnpInvalidateRelations(node);
-    PnpQueryRemove(node);
-    EXPECT_EQ(Log, "f:relations f:query-remove");
-    EXPECT_EQ(PnpChildren(node).size(), 1u);
-    PnpRemove(node);
-    Unload();
-  });
+  PortRefuses = IRP_MN_QUERY_STOP_DEVICE;
+  EXPECT_EQ(PnpQueryStop(node), STATUS_DEVICE_BUSY);
+  EXPECT_EQ(Seen(), "c:query-stop f:query-stop f:cancel-stop c:cancel-stop");
+  PortRefuses = 0xFF;
+
+  EXPECT_EQ(PnpStop(node), STATUS_SUCCESS);
+  EXPECT_FALSE(PnpChildStarted(node, PnpChildren(node)[0]));
+  EXPECT_EQ(PnpStart(node), STATUS_SUCCESS);
+  EXPECT_EQ(Seen(),
+            "c:stop f:stop f:start f:capabilities f:state f:relations c:start c:capabilities "
+            "c:state c:relations");
+  PnpRemove(node);
 }
 
-TEST(Pnp, OnlyWhatHasStartedIsSurprised) {
-  ExpectClean([] {
-    PortDescription port = Load();
-    PnpNode *node = PnpAdd(port);
-    PnpSurpriseRemove(node);
-    PnpRemove(node);
-    EXPECT_EQ(Log, "f:remove");
+PORT_TEST(ChildrenComeAndVanishWithTheRelations) {
+  ReportChild = false;
+  PnpNode *node = PnpAdd(Port);
+  PnpStart(node);
+  EXPECT_TRUE(PnpChildren(node).empty());
+  ReportChild = true;
+  EXPECT_EQ(PnpInvalidateRelations(node), STATUS_SUCCESS);
+  ASSERT_EQ(PnpChildren(node).size(), 1u);
+  Log.clear();
+  EXPECT_EQ(PnpInvalidateRelations(node), STATUS_SUCCESS);
+  EXPECT_EQ(Seen(), "f:relations");
 
-    // A start that fails after a stop ends as a surprise removal does.
-    node = PnpAdd(port);
-    PnpStart(node);
-    PnpStop(node);
-    Log.clear();
-    StartStatus = STATUS_IO_DEVICE_ERROR;
-    EXPECT_EQ(PnpStart(node), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(Log, "f:start c:surprise f:surprise");
-    PnpRemove(node);
-    EXPECT_EQ(Log, "f:start c:surprise f:surprise c:remove f:remove");
-    Unload();
-  });
+  // The removal waits for the handle, the news of it does not.
+  HANDLE handle;
+  EXPECT_EQ(FileOpen("\\Device\\Child", Account::User, &handle), STATUS_SUCCESS);
+  ReportChild = false;
+  PnpInvalidateRelations(node);
+  PnpInvalidateRelations(node);
+  EXPECT_EQ(Seen(), "f:relations c:surprise f:relations");
+  FileClose(handle);
+  PnpInvalidateRelations(node);
+  EXPECT_EQ(Seen(), "f:relations c:remove");
+  EXPECT_TRUE(PnpChildren(node).empty());
+
+  // One that fails its start is removed from its drivers and stays listed.
+  ReportChild = true;
+  Refused = IRP_MN_START_DEVICE;
+  PnpInvalidateRelations(node);
+  Log.clear();
+  PnpInvalidateRelations(node);
+  PnpQueryRemove(node);
+  EXPECT_EQ(Seen(), "f:relations f:query-remove");
+  EXPECT_EQ(PnpChildren(node).size(), 1u);
+  PnpRemove(node);
 }
 
-TEST(Pnp, RemovalGoesToChildrenFirst) {
-  ExpectClean([] {
-    PnpNode *node = PnpAdd(Load());
-    PnpStart(node);
-    Log.clear();
-    EXPECT_EQ(PnpQueryRemove(node), STATUS_SUCCESS);
-    EXPECT_EQ(PnpCancelRemove(node), STATUS_SUCCESS);
-    Refused = IRP_MN_QUERY_REMOVE_DEVICE;
-    EXPECT_EQ(PnpQueryRemove(node), STATUS_DEVICE_BUSY);
-    PnpSurpriseRemove(node);
-    EXPECT_EQ(VerifierWarnings("pnp.child-must-succeed"), 0u);
-    Refused = IRP_MN_REMOVE_DEVICE;
-    PnpRemove(node);
-    EXPECT_EQ(VerifierWarnings("pnp.child-must-succeed"), 1u);
-    EXPECT_EQ(Log,
-              "c:query-remove f:query-remove f:cancel-remove c:cancel-remove c:query-remove "
-              "c:cancel-remove c:surprise f:surprise c:remove f:remove");
-    Unload();
-  });
+PORT_TEST(OnlyWhatHasStartedIsSurprised) {
+  PnpNode *node = PnpAdd(Port);
+  PnpSurpriseRemove(node);
+  PnpRemove(node);
+  EXPECT_EQ(Seen(), "f:remove");
+
+  // A start that fails after a stop ends as a surprise removal does.
+  node = AddStarted();
+  PnpStop(node);
+  Log.clear();
+  StartStatus = STATUS_IO_DEVICE_ERROR;
+  EXPECT_EQ(PnpStart(node), STATUS_IO_DEVICE_ERROR);
+  EXPECT_EQ(Seen(), "f:start c:surprise f:surprise");
+  PnpRemove(node);
+  EXPECT_EQ(Seen(), "c:remove f:remove");
 }
 
-TEST(Pnp, RemovalWaitsForHandlesUnlessForced) {
-  ExpectCleanOnBoth([] {
-    PortDescription port = Load();
-    PnpNode *node = PnpAdd(port);
-    PnpStart(node);
-    static HANDLE handle;
-    EXPECT_EQ(FileOpen("\\Device\\Child", Account::User, &handle), STATUS_SUCCESS);
-    Log.clear();
-    static PnpNode *removed;
-    removed = node;
-    PKTHREAD remover = ThreadStart("remover", [] { PnpRemove(removed); });
-    ThreadSettle();
-    EXPECT_EQ(Log, "");
-    FileClose(handle);
-    ThreadJoin(remover);
-    EXPECT_EQ(Log, "c:remove f:remove");
-
-    node = PnpAdd(port);
-    PnpStart(node);
-    EXPECT_EQ(FileOpen("\\Device\\Port", Account::User, &handle), STATUS_SUCCESS);
-    PnpRemove(node, true);
-    EXPECT_EQ(DeviceCount(Function), 1u);
-    FileClose(handle);
-    EXPECT_EQ(DeviceCount(Function), 0u);
-    Unload();
-  });
+PORT_TEST(RemovalGoesToChildrenFirst) {
+  PnpNode *node = AddStarted();
+  EXPECT_EQ(PnpQueryRemove(node), STATUS_SUCCESS);
+  EXPECT_EQ(PnpCancelRemove(node), STATUS_SUCCESS);
+  Refused = IRP_MN_QUERY_REMOVE_DEVICE;
+  EXPECT_EQ(PnpQueryRemove(node), STATUS_DEVICE_BUSY);
+  PnpSurpriseRemove(node);
+  EXPECT_EQ(VerifierWarnings("pnp.child-must-succeed"), 0u);
+  Refused = IRP_MN_REMOVE_DEVICE;
+  PnpRemove(node);
+  EXPECT_EQ(VerifierWarnings("pnp.child-must-succeed"), 1u);
+  EXPECT_EQ(Seen(),
+            "c:query-remove f:query-remove f:cancel-remove c:cancel-remove c:query-remove "
+            "c:cancel-remove c:surprise f:surprise c:remove f:remove");
 }
 
-TEST(Pnp, FailuresLeaveNothing) {
-  ExpectClean([] {
-    PortDescription port = Load();
-    NTSTATUS status;
-    FilterAddStatus = STATUS_INSUFFICIENT_RESOURCES;
-    EXPECT_EQ(PnpAdd(port, &status), nullptr);
-    EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Log, "f:remove");
-    FilterAddStatus = STATUS_SUCCESS;
+PORT_TEST(RemovalWaitsForHandlesUnlessForced) {
+  PnpNode *node = AddStarted();
+  static HANDLE handle;
+  EXPECT_EQ(FileOpen("\\Device\\Child", Account::User, &handle), STATUS_SUCCESS);
+  static PnpNode *removed;
+  removed = node;
+  PKTHREAD remover = ThreadStart("remover", [] { PnpRemove(removed); });
+  ThreadSettle();
+  EXPECT_EQ(Seen(), "");
+  FileClose(handle);
+  ThreadJoin(remover);
+  EXPECT_EQ(Seen(), "c:remove f:remove");
 
-    StartStatus = STATUS_IO_DEVICE_ERROR;
-    PnpNode *node = PnpAdd(port, &status);
-    EXPECT_EQ(PnpStart(node), STATUS_IO_DEVICE_ERROR);
-    EXPECT_TRUE(PnpChildren(node).empty());
-    PnpRemove(node);
-    Unload();
-  });
+  node = AddStarted();
+  EXPECT_EQ(FileOpen("\\Device\\Port", Account::User, &handle), STATUS_SUCCESS);
+  PnpRemove(node, true);
+  EXPECT_EQ(DeviceCount(Function), 1u);
+  FileClose(handle);
+  EXPECT_EQ(DeviceCount(Function), 0u);
+}
+
+PORT_TEST(FailuresLeaveNothing) {
+  NTSTATUS status;
+  FilterAddStatus = STATUS_INSUFFICIENT_RESOURCES;
+  EXPECT_EQ(PnpAdd(Port, &status), nullptr);
+  EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+  EXPECT_EQ(Seen(), "f:remove");
+  FilterAddStatus = STATUS_SUCCESS;
+
+  StartStatus = STATUS_IO_DEVICE_ERROR;
+  PnpNode *node = PnpAdd(Port, &status);
+  EXPECT_EQ(PnpStart(node), STATUS_IO_DEVICE_ERROR);
+  EXPECT_TRUE(PnpChildren(node).empty());
+  PnpRemove(node);
 }
 
 // ---- what the verifier stops ----
@@ -401,80 +336,19 @@ static bool Is(PIRP Irp, UCHAR Minor) {
   return IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Minor;
 }
 
-// Routines of the filter. They spoil one minor function; everything else is as it should be.
-
-static NTSTATUS LeaveUndone(PDEVICE_OBJECT Device, PIRP Irp) {
-  return Is(Irp, IRP_MN_QUERY_DEVICE_TEXT) ? CompleteWith(Irp, Irp->IoStatus.Status)
-                                           : FilterPnpAsItShould(Device, Irp);
+static void ExpectPortStopped(const char *Name, const char *Rule,
+                              const std::function<void()> &Body) {
+  RunReport report = ModelRun({}, [&Body] {
+    Load();
+    Body();
+  });
+  EXPECT_EQ(report.Rule, Rule) << Name << "\n" << report.Text;
 }
-
-static NTSTATUS FailTheStop(PDEVICE_OBJECT Device, PIRP Irp) {
-  return Is(Irp, IRP_MN_STOP_DEVICE) ? CompleteWith(Irp, STATUS_UNSUCCESSFUL)
-                                     : SendDown(Device, Irp);
-}
-
-static NTSTATUS SupportAll(PDEVICE_OBJECT Device, PIRP Irp) {
-  Irp->IoStatus.Status = STATUS_SUCCESS;
-  return FilterPnpAsItShould(Device, Irp);
-}
-
-static NTSTATUS AnswerUnknown(PDEVICE_OBJECT Device, PIRP Irp) {
-  Irp->IoStatus.Information = Is(Irp, IRP_MN_QUERY_RESOURCES) ? 4711 : 0;
-  return FilterPnpAsItShould(Device, Irp);
-}
-
-static NTSTATUS PassFailureDown(PDEVICE_OBJECT Device, PIRP Irp) {
-  Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
-  return SendDown(Device, Irp);
-}
-
-static NTSTATUS Unsupport(PDEVICE_OBJECT, PIRP Irp, PVOID) {
-  Irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
-  return STATUS_SUCCESS;
-}
-
-static NTSTATUS TakeBack(PDEVICE_OBJECT Device, PIRP Irp) {
-  IoCopyCurrentIrpStackLocationToNext(Irp);
-  IoSetCompletionRoutine(Irp, Unsupport, nullptr, TRUE, TRUE, TRUE);
-  return IofCallDriver(ExtensionOf(Device)->Lower, Irp);
-}
-
-static NTSTATUS ChangeVersion(PDEVICE_OBJECT Device, PIRP Irp) {
-  if (Is(Irp, IRP_MN_QUERY_CAPABILITIES)) {
-    IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceCapabilities.Capabilities->Version = 2;
-  }
-  return FilterPnpAsItShould(Device, Irp);
-}
-
-static NTSTATUS DetachAfter(PDEVICE_OBJECT Device, PIRP Irp, UCHAR Minor,
-                            PDRIVER_DISPATCH Dispatch) {
-  bool detaches = Is(Irp, Minor);
-  PDEVICE_OBJECT lower = ExtensionOf(Device)->Lower;
-  NTSTATUS status = Dispatch(Device, Irp);
-  if (detaches) {
-    IoDetachDevice(lower);
-  }
-  return status;
-}
-
-static NTSTATUS DetachAtSurprise(PDEVICE_OBJECT Device, PIRP Irp) {
-  return DetachAfter(Device, Irp, IRP_MN_SURPRISE_REMOVAL, FilterPnpAsItShould);
-}
-
-static NTSTATUS DetachOnly(PDEVICE_OBJECT Device, PIRP Irp) {
-  return DetachAfter(Device, Irp, IRP_MN_REMOVE_DEVICE, SendDown);
-}
-
-struct BadFilter {
-  const char *Name;
-  const char *Rule;
-  PDRIVER_DISPATCH Bad;
-};
 
 // The port lives with the fault, and is asked everything.
 static void LiveWith(PDRIVER_DISPATCH BadFilter, PDRIVER_DISPATCH BadFunction = nullptr,
                      NTSTATUS (*BadChild)(PIRP Irp) = nullptr) {
-  PnpNode *node = PnpAdd(Load());
+  PnpNode *node = PnpAdd(Port);
   FilterPnp = BadFilter ? BadFilter : FilterPnp;
   FunctionFirst = BadFunction;
   OnChild = BadChild;
@@ -486,22 +360,44 @@ static void LiveWith(PDRIVER_DISPATCH BadFilter, PDRIVER_DISPATCH BadFunction = 
   PnpRemove(node);
 }
 
+// What the filter does with one minor function; the others it treats as it should.
+struct BadFilter {
+  const char *Name;
+  const char *Rule;
+  UCHAR Minor;
+  const char *Words;
+};
+
 TEST(Pnp, BadFiltersAreStopped) {
+  static const BadFilter *spoiler;
   static const BadFilter bad[] = {
-      {"swallows a request", "pnp.not-forwarded", Succeed},
-      {"leaves what it does not know undone", "pnp.not-forwarded", LeaveUndone},
-      {"fails what may not fail", "pnp.must-succeed", FailTheStop},
-      {"supports what it does not know", "pnp.status-changed", SupportAll},
-      {"answers what it does not know", "pnp.status-changed", AnswerUnknown},
-      {"passes a failure down", "pnp.status-changed", PassFailureDown},
-      {"takes back what the bus has said", "pnp.status-changed", TakeBack},
-      {"changes the capabilities' version", "pnp.bad-capabilities", ChangeVersion},
-      {"takes the stack apart in a surprise removal", "device.detached-early", DetachAtSurprise},
-      {"detaches, but does not delete", "device.not-deleted", DetachOnly},
-      {"stays attached to a deleted device", "leak.device", SendDown},
+      {"swallows a request", "pnp.not-forwarded", IRP_MN_START_DEVICE, "complete"},
+      {"leaves what it does not know undone", "pnp.not-forwarded", IRP_MN_QUERY_DEVICE_TEXT,
+       "unsupported complete"},
+      {"fails what may not fail", "pnp.must-succeed", IRP_MN_STOP_DEVICE, "failure complete"},
+      {"supports what it does not know", "pnp.status-changed", IRP_MN_QUERY_DEVICE_TEXT,
+       "success say skip down"},
+      {"answers what it does not know", "pnp.status-changed", IRP_MN_QUERY_RESOURCES,
+       "answer skip down"},
+      {"passes a failure down", "pnp.status-changed", IRP_MN_START_DEVICE, "failure say skip down"},
+      {"takes back what the bus has said", "pnp.status-changed", IRP_MN_QUERY_CAPABILITIES,
+       "copy deny down"},
+      {"changes the capabilities' version", "pnp.bad-capabilities", IRP_MN_QUERY_CAPABILITIES,
+       "version skip down"},
+      {"takes the stack apart in a surprise removal", "device.detached-early",
+       IRP_MN_SURPRISE_REMOVAL, "skip down detach"},
+      {"detaches, but does not delete", "device.not-deleted", IRP_MN_REMOVE_DEVICE,
+       "skip down detach"},
+      {"stays attached to a deleted device", "leak.device", IRP_MN_REMOVE_DEVICE, "skip down"},
   };
   for (const BadFilter &one : bad) {
-    EXPECT_EQ(RuleOf([&] { LiveWith(one.Bad); }), one.Rule) << one.Name;
+    spoiler = &one;
+    ExpectPortStopped(one.Name, one.Rule, [] {
+      LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
+        return Is(Irp, spoiler->Minor) ? Perform(spoiler->Words, ExtensionOf(Device)->Lower, Irp)
+                                       : FollowDown(Device, Irp);
+      });
+    });
   }
 }
 
@@ -546,7 +442,7 @@ TEST(Pnp, BadRelationsAreStopped) {
   };
   for (const BadRelation &one : bad) {
     Relation = &one;
-    EXPECT_EQ(RuleOf([] { LiveWith(nullptr, RelateBadly); }), "pnp.bad-relations") << one.Name;
+    ExpectPortStopped(one.Name, "pnp.bad-relations", [] { LiveWith(nullptr, RelateBadly); });
   }
 }
 
@@ -576,19 +472,16 @@ TEST(Pnp, BadAnswersAreStopped) {
   };
   for (const BadAnswer &one : bad) {
     AnswerOf = &one;
-    EXPECT_EQ(RuleOf([] { LiveWith(nullptr, nullptr, AnswerBadly); }), "pnp.bad-answer")
-        << one.Name;
+    ExpectPortStopped(one.Name, "pnp.bad-answer", [] { LiveWith(nullptr, nullptr, AnswerBadly); });
   }
 }
 
 // Flags that differ from what they should be when the filter's device has been added.
-struct BadFlags {
-  const char *Name;
-  const char *Rule;
-  ULONG Filter, Below;
-};
-
 TEST(Pnp, BadFlagsAreStopped) {
+  struct BadFlags {
+    const char *Name, *Rule;
+    ULONG Filter, Below;
+  };
   static const BadFlags *flipped;
   static const BadFlags bad[] = {
       {"stays initializing", "device.initializing", DO_DEVICE_INITIALIZING, 0},
@@ -597,24 +490,22 @@ TEST(Pnp, BadFlagsAreStopped) {
   };
   for (const BadFlags &one : bad) {
     flipped = &one;
-    RunReport report = ModelRun({}, [] {
-      PortDescription port = Load();
+    ExpectPortStopped(one.Name, one.Rule, [] {
       Filter->DriverExtension->AddDevice = [](PDRIVER_OBJECT Driver, PDEVICE_OBJECT Pdo) {
         FilterAdd(Driver, Pdo);
         Driver->DeviceObject->Flags ^= flipped->Filter;
         Pdo->AttachedDevice->Flags ^= flipped->Below;
         return STATUS_SUCCESS;
       };
-      PnpAdd(port);
+      PnpAdd(Port);
     });
-    EXPECT_EQ(report.Rule, one.Rule) << one.Name << "\n" << report.Text;
   }
 }
 
 static const BadRoutine BadDrivers[] = {
     {"keeps system control", "system-control.not-forwarded",
      [] {
-       PnpNode *node = PnpAdd(Load());
+       PnpNode *node = PnpAdd(Port);
        Filter->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = Succeed;
        SendPacket(PnpPdo(node), IRP_MJ_SYSTEM_CONTROL, 0, nullptr);
      }},
@@ -628,16 +519,15 @@ static const BadRoutine BadDrivers[] = {
      }},
     {"stays attached", "device.not-detached",
      [] {
-       PortDescription port = Load();
-       port.Drivers = {Filter};
+       Port.Drivers = {Filter};
        FilterPnp = SendDown;
-       PnpRemove(PnpAdd(port));
+       PnpRemove(PnpAdd(Port));
      }},
-    {"port left", "leak.node", [] { PnpAdd(Load()); }},
+    {"port left", "leak.node", [] { PnpAdd(Port); }},
 };
 
 TEST(Pnp, BadDriversAreStopped) {
   for (const BadRoutine &bad : BadDrivers) {
-    ExpectStopped(bad);
+    ExpectPortStopped(bad.Name, bad.Rule, bad.Body);
   }
 }

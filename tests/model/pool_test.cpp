@@ -11,25 +11,23 @@ static char *Allocate(SIZE_T bytes, ULONG tag = TagA, POOL_TYPE type = NonPagedP
   return static_cast<char *>(ExAllocatePoolWithTag(type, bytes, tag));
 }
 
-TEST(Pool, CountsByTagAndPoisons) {
-  ExpectClean([] {
-    char *a = Allocate(40);
-    char *b = Allocate(8, TagB, PagedPool);
-    for (int i = 0; i < 40; ++i) {
-      ASSERT_NE(a[i], 0) << "fresh memory must not look cleared";
-    }
-    EXPECT_EQ(PoolCount(TagA).Blocks, 1u);
-    EXPECT_EQ(PoolCount(TagA).Bytes, 40u);
-    EXPECT_EQ(PoolCount(0).Bytes, 48u);
-    EXPECT_TRUE(PoolIsPaged(b + 7));
-    EXPECT_FALSE(PoolIsPaged(b + 8));
-    EXPECT_FALSE(PoolIsPaged(a));
-    EXPECT_NE(PoolLeaks().find("\"TagB\" 8 bytes allocated at"), std::string::npos);
-    ExFreePoolWithTag(a, TagA);
-    ExFreePoolWithTag(b, 0);
-    EXPECT_EQ(PoolCount(0).Blocks, 0u);
-    EXPECT_EQ(PoolCount(TagA).Allocations, 1u);
-  });
+MODEL_TEST(Pool, CountsByTagAndPoisons) {
+  char *a = Allocate(40);
+  char *b = Allocate(8, TagB, PagedPool);
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_NE(a[i], 0) << "fresh memory must not look cleared";
+  }
+  EXPECT_EQ(PoolCount(TagA).Blocks, 1u);
+  EXPECT_EQ(PoolCount(TagA).Bytes, 40u);
+  EXPECT_EQ(PoolCount(0).Bytes, 48u);
+  EXPECT_TRUE(PoolIsPaged(b + 7));
+  EXPECT_FALSE(PoolIsPaged(b + 8));
+  EXPECT_FALSE(PoolIsPaged(a));
+  EXPECT_NE(PoolLeaks().find("\"TagB\" 8 bytes allocated at"), std::string::npos);
+  ExFreePoolWithTag(a, TagA);
+  ExFreePoolWithTag(b, 0);
+  EXPECT_EQ(PoolCount(0).Blocks, 0u);
+  EXPECT_EQ(PoolCount(TagA).Allocations, 1u);
 }
 
 static const BadRoutine badRoutines[] = {
@@ -65,9 +63,7 @@ static const BadRoutine badRoutines[] = {
 };
 
 TEST(Pool, MisuseIsStopped) {
-  for (const BadRoutine &bad : badRoutines) {
-    ExpectStopped(bad);
-  }
+  ExpectStopped(badRoutines);
 }
 
 // Writes that AddressSanitizer, where it is on, sees at once instead.
@@ -93,52 +89,48 @@ static const BadRoutine badWrites[] = {
 };
 
 TEST(Pool, StrayWritesAreStopped) {
+  if (!AsanOn) {
+    ExpectStopped(badWrites);
+    return;
+  }
   for (const BadRoutine &bad : badWrites) {
-    if (AsanOn) {
-      EXPECT_DEATH(ModelRun({}, bad.Body), "AddressSanitizer") << bad.Name;
-    } else {
-      ExpectStopped(bad);
-    }
+    EXPECT_DEATH(ModelRun({}, bad.Body), "AddressSanitizer") << bad.Name;
   }
 }
 
-TEST(Pool, QuarantineIsBounded) {
-  ExpectClean([] {
-    for (int i = 0; i < 5000; ++i) {
-      ExFreePoolWithTag(Allocate(static_cast<SIZE_T>(1 + i)), TagA);
-    }
-    EXPECT_EQ(PoolCount(TagA).Allocations, 5000u);
-  });
+MODEL_TEST(Pool, QuarantineIsBounded) {
+  for (int i = 0; i < 5000; ++i) {
+    ExFreePoolWithTag(Allocate(static_cast<SIZE_T>(1 + i)), TagA);
+  }
+  EXPECT_EQ(PoolCount(TagA).Allocations, 5000u);
 }
 
-TEST(Faults, FailTheCallsThatThePlanNames) {
-  ExpectClean([] {
-    std::string got;
-    auto attempts = [&got](const FaultPlan &plan) {
-      FaultArm(plan);
-      got.clear();
-      for (ULONG tag : {TagA, TagB, TagA, TagB}) {
-        char *block = Allocate(1, tag);
-        got += block ? '+' : '-';
-        if (block) {
-          ExFreePoolWithTag(block, tag);
-        }
+MODEL_TEST(Faults, FailTheCallsThatThePlanNames) {
+  std::string got;
+  auto attempts = [&got](const FaultPlan &plan) {
+    FaultArm(plan);
+    got.clear();
+    for (ULONG tag : {TagA, TagB, TagA, TagB}) {
+      char *block = Allocate(1, tag);
+      got += block ? '+' : '-';
+      if (block) {
+        ExFreePoolWithTag(block, tag);
       }
-      return got + (FaultDisarm() ? " delivered" : "");
-    };
-    EXPECT_EQ(attempts({.Nth = 2}), "+-++ delivered");
-    EXPECT_EQ(attempts({.Nth = 2, .AndAllAfter = true}), "+--- delivered");
-    EXPECT_EQ(attempts({.Tag = TagB, .Nth = 2}), "+++- delivered");
-    EXPECT_EQ(attempts({.Kinds = FaultIrp | FaultThread}), "++++");
-    EXPECT_EQ(attempts({.Nth = 9}), "++++");
-    EXPECT_EQ(FaultCount(FaultPool), 20u);
-    EXPECT_EQ(FaultCount(FaultPool, TagB), 10u);
-    EXPECT_EQ(FaultCount(FaultIrp), 0u);
+    }
+    return got + (FaultDisarm() ? " delivered" : "");
+  };
+  EXPECT_EQ(attempts({.Nth = 2}), "+-++ delivered");
+  EXPECT_EQ(attempts({.Nth = 2, .AndAllAfter = true}), "+--- delivered");
+  EXPECT_EQ(attempts({.Tag = TagB, .Nth = 2}), "+++- delivered");
+  EXPECT_EQ(attempts({.Kinds = FaultIrp | FaultThread}), "++++");
+  EXPECT_EQ(attempts({.Nth = 9}), "++++");
+  EXPECT_EQ(FaultCount(FaultPool), 20u);
+  EXPECT_EQ(FaultCount(FaultPool, TagB), 10u);
+  EXPECT_EQ(FaultCount(FaultIrp), 0u);
 
-    FaultArm({.Kinds = FaultThread});
-    HANDLE handle;
-    EXPECT_EQ(PsCreateSystemThread(
-                  &handle, 0, nullptr, nullptr, nullptr, [](PVOID) {}, nullptr),
-              STATUS_INSUFFICIENT_RESOURCES);
-  });
+  FaultArm({.Kinds = FaultThread});
+  HANDLE handle;
+  EXPECT_EQ(PsCreateSystemThread(
+                &handle, 0, nullptr, nullptr, nullptr, [](PVOID) {}, nullptr),
+            STATUS_INSUFFICIENT_RESOURCES);
 }

@@ -420,30 +420,3 @@ TEST(Livelock, IsFoundAndExplainedUnlessTheScheduleAloneIsUnfair) {
   report = ModelExplore(options, endsByB).Failure;
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
-
-TEST(Fifo, NobodyIsPreempted) {
-  std::string order;
-  RunReport report = ModelRun({}, [&] { order = Order(); });
-  EXPECT_EQ(order, "aaaaabbbbbccccc");
-  EXPECT_EQ(report.Replay, "f");
-}
-
-TEST(Fifo, YieldLetsEachReadyThreadRunOnce) {
-  ExpectClean([] {
-    std::string order;
-    auto body = [&order](char name) {
-      order += name;
-      ThreadYieldToReady();
-      order += name;
-    };
-    PKTHREAD a = ThreadStart("a", [&] { body('a'); });
-    PKTHREAD b = ThreadStart("b", [&] { body('b'); });
-    EXPECT_TRUE(ThreadAnyReady());
-    EXPECT_TRUE(ThreadYieldToReady());
-    EXPECT_EQ(order, "ab");
-    EXPECT_FALSE(ThreadYieldToReady());
-    EXPECT_EQ(order, "abab");
-    ThreadJoin(a);
-    ThreadJoin(b);
-  });
-}

@@ -1,4 +1,4 @@
-#include "platform/model/irql.h"
+#include "platform/model/text.h"
 #include "tests/model/two_drivers.h"
 
 static const ULONG Tag = FourCharacters("Text");
@@ -29,6 +29,10 @@ static std::string Print(size_t Room, const wchar_t *Format, ...) {
   EXPECT_EQ(buffer[written], static_cast<size_t>(written) < Room ? 0 : L'#');
   buffer[written] = 0;
   return Narrow(buffer);
+}
+
+TEST(Strings, EveryLengthOfACharacterInUtf8) {
+  EXPECT_EQ(TextFromWide(L"a\u00E9\u20AC", 3), "a\u00E9\u20AC");
 }
 
 TEST(Strings, FormattedText) {
@@ -65,39 +69,37 @@ TEST(Strings, BoundedCopies) {
   EXPECT_EQ(RtlStringCbCopyW(buffer, 1, L""), STATUS_INVALID_PARAMETER);
 }
 
-TEST(Strings, CountedStrings) {
-  ExpectClean([] {
-    UNICODE_STRING string;
-    RtlInitUnicodeString(&string, L"abc");
-    EXPECT_EQ(string.Length, 6);
-    EXPECT_EQ(string.MaximumLength, 8);
-    RtlInitUnicodeString(&string, nullptr);
-    EXPECT_EQ(string.MaximumLength, 0);
+MODEL_TEST(Strings, CountedStrings) {
+  UNICODE_STRING string;
+  RtlInitUnicodeString(&string, L"abc");
+  EXPECT_EQ(string.Length, 6);
+  EXPECT_EQ(string.MaximumLength, 8);
+  RtlInitUnicodeString(&string, nullptr);
+  EXPECT_EQ(string.MaximumLength, 0);
 
-    ANSI_STRING ansi;
-    RtlInitAnsiString(&ansi, "a\xE9");
-    EXPECT_EQ(RtlxAnsiStringToUnicodeSize(&ansi), 6u);
-    EXPECT_EQ(RtlAnsiStringToUnicodeString(&string, &ansi, TRUE), STATUS_SUCCESS);
-    EXPECT_EQ(string.Length, 4);
-    EXPECT_EQ(string.Buffer[1], 0xE9);
-    EXPECT_EQ(string.Buffer[2], 0);
-    Wide upper("A\xE9");
-    upper.Buffer[1] = 0xC9;
-    EXPECT_NE(RtlCompareUnicodeString(&string, &upper.String, FALSE), 0);
-    EXPECT_EQ(RtlCompareUnicodeString(&string, &upper.String, TRUE), 0);
-    upper.String.Length = 2;
-    EXPECT_GT(RtlCompareUnicodeString(&string, &upper.String, TRUE), 0);
-    RtlFreeUnicodeString(&string);
+  ANSI_STRING ansi;
+  RtlInitAnsiString(&ansi, "a\xE9");
+  EXPECT_EQ(RtlxAnsiStringToUnicodeSize(&ansi), 6u);
+  EXPECT_EQ(RtlAnsiStringToUnicodeString(&string, &ansi, TRUE), STATUS_SUCCESS);
+  EXPECT_EQ(string.Length, 4);
+  EXPECT_EQ(string.Buffer[1], 0xE9);
+  EXPECT_EQ(string.Buffer[2], 0);
+  Wide upper("A\xE9");
+  upper.Buffer[1] = 0xC9;
+  EXPECT_NE(RtlCompareUnicodeString(&string, &upper.String, FALSE), 0);
+  EXPECT_EQ(RtlCompareUnicodeString(&string, &upper.String, TRUE), 0);
+  upper.String.Length = 2;
+  EXPECT_GT(RtlCompareUnicodeString(&string, &upper.String, TRUE), 0);
+  RtlFreeUnicodeString(&string);
 
-    WCHAR room[2];
-    string.Buffer = room;
-    string.MaximumLength = 4;
-    EXPECT_EQ(RtlAnsiStringToUnicodeString(&string, &ansi, FALSE), STATUS_BUFFER_OVERFLOW);
-    string.MaximumLength = 6;
-    FaultArm({.Kinds = FaultPool});
-    EXPECT_EQ(RtlAnsiStringToUnicodeString(&string, &ansi, TRUE), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_TRUE(FaultDisarm());
-  });
+  WCHAR room[2];
+  string.Buffer = room;
+  string.MaximumLength = 4;
+  EXPECT_EQ(RtlAnsiStringToUnicodeString(&string, &ansi, FALSE), STATUS_BUFFER_OVERFLOW);
+  string.MaximumLength = 6;
+  FaultArm({.Kinds = FaultPool});
+  EXPECT_EQ(RtlAnsiStringToUnicodeString(&string, &ansi, TRUE), STATUS_INSUFFICIENT_RESOURCES);
+  EXPECT_TRUE(FaultDisarm());
 }
 
 static const BadRoutine BadUses[] = {
@@ -123,7 +125,5 @@ static const BadRoutine BadUses[] = {
 };
 
 TEST(Strings, BadUsesAreStopped) {
-  for (const BadRoutine &bad : BadUses) {
-    ExpectStopped(bad);
-  }
+  ExpectStopped(BadUses);
 }

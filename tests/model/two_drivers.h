@@ -1,9 +1,12 @@
 // Two small drivers for the tests of requests: a lower one with a named device, and a filter
-// attached to it. What their dispatch routines do is set by each test.
+// attached to it. What their dispatch routines do is set by each test, or told in words.
 #pragma once
 
 #include <cstring>
+#include <map>
+#include <sstream>
 
+#include "platform/model/irql.h"
 #include "tests/model/model_run.h"
 
 struct TwoDrivers {
@@ -34,14 +37,6 @@ struct Wide {
   UNICODE_STRING String;
 };
 
-// The body under the deterministic executor, then under real threads.
-inline void ExpectCleanOnBoth(const std::function<void()> &Body) {
-  ExpectClean(Body);
-  RunOptions threads;
-  threads.Executor = ExecutorKind::Threads;
-  ExpectClean(Body, threads);
-}
-
 inline NTSTATUS CompleteWith(PIRP Irp, NTSTATUS Status, ULONG_PTR Information = 0) {
   Irp->IoStatus.Status = Status;
   Irp->IoStatus.Information = Information;
@@ -58,23 +53,9 @@ inline NTSTATUS PassDown(PDEVICE_OBJECT, PIRP Irp) {
   return IofCallDriver(Two.Lower, Irp);
 }
 
-// A filter's whole Plug and Play: passes down, and goes with the removal.
-inline NTSTATUS FollowDown(PDEVICE_OBJECT Device, PDEVICE_OBJECT Lower, PIRP Irp) {
-  bool removes = IoGetCurrentIrpStackLocation(Irp)->MinorFunction == IRP_MN_REMOVE_DEVICE;
-  IoSkipCurrentIrpStackLocation(Irp);
-  NTSTATUS status = IofCallDriver(Lower, Irp);
-  if (removes) {
-    IoDetachDevice(Lower);
-    IoDeleteDevice(Device);
-  }
-  return status;
-}
-
-// Copies its location and sets the routine for success, error and cancel.
-inline NTSTATUS PassDownWith(PIRP Irp, PIO_COMPLETION_ROUTINE Routine, PVOID Context = nullptr) {
-  IoCopyCurrentIrpStackLocationToNext(Irp);
-  IoSetCompletionRoutine(Irp, Routine, Context, TRUE, TRUE, TRUE);
-  return IofCallDriver(Two.Lower, Irp);
+// For success, error and cancel.
+inline void SetRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE Routine) {
+  IoSetCompletionRoutine(Irp, Routine, nullptr, TRUE, TRUE, TRUE);
 }
 
 inline NTSTATUS SendRead() {
@@ -95,27 +76,20 @@ inline NTSTATUS Keep(PDEVICE_OBJECT, PIRP, PVOID) {
   return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-inline NTSTATUS KeepAndSignal(PDEVICE_OBJECT, PIRP, PVOID Event) {
-  KeSetEvent(static_cast<PKEVENT>(Event), IO_NO_INCREMENT, FALSE);
-  return STATUS_MORE_PROCESSING_REQUIRED;
-}
-
-inline void PassDownAndWait(PIRP Irp) {
-  KEVENT done;
-  KeInitializeEvent(&done, NotificationEvent, FALSE);
-  EXPECT_EQ(PassDownWith(Irp, KeepAndSignal, &done), STATUS_PENDING);
-  KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+// Does not carry pending upward.
+inline NTSTATUS Forget(PDEVICE_OBJECT, PIRP, PVOID) {
+  return STATUS_SUCCESS;
 }
 
 // Makes a packet of the test's own a read that comes back to the routine.
-inline void AimRead(PIRP Irp, PIO_COMPLETION_ROUTINE Routine = Keep, PVOID Context = nullptr) {
+inline void AimRead(PIRP Irp, PIO_COMPLETION_ROUTINE Routine = Keep) {
   IoGetNextIrpStackLocation(Irp)->MajorFunction = IRP_MJ_READ;
-  IoSetCompletionRoutine(Irp, Routine, Context, TRUE, TRUE, TRUE);
+  SetRoutine(Irp, Routine);
 }
 
-inline PIRP OwnRead(PIO_COMPLETION_ROUTINE Routine = Keep, PVOID Context = nullptr) {
-  PIRP irp = IoAllocateIrp(2, FALSE);
-  AimRead(irp, Routine, Context);
+inline PIRP OwnRead(PIO_COMPLETION_ROUTINE Routine = Keep) {
+  PIRP irp = IoAllocateIrp(4, FALSE);
+  AimRead(irp, Routine);
   return irp;
 }
 
@@ -185,17 +159,21 @@ inline NTSTATUS UpperEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
   return IoCreateDevice(Driver, 16, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &Two.Upper);
 }
 
-// The lower driver completes everything with success, the upper one skips its location; the flags
-// are both devices'.
-inline void TwoLoad(ULONG Flags = DO_BUFFERED_IO) {
+inline void Buffer(ULONG Way) {
+  for (PDEVICE_OBJECT device : {Two.Lower, Two.Upper}) {
+    device->Flags = (device->Flags & ~(DO_BUFFERED_IO | DO_DIRECT_IO)) | Way;
+  }
+}
+
+// The lower driver completes everything with success, the upper one skips its location.
+inline void TwoLoad() {
   OnLower = Succeed;
   OnUpper = PassDown;
   Held = nullptr;
   CancelCalls = 0;
   Two.LowerDriver = DriverLoad("Lower", LowerEntry);
-  Two.Lower->Flags |= Flags;
   Two.UpperDriver = DriverLoad("Upper", UpperEntry);
-  Two.Upper->Flags |= Flags;
+  Buffer(DO_BUFFERED_IO);
   ASSERT_EQ(IoAttachDeviceToDeviceStack(Two.Upper, Two.Lower), Two.Lower);
 }
 
@@ -207,19 +185,125 @@ inline void TwoUnload() {
   DriverUnload(Two.LowerDriver);
 }
 
-inline void Play(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower) {
-  TwoLoad();
-  OnUpper = Upper;
-  OnLower = Lower;
+// A run between the load and the unload of the two.
+inline void ExpectTwoClean(void (*Body)()) {
+  ExpectCleanOnBoth([Body] {
+    TwoLoad();
+    Body();
+    TwoUnload();
+  });
+}
+
+#define TWO_DRIVERS_TEST(SUITE, NAME) TEST_RUN_BY(ExpectTwoClean, SUITE, NAME)
+
+inline HANDLE OpenLow(Account Who = Account::User) {
+  HANDLE handle;
+  EXPECT_EQ(FileOpen("\\Device\\Low", Who, &handle), STATUS_SUCCESS);
+  return handle;
+}
+
+// A read by way of a handle, of one byte.
+inline NTSTATUS BeginRead(HANDLE Handle, FileRequest *Request) {
+  Request->Buffer.resize(1);
+  return FileSend(Handle, Request);
+}
+
+// ---- drivers told in words ----
+
+// The device below that of the routine which is at its words.
+inline PDEVICE_OBJECT Below;
+
+inline NTSTATUS Forgive(PDEVICE_OBJECT, PIRP Irp, PVOID) {
+  Irp->IoStatus.Status = STATUS_SUCCESS;
+  return STATUS_SUCCESS;
+}
+
+inline NTSTATUS Deny(PDEVICE_OBJECT, PIRP Irp, PVOID) {
+  Irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+  return STATUS_SUCCESS;
+}
+
+// What a dispatch routine does with its packet, a word a step. It begins with success, and returns
+// the status that it has in the end.
+inline const std::map<std::string, void (*)(PIRP Irp, NTSTATUS *Status)> Steps = {
+    {"success", [](PIRP, NTSTATUS *Status) { *Status = STATUS_SUCCESS; }},
+    {"failure", [](PIRP, NTSTATUS *Status) { *Status = STATUS_UNSUCCESSFUL; }},
+    {"pending", [](PIRP, NTSTATUS *Status) { *Status = STATUS_PENDING; }},
+    {"unsupported", [](PIRP, NTSTATUS *Status) { *Status = STATUS_NOT_SUPPORTED; }},
+    {"minus-one", [](PIRP, NTSTATUS *Status) { *Status = -1; }},
+    {"mark", [](PIRP Irp, NTSTATUS *) { IoMarkIrpPending(Irp); }},
+    {"note", [](PIRP Irp, NTSTATUS *) { Held = Irp; }},
+    {"hold", [](PIRP Irp, NTSTATUS *Status) { *Status = HoldIt(nullptr, Irp); }},
+    {"complete", [](PIRP Irp, NTSTATUS *Status) { CompleteWith(Irp, *Status); }},
+    {"end-again", [](PIRP Irp, NTSTATUS *) { IofCompleteRequest(Irp, IO_NO_INCREMENT); }},
+    {"skip", [](PIRP Irp, NTSTATUS *) { IoSkipCurrentIrpStackLocation(Irp); }},
+    {"advance", [](PIRP Irp, NTSTATUS *) { IoSetNextIrpStackLocation(Irp); }},
+    {"copy", [](PIRP Irp, NTSTATUS *) { IoCopyCurrentIrpStackLocationToNext(Irp); }},
+    {"copy-all",
+     [](PIRP Irp, NTSTATUS *) {
+       *IoGetNextIrpStackLocation(Irp) = *IoGetCurrentIrpStackLocation(Irp);
+     }},
+    {"bad-major",
+     [](PIRP Irp, NTSTATUS *) {
+       IoGetNextIrpStackLocation(Irp)->MajorFunction = IRP_MJ_MAXIMUM_FUNCTION + 1;
+     }},
+    {"version",
+     [](PIRP Irp, NTSTATUS *) {
+       IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceCapabilities.Capabilities->Version = 2;
+     }},
+    {"no-routine", [](PIRP Irp, NTSTATUS *) { SetRoutine(Irp, nullptr); }},
+    {"keep", [](PIRP Irp, NTSTATUS *) { SetRoutine(Irp, Keep); }},
+    {"let-go", [](PIRP Irp, NTSTATUS *) { SetRoutine(Irp, LetGo); }},
+    {"forget", [](PIRP Irp, NTSTATUS *) { SetRoutine(Irp, Forget); }},
+    {"forgive", [](PIRP Irp, NTSTATUS *) { SetRoutine(Irp, Forgive); }},
+    {"deny", [](PIRP Irp, NTSTATUS *) { SetRoutine(Irp, Deny); }},
+    {"down", [](PIRP Irp, NTSTATUS *Status) { *Status = IofCallDriver(Below, Irp); }},
+    {"next-power", [](PIRP Irp, NTSTATUS *) { PoStartNextPowerIrp(Irp); }},
+    {"cancellable", [](PIRP Irp, NTSTATUS *) { IoSetCancelRoutine(Irp, NoRoutine); }},
+    {"other-buffer", [](PIRP Irp, NTSTATUS *) { Irp->AssociatedIrp.SystemBuffer = &Held; }},
+    {"other-mdl",
+     [](PIRP Irp, NTSTATUS *) {
+       Irp->MdlAddress = IoAllocateMdl(&Held, 1, FALSE, FALSE, nullptr);
+     }},
+    {"say", [](PIRP Irp, NTSTATUS *Status) { Irp->IoStatus.Status = *Status; }},
+    {"answer", [](PIRP Irp, NTSTATUS *) { Irp->IoStatus.Information = 1; }},
+    {"free", [](PIRP Irp, NTSTATUS *) { IoFreeIrp(Irp); }},
+    {"raise", [](PIRP, NTSTATUS *) { IrqlRaise(DISPATCH_LEVEL); }},
+    {"lock",
+     [](PIRP, NTSTATUS *) ANALYSIS_OFF {
+       KIRQL irql;
+       IoAcquireCancelSpinLock(&irql);
+     }},
+    {"detach", [](PIRP, NTSTATUS *) { IoDetachDevice(Below); }},
+    {"delete-below", [](PIRP, NTSTATUS *) { IoDeleteDevice(Below); }},
+};
+
+inline NTSTATUS Perform(const char *Words, PDEVICE_OBJECT Lower, PIRP Irp) {
+  NTSTATUS status = STATUS_SUCCESS;
+  std::istringstream words(Words);
+  for (std::string word; words >> word;) {
+    Below = Lower;
+    Steps.at(word)(Irp, &status);
+  }
+  return status;
+}
+
+inline void Tell(const char *Upper, const char *Lower) {
+  static const char *upper, *lower;
+  upper = Upper;
+  lower = Lower;
+  OnUpper = [](PDEVICE_OBJECT, PIRP Irp) { return Perform(upper, Two.Lower, Irp); };
+  OnLower = [](PDEVICE_OBJECT, PIRP Irp) { return Perform(lower, Two.Lower, Irp); };
+}
+
+inline void Play(const char *Upper, const char *Lower) {
+  Tell(Upper, Lower);
   SendRead();
 }
 
 // Likewise with a packet of the test's own.
-inline PIRP PlayOwn(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower,
-                    PIO_COMPLETION_ROUTINE Routine = Keep) {
-  TwoLoad();
-  OnUpper = Upper;
-  OnLower = Lower;
+inline PIRP PlayOwn(const char *Upper, const char *Lower, PIO_COMPLETION_ROUTINE Routine = Keep) {
+  Tell(Upper, Lower);
   PIRP irp = OwnRead(Routine);
   IofCallDriver(Two.Upper, irp);
   return irp;
@@ -229,12 +313,29 @@ inline PIRP PlayOwn(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower,
 struct BadPair {
   const char *Name;
   const char *Rule;
-  PDRIVER_DISPATCH Upper;
-  PDRIVER_DISPATCH Lower;
+  const char *Upper;
+  const char *Lower;
 };
 
-inline void ExpectPairStopped(const BadPair &Bad) {
-  static const BadPair *pair;
-  pair = &Bad;
-  ExpectStopped({Bad.Name, Bad.Rule, [] { Play(pair->Upper, pair->Lower); }});
+inline void ExpectTwoStopped(const char *Name, const char *Rule, const std::function<void()> &Body,
+                             const RunOptions &Options = {}) {
+  RunReport report = ModelRun(Options, [&Body] {
+    TwoLoad();
+    Body();
+  });
+  EXPECT_EQ(report.Rule, Rule) << Name << "\n" << report.Text;
+}
+
+// Each with the two loaded.
+inline void ExpectTwoStopped(std::span<const BadRoutine> All) {
+  for (const BadRoutine &bad : All) {
+    ExpectTwoStopped(bad.Name, bad.Rule, bad.Body);
+  }
+}
+
+inline void ExpectTwoStopped(std::span<const BadPair> All, const RunOptions &Options = {}) {
+  for (const BadPair &bad : All) {
+    ExpectTwoStopped(
+        bad.Name, bad.Rule, [&bad] { Play(bad.Upper, bad.Lower); }, Options);
+  }
 }

@@ -71,16 +71,6 @@ TEST(Command, SendsExactlyTheBytesMeant) {
   }
 }
 
-TEST(Command, ReusedCommandKeepsNothingOfTheOneBefore) {
-  Command command;
-  std::string error;
-  ASSERT_TRUE(CommandParse("send abc", &command, &error));
-  ASSERT_TRUE(CommandParse("wait 250", &command, &error));
-  EXPECT_EQ(command.Kind, DO_WAIT);
-  EXPECT_EQ(command.Milliseconds, 250u);
-  EXPECT_TRUE(command.Bytes.empty());
-}
-
 TEST(Command, MalformedLinesAreRefusedByName) {
   struct Case {
     std::string Line;
