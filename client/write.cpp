@@ -24,11 +24,7 @@ static NTSTATUS CopyForZk(PortExtension *Port, PIRP Irp) {
   if (length != 0) {
     RtlCopyMemory(PipePayload(copy), bytes, length);
   }
-  status = PipePut(copy);
-  if (!NT_SUCCESS(status)) {
-    PipeCompleteElement(copy);
-  }
-  return status;
+  return PipePutForZk(copy);
 }
 
 NTSTATUS ClientWrite(PDEVICE_OBJECT Device, PIRP Irp, ULONG Mode) {

@@ -19,117 +19,127 @@ struct Command {
   PipeElement *Reply;
   ULONG Tag;
   ULONG Argument;
+  ULONG Before;     // what the command replaced
+  NTSTATUS Queued;  // what queuing the reply returned
 };
 
-// Each runs a command and queues its reply; returns what queuing the reply returned, or a refusal.
-using CommandRoutine = NTSTATUS (*)(Command *Command);
+using CommandRoutine = void (*)(Command *Command);
+
+static void Nothing(Command *Command) {
+  UNREFERENCED_PARAMETER(Command);
+}
 
 static void SetReplyValue(PipeElement *Reply, ULONG Value) {
   RtlCopyMemory(PipePayload(Reply), &Value, sizeof(Value));
 }
 
-// A reply that the pipe took is the pipe's; one that it refused is freed here.
-static NTSTATUS QueueReply(Command *Command) {
-  Command->Reply->FrameHeader.Tag = Command->Tag;
-  NTSTATUS status = PipePut(Command->Reply);
-  if (!NT_SUCCESS(status)) {
-    PipeCompleteElement(Command->Reply);
-  }
-  return status;
-}
-
-static NTSTATUS SetMode(Command *Command) {
+static void SetMode(Command *Command) {
   RunningAsSerializerItem();
   PortExtension *port = Command->Port;
   SendZkMessage(Command->Device, MESSAGE_TRAFFIC, L"ZK setmode %ws on %ws\n",
                 ModeName(Command->Argument), PortLinkName(port));
-  ULONG before = PortMode(port);
+  Command->Before = PortMode(port);
   Command->Reply->FrameHeader.Code = static_cast<ULONG>(SetPortMode(port, Command->Argument));
-  NTSTATUS status = QueueReply(Command);
-  if (!NT_SUCCESS(status)) {
-    SetPortMode(port, before);
-  }
-  return status;
 }
 
-static NTSTATUS GetMode(Command *Command) {
+static void RestoreMode(Command *Command) {
+  RunningAsSerializerItem();
+  SetPortMode(Command->Port, Command->Before);
+}
+
+static void GetMode(Command *Command) {
   SetReplyValue(Command->Reply, PortMode(Command->Port));
-  return QueueReply(Command);
 }
 
-// The reply is queued before the lock takes effect: ZK's next frames come after it.
-static NTSTATUS LockStream(Command *Command) {
+static void TraceLock(ULONG Code, Command *Command) {
+  TraceEvent(TRACE_CLASS, Code, TracePointer(Command->Device), TracePointer(Command->Request),
+             TraceStatus(Command->Queued));
+}
+
+static void AnnounceLock(Command *Command) {
+  SendZkMessage(Command->Device, MESSAGE_TRAFFIC, L"ZK lockstream on %ws\n",
+                PortLinkName(Command->Port));
+  TraceLock(TraceCode("LS00"), Command);
+}
+
+static void LockStream(Command *Command) {
   RunningAsSerializerItem();
   PortExtension *port = Command->Port;
-  PDEVICE_OBJECT device = Command->Device;
-  SendZkMessage(device, MESSAGE_TRAFFIC, L"ZK lockstream on %ws\n", PortLinkName(port));
-  TraceEvent(TRACE_CLASS, TraceCode("LS00"), TracePointer(device), TracePointer(Command->Request),
-             0);
-  NTSTATUS status = QueueReply(Command);
-  if (!NT_SUCCESS(status)) {
-    TraceEvent(TRACE_CLASS, TraceCode("LS01"), TracePointer(device), TracePointer(Command->Request),
-               TraceStatus(status));
-    return status;
-  }
   ULONG flags = PortStateFlags(port) | PSF_LOCKED;
   StoreStateFlags(port, flags);
   HoldClientRequests(port);
-  SetPortFlags(device, flags);
-  TraceEvent(TRACE_CLASS, TraceCode("LS02"), TracePointer(device), TracePointer(Command->Request),
-             TraceStatus(status));
-  return status;
+  SetPortFlags(Command->Device, flags);
+  TraceLock(TraceCode("LS02"), Command);
 }
 
-static NTSTATUS UnlockStream(Command *Command) {
-  RunningAsSerializerItem();
-  PortExtension *port = Command->Port;
-  SendZkMessage(Command->Device, MESSAGE_TRAFFIC, L"ZK unlockstream on %ws\n", PortLinkName(port));
-  NTSTATUS status = QueueReply(Command);
-  if (NT_SUCCESS(status)) {
-    ReleaseHeldRequests(Command->Device);
-    SetPortFlags(Command->Device, PortStateFlags(port));
-  }
-  return status;
+static void TraceNoLock(Command *Command) {
+  TraceLock(TraceCode("LS01"), Command);
 }
 
-static NTSTATUS SetLevel(Command *Command) {
+static void AnnounceUnlock(Command *Command) {
+  SendZkMessage(Command->Device, MESSAGE_TRAFFIC, L"ZK unlockstream on %ws\n",
+                PortLinkName(Command->Port));
+}
+
+static void UnlockStream(Command *Command) {
   RunningAsSerializerItem();
-  ULONG before = PortMessageLevel(Command->Port);
+  ReleaseHeldRequests(Command->Device);
+  SetPortFlags(Command->Device, PortStateFlags(Command->Port));
+}
+
+static void SetLevel(Command *Command) {
+  RunningAsSerializerItem();
+  Command->Before = PortMessageLevel(Command->Port);
   StoreMessageLevel(Command->Port, Command->Argument);
-  NTSTATUS status = QueueReply(Command);
-  if (!NT_SUCCESS(status)) {
-    StoreMessageLevel(Command->Port, before);
-  }
-  return status;
 }
 
-static NTSTATUS GetLevel(Command *Command) {
+static void RestoreLevel(Command *Command) {
+  RunningAsSerializerItem();
+  StoreMessageLevel(Command->Port, Command->Before);
+}
+
+static void GetLevel(Command *Command) {
   SetReplyValue(Command->Reply, PortMessageLevel(Command->Port));
-  return QueueReply(Command);
 }
 
+// A mode and a level are in force when ZK can read the reply; a lock or its end takes effect after
+// it, so that ZK's next frames come behind the reply.
 struct CommandEntry {
   ULONG Code;
-  ULONG LeastBytes;  // of the frame
-  CommandRoutine Run;
+  ULONG LeastBytes;      // of the frame
+  CommandRoutine Run;    // before the reply is queued
+  CommandRoutine After;  // once it is
+  CommandRoutine Undo;   // when it could not be
 };
 
 static const CommandEntry Commands[] = {
-    {COMMAND_SET_MODE, FRAME_WITH_ARGUMENT, SetMode},
-    {COMMAND_GET_MODE, sizeof(FrameHeader), GetMode},
-    {COMMAND_LOCK_STREAM, sizeof(FrameHeader), LockStream},
-    {COMMAND_UNLOCK_STREAM, sizeof(FrameHeader), UnlockStream},
-    {COMMAND_SET_LEVEL, FRAME_WITH_ARGUMENT, SetLevel},
-    {COMMAND_GET_LEVEL, sizeof(FrameHeader), GetLevel},
+    {COMMAND_SET_MODE, FRAME_WITH_ARGUMENT, SetMode, Nothing, RestoreMode},
+    {COMMAND_GET_MODE, sizeof(FrameHeader), GetMode, Nothing, Nothing},
+    {COMMAND_LOCK_STREAM, sizeof(FrameHeader), AnnounceLock, LockStream, TraceNoLock},
+    {COMMAND_UNLOCK_STREAM, sizeof(FrameHeader), AnnounceUnlock, UnlockStream, Nothing},
+    {COMMAND_SET_LEVEL, FRAME_WITH_ARGUMENT, SetLevel, Nothing, RestoreLevel},
+    {COMMAND_GET_LEVEL, sizeof(FrameHeader), GetLevel, Nothing, Nothing},
 };
 
-static CommandRoutine FindCommand(ULONG Code, ULONG FrameBytes) {
+static const CommandEntry *FindCommand(ULONG Code, ULONG FrameBytes) {
   for (const CommandEntry &entry : Commands) {
     if (entry.Code == Code && FrameBytes >= entry.LeastBytes) {
-      return entry.Run;
+      return &entry;
     }
   }
   return nullptr;
+}
+
+static NTSTATUS RunCommand(const CommandEntry *Entry, Command *Command) {
+  Entry->Run(Command);
+  Command->Reply->FrameHeader.Tag = Command->Tag;
+  Command->Queued = PipePutForZk(Command->Reply);
+  if (!NT_SUCCESS(Command->Queued)) {
+    Entry->Undo(Command);
+  } else {
+    Entry->After(Command);
+  }
+  return Command->Queued;
 }
 
 // An unknown command, or one whose argument is missing: nothing was done, no reply is sent.
@@ -173,8 +183,8 @@ static NTSTATUS ExecuteFrame(PDEVICE_OBJECT Device, PIRP Irp, ULONG FrameBytes) 
   if (FrameBytes >= FRAME_WITH_ARGUMENT) {
     RtlCopyMemory(&command.Argument, buffer + FRAME_ARGUMENT_OFFSET, sizeof(command.Argument));
   }
-  CommandRoutine run = FindCommand(header.Code, FrameBytes);
-  return run != nullptr ? run(&command) : RefuseCommand(&command);
+  const CommandEntry *entry = FindCommand(header.Code, FrameBytes);
+  return entry != nullptr ? RunCommand(entry, &command) : RefuseCommand(&command);
 }
 
 // The start routine. The write's own status says only whether the frame was executed and answered;

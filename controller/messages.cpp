@@ -4,6 +4,7 @@
 
 #include "driver/extension.h"
 #include "driver/pool_tags.h"
+#include "driver/text_length.h"
 
 constexpr ULONG TEXT_CHARACTERS = 1024;  // with the terminator
 
@@ -14,31 +15,20 @@ struct MessageText {
 };
 static_assert(sizeof(MessageText) == 2052);
 
-static NTSTATUS Format(MessageText *Message, PCWSTR Format, va_list Arguments) {
-  int written = _vsnwprintf(Message->Text, TEXT_CHARACTERS - 1, Format, Arguments);
-  if (written < 0 || written >= static_cast<int>(TEXT_CHARACTERS - 1)) {
-    Message->Text[TEXT_CHARACTERS - 1] = 0;  // a text that just fits has no terminator yet
-  }
-  if (written < 0 || written > static_cast<int>(TEXT_CHARACTERS - 1)) {
+// *TextBytes without the terminator.
+static NTSTATUS Format(MessageText *Message, PCWSTR Format, va_list Arguments, SIZE_T *TextBytes) {
+  // A failure is negative: as a count, it is more than fits.
+  auto written =
+      static_cast<ULONG>(_vsnwprintf(Message->Text, TEXT_CHARACTERS - 1, Format, Arguments));
+  Message->Text[TEXT_CHARACTERS - 1] = 0;  // a text that just fits has no terminator yet
+  if (written > TEXT_CHARACTERS - 1) {
     return STATUS_BUFFER_OVERFLOW;
   }
-  return STATUS_SUCCESS;
+  return TextLength(Message->Text, sizeof(Message->Text), TextBytes);
 }
 
-static ULONG CountCharacters(const MessageText *Message) {
-  ULONG count = 0;
-  while (count < TEXT_CHARACTERS && Message->Text[count] != 0) {
-    ++count;
-  }
-  return count;
-}
-
-static NTSTATUS Queue(PortExtension *Port, const MessageText *Message) {
-  ULONG characters = CountCharacters(Message);
-  if (characters == TEXT_CHARACTERS) {
-    return STATUS_INVALID_PARAMETER;
-  }
-  ULONG bytes = static_cast<ULONG>(sizeof(ULONG) + (characters + 1) * sizeof(WCHAR));
+static NTSTATUS Queue(PortExtension *Port, const MessageText *Message, SIZE_T TextBytes) {
+  auto bytes = static_cast<ULONG>(sizeof(Message->Level) + TextBytes + sizeof(WCHAR));
   PipeElement *element;
   NTSTATUS status = PipeAllocateElement(&Port->ZkPipe, nullptr, FRAME_REPORT, TRUE, bytes,
                                         POOL_MESSAGE, &element);
@@ -47,12 +37,8 @@ static NTSTATUS Queue(PortExtension *Port, const MessageText *Message) {
   }
   element->FrameHeader.Tag = TAG_DRIVER;
   RtlCopyMemory(PipePayload(element), Message, bytes);  // level, text and terminator in one
-  status = PipePut(element);
-  if (!NT_SUCCESS(status)) {
-    PipeCompleteElement(element);
-    return status;
-  }
-  return STATUS_SUCCESS;
+  status = PipePutForZk(element);
+  return NT_SUCCESS(status) ? STATUS_SUCCESS : status;
 }
 
 NTSTATUS SendZkMessage(PDEVICE_OBJECT Device, ULONG Level, PCWSTR FormatText, ...) {
@@ -68,10 +54,11 @@ NTSTATUS SendZkMessage(PDEVICE_OBJECT Device, ULONG Level, PCWSTR FormatText, ..
   message->Level = Level;
   va_list arguments;
   va_start(arguments, FormatText);
-  NTSTATUS status = Format(message, FormatText, arguments);
+  SIZE_T textBytes;
+  NTSTATUS status = Format(message, FormatText, arguments, &textBytes);
   va_end(arguments);
   if (status == STATUS_SUCCESS) {
-    status = Queue(port, message);
+    status = Queue(port, message, textBytes);
   }
   ExFreePoolWithTag(message, POOL_MESSAGE_TEXT);
   return status;

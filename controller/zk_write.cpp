@@ -9,19 +9,22 @@
 #include "driver/requests.h"
 #include "driver/trace.h"
 
-// Copies the header out of ZK's buffer and accepts or refuses the copy: with direct I/O the buffer
-// is live user memory, and may say something else on a second look.
-static NTSTATUS CheckFrameHeader(PDEVICE_OBJECT Device, const UCHAR *Buffer, ULONG Length,
-                                 FrameHeader *Header) {
-  if (Length >= sizeof(*Header)) {
-    RtlCopyMemory(Header, Buffer, sizeof(*Header));
-    if (Header->Length == Length && (Header->Type == FRAME_DATA || Header->Type == FRAME_CONTROL)) {
-      return STATUS_SUCCESS;
-    }
+// The type of the frame, or 0 when its length is wrong. The header is copied out of ZK's buffer and
+// the copy is judged: with direct I/O the buffer is live user memory, and may say something else on
+// a second look.
+static ULONG FrameType(const UCHAR *Buffer, ULONG Length) {
+  FrameHeader header;
+  if (Length < sizeof(header)) {
+    return 0;
   }
+  RtlCopyMemory(&header, Buffer, sizeof(header));
+  return header.Length == Length ? header.Type : 0;
+}
+
+static NTSTATUS RefuseFrame(PDEVICE_OBJECT Device, PIRP Irp) {
   ReportPortEvent(DriverWide.DriverObject, Device, 0, 0, EVENT_BAD_FRAME, STATUS_INVALID_PARAMETER,
                   PortOf(Device));
-  return STATUS_INVALID_PARAMETER;
+  return CompleteRequest(Device, Irp, STATUS_INVALID_PARAMETER, 0);
 }
 
 NTSTATUS ZkWrite(PDEVICE_OBJECT Device, PIRP Irp) {
@@ -30,19 +33,15 @@ NTSTATUS ZkWrite(PDEVICE_OBJECT Device, PIRP Irp) {
   NTSTATUS status = GetRequestBuffer(Irp, &buffer);
   TraceEvent(TRACE_CLASS, TraceCode("1WKZ"), TracePointer(Device), TracePointer(Irp),
              TracePointer(buffer));
-  FrameHeader header;
-  if (NT_SUCCESS(status)) {
-    ULONG length = IoGetCurrentIrpStackLocation(Irp)->Parameters.Write.Length;
-    status = CheckFrameHeader(Device, buffer, length, &header);
-  }
   if (!NT_SUCCESS(status)) {
     return CompleteRequest(Device, Irp, status, 0);
   }
-  if (header.Type == FRAME_DATA) {
+  switch (FrameType(buffer, IoGetCurrentIrpStackLocation(Irp)->Parameters.Write.Length)) {
+  case FRAME_DATA:
     return WriteToSinks(Device, Irp);
-  }
-  if (header.Type == FRAME_CONTROL) {
+  case FRAME_CONTROL:
     return SubmitControlFrame(Device, Irp);
+  default:
+    return RefuseFrame(Device, Irp);
   }
-  return CompleteRequest(Device, Irp, STATUS_INVALID_PARAMETER, 0);
 }

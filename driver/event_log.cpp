@@ -1,10 +1,11 @@
 #include "driver/event_log.h"
 
 #include "driver/extension.h"
+#include "driver/text_length.h"
 
 constexpr ULONG ENTRY_BYTES = sizeof(IO_ERROR_LOG_PACKET);
 constexpr USHORT STRING_OFFSET = offsetof(IO_ERROR_LOG_PACKET, DumpData);
-constexpr ULONG NAME_CHARACTERS_MAX = 0x7FFFFFFF;
+constexpr SIZE_T NAME_BYTES_MAX = SIZE_T{0x7FFFFFFF} * sizeof(WCHAR);
 
 void ReportEvent(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Device, UCHAR MajorFunction,
                  ULONG UniqueValue, ULONG EventCode, NTSTATUS FinalStatus, PCWSTR String,
@@ -38,14 +39,10 @@ void ReportPortEvent(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Device, UCHAR M
                      const PortExtension *Port) {
   PCWSTR name = PortLinkName(Port);
   ULONG bytes = 0;
-  if (name != nullptr) {
-    ULONG characters = 0;
-    while (characters < NAME_CHARACTERS_MAX && name[characters] != 0) {
-      ++characters;
-    }
-    if (characters < NAME_CHARACTERS_MAX) {
-      bytes = 2 * (characters + 1);
-    }
+  SIZE_T length;
+  // No name has no length.
+  if (NT_SUCCESS(TextLength(name, NAME_BYTES_MAX, &length))) {
+    bytes = static_cast<ULONG>(length + sizeof(WCHAR));
   }
   ReportEvent(DriverObject, Device, MajorFunction, UniqueValue, EventCode, FinalStatus, name,
               bytes);

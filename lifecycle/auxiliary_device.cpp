@@ -124,10 +124,12 @@ static BOOLEAN WantsAuxiliary(PortExtension *Port, PDEVICE_OBJECT Target) {
   return static_cast<BOOLEAN>((Port->AuxiliaryAutoDetect && sameDriver) || forced);
 }
 
-// What a start that failed to attach has left.
+// What a start that failed to attach has left. It is never the filter device: a start that chose
+// that one has succeeded, and later ones set nothing up.
 static void DeleteUnattached(PortExtension *Port) {
   PDEVICE_OBJECT device = ExchangeClientSide(Port, nullptr);
-  if (device != nullptr && device != Port->Header.Device) {
+  if (device != nullptr) {
+    NT_ASSERT(device != Port->Header.Device);
     IoDeleteDevice(device);
   }
 }

@@ -3,11 +3,11 @@
 #include "driver/event_log.h"
 #include "driver/extension.h"
 #include "driver/pool_tags.h"
+#include "driver/text_length.h"
 
 constexpr ULONG PORT_NAME_BYTES = 512;
 constexpr ULONG PORT_NAME_BUFFER_BYTES = PORT_NAME_BYTES + sizeof(WCHAR);
 constexpr ULONG PROXY_READ_LIMIT_DEFAULT = 1024;
-constexpr SIZE_T NAME_CHARACTERS_MAX = 0x7FFFFFFF;
 
 // The fixed part of the full information, rounded up to the alignment of the data behind the name.
 constexpr ULONG VALUE_INFORMATION_BYTES = 24;
@@ -59,36 +59,21 @@ static void ReadSwitches(HANDLE Key, PortExtension *Port) {
   }
 }
 
-// Characters before the terminator, looking at no more than MaximumBytes.
-static NTSTATUS MeasureName(PCWSTR Name, SIZE_T MaximumBytes, SIZE_T *Characters) {
-  SIZE_T maximum = MaximumBytes / sizeof(WCHAR);
-  if (Name == nullptr || maximum > NAME_CHARACTERS_MAX) {
-    return STATUS_INVALID_PARAMETER;
-  }
-  for (SIZE_T count = 0; count < maximum; ++count) {
-    if (Name[count] == 0) {
-      *Characters = count;
-      return STATUS_SUCCESS;
-    }
-  }
-  return STATUS_INVALID_PARAMETER;
-}
-
 // On success *Name is the caller's to free, under the tag.
 static NTSTATUS BuildPrefixedName(PCWSTR Prefix, SIZE_T PrefixBytes, PCWSTR Suffix,
                                   SIZE_T SuffixBytes, POOL_TYPE PoolType, ULONG PoolTag,
                                   PWSTR *Name) {
   *Name = nullptr;
-  SIZE_T prefixCharacters;
-  SIZE_T suffixCharacters;
-  NTSTATUS status = MeasureName(Prefix, PrefixBytes, &prefixCharacters);
+  SIZE_T prefixLength;
+  SIZE_T suffixLength;
+  NTSTATUS status = TextLength(Prefix, PrefixBytes, &prefixLength);
   if (NT_SUCCESS(status)) {
-    status = MeasureName(Suffix, SuffixBytes, &suffixCharacters);
+    status = TextLength(Suffix, SuffixBytes, &suffixLength);
   }
   if (!NT_SUCCESS(status)) {
     return status;
   }
-  SIZE_T bytes = (prefixCharacters + suffixCharacters + 1) * sizeof(WCHAR);
+  SIZE_T bytes = prefixLength + suffixLength + sizeof(WCHAR);
   auto *name = static_cast<PWSTR>(ExAllocatePoolWithTag(PoolType, bytes, PoolTag));
   if (name == nullptr) {
     return STATUS_INSUFFICIENT_RESOURCES;

@@ -32,11 +32,6 @@ static void ReportPowerState(ExtensionHeader *Header, POWER_STATE State) {
   WriteULongRelease(&Header->DevicePowerState, static_cast<ULONG>(State.DeviceState));
 }
 
-static BOOLEAN SetsDevicePower(PIO_STACK_LOCATION Stack) {
-  return static_cast<BOOLEAN>(Stack->MinorFunction == IRP_MN_SET_POWER &&
-                              Stack->Parameters.Power.Type == DevicePowerState);
-}
-
 static NTSTATUS PassOn(PortExtension *Port, PIRP Irp) {
   PoStartNextPowerIrp(Irp);
   IoSkipCurrentIrpStackLocation(Irp);
@@ -45,8 +40,8 @@ static NTSTATUS PassOn(PortExtension *Port, PIRP Irp) {
   return status;
 }
 
-// The power manager learns of a rise only here, when the port's driver has powered up, whatever
-// that driver answered. Up to DISPATCH_LEVEL.
+// Of a request that raises the device's power. The power manager learns of the rise only here, when
+// the port's driver has powered up, whatever that driver answered. Up to DISPATCH_LEVEL.
 static NTSTATUS PowerUpDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
   UNREFERENCED_PARAMETER(Context);
   PortExtension *port = PortOf(Device);
@@ -54,9 +49,7 @@ static NTSTATUS PowerUpDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
   if (Irp->PendingReturned) {
     IoMarkIrpPending(Irp);
   }
-  if (SetsDevicePower(stack)) {
-    ReportPowerState(&port->Header, stack->Parameters.Power.State);
-  }
+  ReportPowerState(&port->Header, stack->Parameters.Power.State);
   PoStartNextPowerIrp(Irp);
   ReleasePowerRef(port);
   return STATUS_SUCCESS;
@@ -96,20 +89,15 @@ static NTSTATUS FilterPower(PortExtension *Port, PIRP Irp) {
     IofCompleteRequest(Irp, IO_NO_INCREMENT);
     return status;
   }
-  switch (stack->MinorFunction) {
-  case IRP_MN_QUERY_POWER:
+  BOOLEAN set = static_cast<BOOLEAN>(stack->MinorFunction == IRP_MN_SET_POWER);
+  if (stack->MinorFunction == IRP_MN_QUERY_POWER ||
+      (set && ReadUCharAcquire(&Port->StartedOnce) == 0)) {
     Irp->IoStatus.Status = STATUS_SUCCESS;
     return PassOn(Port, Irp);
-  case IRP_MN_SET_POWER:
-    if (ReadUCharAcquire(&Port->StartedOnce) == 0) {
-      Irp->IoStatus.Status = STATUS_SUCCESS;
-      return PassOn(Port, Irp);
-    }
-    return SetsDevicePower(stack) ? SetDevicePower(Port, Irp, stack->Parameters.Power.State)
-                                  : PassOn(Port, Irp);
-  default:
-    return PassOn(Port, Irp);
   }
+  return set && stack->Parameters.Power.Type == DevicePowerState
+             ? SetDevicePower(Port, Irp, stack->Parameters.Power.State)
+             : PassOn(Port, Irp);
 }
 
 static NTSTATUS AnswerSetPower(ExtensionHeader *Header, PIO_STACK_LOCATION Stack) {

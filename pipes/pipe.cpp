@@ -202,10 +202,8 @@ static NTSTATUS Transfer(Pipe *Pipe, PLIST_ENTRY Completed) REQUIRES(Pipe->Lock)
 static void FinishReader(Pipe *Pipe, NTSTATUS Status, PLIST_ENTRY Completed) REQUIRES(Pipe->Lock) {
   PipeElement *reader = Pipe->CurrentReader;
   Pipe->Room = 0;
-  if (reader->Request != nullptr) {
-    reader->Request->IoStatus.Status = Status;
-    IoSetCancelRoutine(reader->Request, nullptr);
-  }
+  reader->Request->IoStatus.Status = Status;
+  IoSetCancelRoutine(reader->Request, nullptr);
   PipePromoteNext(Pipe, &Pipe->CurrentReader, &Pipe->ReaderQueue, Completed);
   if (Pipe->CurrentReader != nullptr) {
     Pipe->Room = Pipe->CurrentReader->DataLength;
@@ -264,4 +262,12 @@ NTSTATUS PipePut(PipeElement *Element) {
   IoReleaseCancelSpinLock(cancelIrql);
   KeReleaseSpinLock(&pipe->Lock, irql);
   return STATUS_PENDING;
+}
+
+NTSTATUS PipePutForZk(PipeElement *Element) {
+  NTSTATUS status = PipePut(Element);
+  if (!NT_SUCCESS(status)) {
+    PipeCompleteElement(Element);
+  }
+  return status;
 }

@@ -83,6 +83,10 @@ inline PUCHAR PipePayload(PipeElement *Element) {
 // used up. The ZK pipe never refuses.
 NTSTATUS PipePut(PipeElement *Element);
 
+// The same for producers of the ZK pipe that look at the result: were it to refuse, the element is
+// freed here, and nobody will read it.
+NTSTATUS PipePutForZk(PipeElement *Element);
+
 // Completes the element's request, if it has one, drops that request's reference, frees the
 // element.
 void PipeCompleteElement(PipeElement *Element);

@@ -339,9 +339,7 @@ static ProxyReadRequest *TakeDiscarded(ProxyReadEngine *Engine, ProxyReadRequest
     return nullptr;
   }
   *Slot = nullptr;
-  if (Engine->CurrentRequest == request) {
-    Engine->CurrentRequest = nullptr;
-  }
+  Engine->CurrentRequest = nullptr;  // only the current request is marked, and stays it until here
   return request;
 }
 

@@ -3,6 +3,10 @@
 
 #include "driver/entry.h"
 #include "driver/event_log.h"
+#include "lifecycle/control_device.h"
+#include "lifecycle/device_name.h"
+#include "lifecycle/multi_string.h"
+#include "lifecycle/port_config.h"
 #include "tests/support/world.h"
 
 static RegistryValue Bytes(std::initializer_list<uint8_t> Data) {
@@ -186,6 +190,57 @@ TEST(ControlDevice, NamesAreNeverUsedTwice) {
     EXPECT_NE(NameLookup("\\Device\\VORLIX3"), nullptr);
     PnpRemove(twin.Node);
     EXPECT_EQ(NameLookup("\\Device\\VORLIX3"), nullptr);
+  });
+}
+
+TEST(ControlDevice, IdentifiersAndNumberedNames) {
+  RunReport report = ModelRun({}, [] {
+    using namespace std::string_literals;
+    auto build = [](std::vector<const char *> texts) {
+      UNICODE_STRING strings;
+      texts.push_back(nullptr);
+      bool made = NT_SUCCESS(BuildMultiString(&strings, texts.data()));
+      std::u16string text(reinterpret_cast<char16_t *>(strings.Buffer), strings.Length / 2);
+      RtlFreeUnicodeString(&strings);
+      return made ? text : u"failed"s;
+    };
+    EXPECT_EQ(build({}), u"");
+    EXPECT_EQ(build({"a,b\fc", "d"}), u"a\0b\0c\0d\0\0"s);
+    std::string tooLong(40000, 'x');  // for a counted string
+    EXPECT_EQ(build({"one", tooLong.c_str()}), u"failed");
+    std::u16string prefix(256, u'x');  // leaves no room for a number
+    LONG counter = 6;
+    UNICODE_STRING name;
+    EXPECT_EQ(MakeDeviceName(reinterpret_cast<PCWSTR>(prefix.c_str()), &counter, &name),
+              STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(counter, 7);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
+// What is given up early is not given up, or listed, again when the port goes.
+TEST(ControlDevice, GivenUpBeforeThePort) {
+  WorldOptions options;
+  options.Start = false;
+  Attach(options, [](World *world) {
+    PortExtension *port = WorldPort(world);
+    ProxyReadTeardown(&port->Engine);
+    DeleteControlDevice(port->ControlDevice);
+    EXPECT_EQ(NameLookup("\\Device\\VORLIX1"), nullptr);
+    EXPECT_EQ(DeleteControlLink(port), STATUS_SUCCESS);
+    EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), nullptr);
+    EXPECT_EQ(DeleteControlLink(port), STATUS_SUCCESS);
+    FreeRetiredNames(port);
+    for (ULONG report : {0u, 1u}) {
+      port->ReportControlChild = report;
+      ULONG_PTR information = 0;
+      EXPECT_EQ(PnpSend(port->Header.Device, IRP_MN_QUERY_DEVICE_RELATIONS, &information),
+                STATUS_SUCCESS);
+      auto *relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
+      ASSERT_NE(relations, nullptr);
+      EXPECT_EQ(relations->Count, 0u);
+      ExFreePoolWithTag(relations, 0);
+    }
   });
 }
 

@@ -187,6 +187,11 @@ TEST(Auxiliary, FailuresFailTheStart) {
       {"no memory", {FaultPool, NameTag}, STATUS_INSUFFICIENT_RESOURCES, 1, First},
       {"no device", {FaultDevice}, STATUS_INSUFFICIENT_RESOURCES, 1, Second},
       {"name taken", {0}, STATUS_OBJECT_NAME_COLLISION, 1, Second},
+      {"name there",
+       {.Kinds = FaultDevice, .DeviceStatus = STATUS_OBJECT_NAME_EXISTS},
+       STATUS_OBJECT_NAME_COLLISION,
+       1,
+       Second},
       {"not attached", {FaultAttach}, STATUS_UNSUCCESSFUL, 0, Second},
   };
   WorldOptions options = Detected;

@@ -333,6 +333,53 @@ TEST_P(ClientIo, TheLockParksAndUnlockReleasesInOrder) {
   });
 }
 
+// Who cancels may take the cancel routine first and the cancel spin lock then. In between the
+// request is that one's, though the lock ends and releases what is parked behind it.
+TEST_P(ClientIo, ACancelThatHasTakenItsRoutine) {
+  Run([](World *world) {
+    GoNormal(world);
+    ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
+    Io taken, behind;
+    ASSERT_EQ(StartWrite(world->Client, &taken, "no"), STATUS_PENDING);
+    EXPECT_EQ(StartWrite(world->Client, &behind, "yes"), STATUS_PENDING);
+    PDRIVER_CANCEL routine = IoSetCancelRoutine(taken.Irp, nullptr);
+    ASSERT_NE(routine, nullptr);
+    EXPECT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
+    ThreadSettle();
+    EXPECT_TRUE(FileDone(&behind));
+    EXPECT_FALSE(FileDone(&taken));
+    IoAcquireCancelSpinLock(&taken.Irp->CancelIrql);
+    taken.Irp->Cancel = TRUE;
+    routine(WorldPort(world)->Header.Device, taken.Irp);
+    EXPECT_EQ(FileWait(&taken), STATUS_CANCELLED);
+    EXPECT_EQ(LowerWritten(&world->Lower), "yes");
+    EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+  });
+}
+
+// REDIRECT is defined though nothing sets it: writes as in IDLE, reads and ZK's frames as in
+// NORMAL. A mode that there is not serves nobody.
+TEST_P(ClientIo, ModesThatNothingSets) {
+  Run([](World *world) {
+    GoNormal(world);
+    RunningAsSerializerItem();
+    for (bool known : {true, false}) {
+      StoreMode(WorldPort(world), known ? ULONG{MODE_REDIRECT} : 4u);
+      Io write, read, data;
+      EXPECT_EQ(StartWrite(world->Client, &write, "w"),
+                known ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
+      EXPECT_EQ(StartRead(world->Client, &read, 8), known ? STATUS_PENDING : STATUS_UNSUCCESSFUL);
+      EXPECT_EQ(StartWrite(world->Zk, &data, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "d")),
+                known ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER);
+      EXPECT_EQ(LowerWritten(&world->Lower), "wd");
+      EXPECT_EQ(WorldPort(world)->ClientPipe.CurrentReader != nullptr, known);
+      EXPECT_EQ(WorldPort(world)->ZkPipe.CurrentWriter, nullptr);
+      EXPECT_EQ(FileCancel(&read), known);
+    }
+    StoreMode(WorldPort(world), MODE_NORMAL);
+  });
+}
+
 // In IDLE the lock is reported as an invalid combination, and parks all the same.
 TEST_P(ClientIo, LockInIdleStillParks) {
   Run([](World *world) {

@@ -371,7 +371,12 @@ TEST(PortMode, ProxyStateFollowsTheFlags) {
       }
     }
     EXPECT_EQ(EventLogCount(EVENT_BAD_STATE_FLAGS), 22u);
-    SetPortFlags(port->ControlDevice, 0);
+    // From a state that there is not, nothing leads anywhere.
+    StoreProxyState(port, 9);
+    EXPECT_EQ(SetPortFlags(port->ControlDevice, 0), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(port->ProxyState, 9u);
+    StoreProxyState(port, PROXY_FOR_ZK);
+    EXPECT_EQ(SetPortFlags(port->ControlDevice, 0), STATUS_SUCCESS);
   });
 }
 

@@ -6,6 +6,7 @@
 
 #include "driver/entry.h"
 #include "driver/event_log.h"
+#include "driver/text_length.h"
 #include "driver/trace.h"
 #include "tests/support/world.h"
 
@@ -127,6 +128,15 @@ TEST(TraceRing, FillsDownwardAndWrapsAround) {
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
+TEST(EventLog, TextsThatMayNotEnd) {
+  SIZE_T bytes = 77;
+  EXPECT_EQ(TextLength(L"abc", 8, &bytes), STATUS_SUCCESS);
+  EXPECT_EQ(bytes, 6u);
+  EXPECT_EQ(TextLength(L"abc", 6, &bytes), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(TextLength(L"abc", SIZE_T{0x80000000} * 2, &bytes), STATUS_INVALID_PARAMETER);
+  EXPECT_EQ(TextLength(nullptr, 8, &bytes), STATUS_INVALID_PARAMETER);
+}
+
 // The largest entry is 240 bytes: 48 and a name of 95 characters with its terminator.
 TEST(EventLog, LongNamesAreDropped) {
   for (size_t characters : {76u, 77u}) {
@@ -141,6 +151,8 @@ TEST(EventLog, LongNamesAreDropped) {
       ReportPortEvent(world.Driver, port->Header.Device, 0, 7, EVENT_BAD_MODE, STATUS_UNSUCCESSFUL,
                       port);
       EXPECT_EQ(EventLogCount(EVENT_BAD_MODE), characters == 76 ? 1u : 0u);
+      ReportEvent(world.Driver, nullptr, 0, 0, EVENT_BAD_FRAME, STATUS_UNSUCCESSFUL, L"", ~0u);
+      EXPECT_EQ(EventLogCount(EVENT_BAD_FRAME), 0u);
       if (characters == 76) {
         EventLogEntry entry = EventLogEntries().back();
         EXPECT_EQ(entry.Size, 240u);

@@ -38,6 +38,27 @@ TEST(Pipes, ElementsOfExtremeLength) {
   });
 }
 
+// A pipe carries plain bytes or frames. One of frames that does not say that its readers succeed
+// completes them with what the writer brings.
+TEST(Pipes, Kinds) {
+  RunWorld([](World *world) {
+    GoNormal(world, false);
+    PortExtension *port = WorldPort(world);
+    for (ULONG kind : {ULONG{0}, ULONG{PIPE_FRAMING}}) {
+      Pipe pipe;
+      PipeElement *element;
+      PipeInitialize(&pipe, kind, port->Header.Device);
+      EXPECT_EQ(PipeAllocateElement(&pipe, nullptr, 0, TRUE, 8, POOL_PORT_DATA, &element),
+                STATUS_NOT_SUPPORTED);
+    }
+    port->ZkPipe.Kind = PIPE_FRAMED;
+    Io read;
+    EXPECT_EQ(StartRead(world->Zk, &read, 64), STATUS_PENDING);
+    EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_IO_TIMEOUT, "x"));
+    EXPECT_EQ(FileWait(&read), STATUS_IO_TIMEOUT);
+  });
+}
+
 // Starts reads, cancels them, and feeds: the engine's reads bring blocks that nobody waits for.
 static void LeaveBlocks(World *World, const std::vector<std::string> &Blocks) {
   std::vector<Io> reads(Blocks.size());
@@ -173,6 +194,64 @@ TEST(Pipes, ACancelledReadIsNotPromoted) {
       EXPECT_EQ(FileWait(&reads[3]), STATUS_SUCCESS);
       EXPECT_EQ(DecodeFrame(reads[3]).Payload, "second");
     });
+  }
+}
+
+static NTSTATUS ReadAgainDone(PDEVICE_OBJECT, PIRP, PVOID Context) {
+  KeSetEvent(static_cast<PKEVENT>(Context), IO_NO_INCREMENT, FALSE);
+  return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// A driver above reads with one packet, as the engine does: as soon as it is back it goes down
+// again, though a cancel that was meant for the read before may still be under way.
+static NTSTATUS ReadAgain(PDEVICE_OBJECT Device, OwnPacket *Packet) {
+  KeWaitForSingleObject(&Packet->Done, Executive, KernelMode, FALSE, nullptr);
+  KeClearEvent(&Packet->Done);
+  IoReuseIrp(Packet->Irp, STATUS_SUCCESS);
+  Packet->Irp->AssociatedIrp.SystemBuffer = Packet->Bytes.data();
+  PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(Packet->Irp);
+  stack->MajorFunction = IRP_MJ_READ;
+  stack->Parameters.Read.Length = static_cast<ULONG>(Packet->Bytes.size());
+  IoSetCompletionRoutine(Packet->Irp, ReadAgainDone, &Packet->Done, TRUE, TRUE, TRUE);
+  return IofCallDriver(Device, Packet->Irp);
+}
+
+// A read is served and freed while it is being cancelled, and the next one gets its address, or its
+// packet as well: the cancel that comes late does not end it.
+TEST(PipeRaces, ACancelAgainstReusedAddresses) {
+  for (bool samePacket : {false, true}) {
+    ExploreResult result = ExploreWorld([=](World *world) {
+      GoNormal(world);
+      PoolReuseAtOnce();
+      PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+      OwnPacket first, other;
+      first.Bytes = other.Bytes = std::string(64, '.');
+      OwnPacket *second = samePacket ? &first : &other;
+      EXPECT_EQ(OwnSend(control, IRP_MJ_READ, &first), STATUS_PENDING);
+      Io write, last;
+      Against([&] { IoCancelIrp(first.Irp); },
+              [&] {
+                StartWrite(world->Client, &write, "bytes");
+                if (samePacket) {
+                  ReadAgain(control, &first);
+                } else {
+                  OwnSend(control, IRP_MJ_READ, &other);
+                }
+              });
+      // A cancel of the packet's second read is one, too; it leaves its flag.
+      bool cancelled = samePacket && second->Irp->Cancel;
+      StartWrite(world->Client, &last, "more");
+      KeWaitForSingleObject(&second->Done, Executive, KernelMode, FALSE, nullptr);
+      EXPECT_EQ(second->Irp->IoStatus.Status, cancelled ? STATUS_CANCELLED : STATUS_SUCCESS);
+      ExploreSaw(cancelled ? "again" : StatusName(first.Irp->IoStatus.Status));
+      for (OwnPacket *packet : {&first, &other}) {
+        if (packet->Irp != nullptr) {
+          OwnWait(packet);
+        }
+      }
+    });
+    EXPECT_EQ(OutcomesOf(result), samePacket ? std::set<std::string>({"again", "success"})
+                                             : std::set<std::string>({"cancelled", "success"}));
   }
 }
 

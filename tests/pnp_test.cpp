@@ -297,12 +297,14 @@ TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
               STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Zk, &nobodys, MakeFrame(FRAME_DATA, 5, 0, "x")), STATUS_PENDING);
     EXPECT_EQ(port->RequestCount, 7);
-    OwnPacket late;
-    late.Cancelled = true;
-    EXPECT_EQ(OwnSend(port->Header.Device, IRP_MJ_WRITE, &late), STATUS_CANCELLED);
-    EXPECT_EQ(OwnWait(&late), STATUS_CANCELLED);
-    EXPECT_EQ(late.Iosb.Information, 0u);
-    EXPECT_EQ(port->RequestCount, 7);
+    for (UCHAR major : {IRP_MJ_WRITE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
+      OwnPacket late;
+      late.Cancelled = true;
+      EXPECT_EQ(OwnSend(port->Header.Device, major, &late), STATUS_CANCELLED);
+      EXPECT_EQ(OwnWait(&late), STATUS_CANCELLED);
+      EXPECT_EQ(late.Iosb.Information, 0u);
+      EXPECT_EQ(port->RequestCount, 7);
+    }
     EXPECT_TRUE(FileCancel(&cancelled));
     EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
     EXPECT_EQ(LowerWritten(&world->Lower), "");

@@ -210,6 +210,21 @@ TEST(Power, OthersThatPendBelow) {
   });
 }
 
+// The last request of a port that has taken its own count off says so.
+TEST(Power, TheLastRequestIsSignalled) {
+  RunWorld([](World *world) {
+    PortExtension *port = WorldPort(world);
+    InterlockedDecrement(&port->PowerRequestCount);
+    EXPECT_EQ(SendFill(Filter(world), IRP_MN_QUERY_POWER, SystemPowerState, PowerSystemSleeping1,
+                       nullptr, STATUS_SUCCESS),
+              STATUS_SUCCESS);
+    LARGE_INTEGER now = {};
+    EXPECT_EQ(KeWaitForSingleObject(&port->PowerEvent, Executive, KernelMode, FALSE, &now),
+              STATUS_SUCCESS);
+    InterlockedIncrement(&port->PowerRequestCount);
+  });
+}
+
 // --- Removal --------------------------------------------------------------------------------
 
 // The removal has come, but the port is not idle yet: an open is still at the port.

@@ -280,6 +280,30 @@ TEST(ProxyRead, ZksRequestsAreUsedUpOneARead) {
   });
 }
 
+// A restart while nobody drives the reads sends what stands in a slot, the client's before ZK's.
+TEST(ProxyRead, ARestartWhenReadsAreNobodys) {
+  for (bool client : {true, false}) {
+    RunWorld([=](World *world) {
+      GoNormal(world);
+      PortExtension *port = WorldPort(world);
+      Io zk, read;
+      EXPECT_EQ(StartRead(world->Zk, &zk, 64), STATUS_PENDING);
+      if (client) {
+        EXPECT_EQ(StartRead(world->Client, &read, 8), STATUS_PENDING);
+      }
+      ProxyReadStop(&port->Engine);
+      RunningAsSerializerItem();
+      StoreProxyState(port, PROXY_OFF);
+      ProxyReadRestart(&port->Engine);
+      ASSERT_EQ(LowerHeldCount(&world->Lower), 1u);
+      EXPECT_EQ(LowerLast(&world->Lower, IRP_MJ_READ).Length, client ? 8u : 64u);
+      StoreProxyState(port, PROXY_FOR_CLIENT);
+      LowerFeed(&world->Lower, "bytes");
+      EXPECT_EQ(client ? read.Text() : DecodeFrame(zk).Payload, "bytes");
+    });
+  }
+}
+
 // --- The call-down thread -------------------------------------------------------------------
 
 // What is posted when the thread is told to end still goes down, and what comes later is refused; a

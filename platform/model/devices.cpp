@@ -115,7 +115,7 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, PUNICOD
     VerifierStop("device.not-live", Driver, "IoCreateDevice: no driver object");
   }
   if (FaultHere(FaultDevice)) {
-    return STATUS_INSUFFICIENT_RESOURCES;
+    return FaultDeviceStatus();
   }
   std::string name = Name && Name->Length ? TextFromString(Name) : std::string();
   if (!name.empty() && name[0] != '\\') {

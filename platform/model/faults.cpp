@@ -62,6 +62,11 @@ static TagCalls *FindTag(ULONG tag) {
   return nullptr;
 }
 
+NTSTATUS FaultDeviceStatus() {
+  Guard guard(faultMutex);
+  return plan.DeviceStatus;
+}
+
 uint64_t FaultCount(uint32_t Kinds, ULONG Tag) {
   Guard guard(faultMutex);
   uint64_t count = 0;

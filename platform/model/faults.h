@@ -30,6 +30,7 @@ struct FaultPlan {
   bool AndAllAfter = false;  // and every matching call after it
   unsigned Percent = 0;      // not 0: instead, so many in a hundred fail, drawn from the seed
   uint64_t Seed = 0;
+  NTSTATUS DeviceStatus = STATUS_INSUFFICIENT_RESOURCES;  // what FaultDevice returns
 };
 
 // One plan at a time. Arming starts the count anew; Disarm returns whether the fault of
@@ -38,6 +39,9 @@ void FaultArm(const FaultPlan &Plan);
 bool FaultDisarm();
 // Whether the first fault of the last plan was delivered inside an exploration's window.
 bool FaultInWindow();
+
+// What a device that is not made is refused with; asked after FaultHere.
+NTSTATUS FaultDeviceStatus();
 
 // Calls so far in this run that a plan of these kinds and this tag would have counted.
 uint64_t FaultCount(uint32_t Kinds, ULONG Tag = 0);

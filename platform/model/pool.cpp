@@ -56,6 +56,7 @@ static LIST_ENTRY liveBlocks = {&liveBlocks, &liveBlocks};
 static LIST_ENTRY quarantine = {&quarantine, &quarantine};
 static size_t quarantinedBlocks;
 static size_t quarantinedBytes;
+static bool reuseAtOnce;
 static std::map<const char *, SIZE_T> pagedBlocks;  // live ones, with their sizes
 static std::vector<TagCount> tagCounts;
 static PoolCounts total;
@@ -224,6 +225,35 @@ static void CheckAllocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
   }
 }
 
+void PoolReuseAtOnce() {
+  reuseAtOnce = true;
+}
+
+// The block of this size that was freed last.
+static void *TakeBack(SIZE_T bytes) {
+  Guard guard(poolMutex);
+  for (PLIST_ENTRY link = quarantine.Blink; link != &quarantine; link = link->Blink) {
+    PoolHeader *header = CONTAINING_RECORD(link, PoolHeader, Link);
+    if (header->Type != PagedPool && header->Bytes == bytes) {
+      CheckStillFreed(header);
+      --quarantinedBlocks;
+      quarantinedBytes -= bytes;
+      RemoveEntryList(&header->Link);
+      AddressRemove(&poolMap, &header->Node);
+      return header;
+    }
+  }
+  return nullptr;
+}
+
+static void *TakeMemory(POOL_TYPE type, SIZE_T bytes) {
+  if (PagedForced && type == PagedPool) {
+    return PagedTake(sizeof(PoolHeader), bytes + TailBytes);
+  }
+  void *freed = reuseAtOnce && type != PagedPool ? TakeBack(bytes) : nullptr;
+  return freed ? freed : malloc(sizeof(PoolHeader) + bytes + TailBytes);
+}
+
 PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
   SwitchPoint(SwitchReason::Allocate, nullptr);
   if (VerifierEnabled) {
@@ -232,9 +262,7 @@ PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
   if (FaultHere(FaultPool, Tag)) {
     return nullptr;
   }
-  void *memory = PagedForced && PoolType == PagedPool
-                     ? PagedTake(sizeof(PoolHeader), NumberOfBytes + TailBytes)
-                     : malloc(sizeof(PoolHeader) + NumberOfBytes + TailBytes);
+  void *memory = TakeMemory(PoolType, NumberOfBytes);
   if (!memory) {
     return nullptr;
   }
@@ -346,6 +374,7 @@ static void Boot() {
   InitializeListHead(&liveBlocks);
   InitializeListHead(&quarantine);
   quarantinedBlocks = quarantinedBytes = 0;
+  reuseAtOnce = false;
   pagedBlocks.clear();
   tagCounts.clear();
   total = {};

@@ -27,5 +27,9 @@ bool PoolIsPaged(const void *Address);
 // The size of a live block; 0 when no block begins at the address.
 SIZE_T PoolBlockBytes(const void *Block);
 
+// From here on in this run a freed block of nonpaged pool is what the next allocation of its size
+// gets, as may happen on a busy system: two owners, one after the other, have the same address.
+void PoolReuseAtOnce();
+
 // One line a live block: tag, size, where it was allocated.
 std::string PoolLeaks();

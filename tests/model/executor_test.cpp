@@ -47,6 +47,26 @@ MODEL_TEST(Executor, SettleWaitsForAllThatCanGoOn) {
   EXPECT_EQ(rounds, 100);
 }
 
+// Who waits for a deadlock comes after those who settle and those who wait for the clock.
+MODEL_TEST(Executor, ADeadlockMayBeResolved) {
+  KEVENT event;
+  KeInitializeEvent(&event, NotificationEvent, FALSE);
+  std::string order;
+  PKTHREAD rescuer = ThreadStart("rescuer", [&] {
+    ThreadAwaitDeadlock();
+    order += "rescue ";
+    KeSetEvent(&event, 0, FALSE);
+  });
+  LARGE_INTEGER soon;
+  soon.QuadPart = -10'000'000;
+  KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &soon);
+  ThreadSettle();
+  order += "settled ";
+  EXPECT_EQ(WaitForEver(&event), STATUS_SUCCESS);
+  ThreadJoin(rescuer);
+  EXPECT_EQ(order, "settled rescue ");
+}
+
 // A system thread that ends itself from deep within; its object outlives it as long as referenced.
 struct Worker {
   KEVENT Go;

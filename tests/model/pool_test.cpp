@@ -105,6 +105,21 @@ MODEL_TEST(Pool, QuarantineIsBounded) {
   EXPECT_EQ(PoolCount(TagA).Allocations, 5000u);
 }
 
+MODEL_TEST(Pool, FreedBlocksAreReusedAtOnceOnDemand) {
+  char *late = Allocate(64);
+  ExFreePoolWithTag(late, TagA);
+  PoolReuseAtOnce();
+  char *other = Allocate(65);
+  EXPECT_NE(other, late);
+  char *again = Allocate(64, TagB);
+  EXPECT_EQ(again, late);
+  EXPECT_EQ(again[63], other[64]);  // as fresh as any
+  ExFreePoolWithTag(again, TagB);
+  ExFreePoolWithTag(other, TagA);
+  EXPECT_EQ(Allocate(65), other);
+  ExFreePoolWithTag(other, TagA);
+}
+
 MODEL_TEST(Faults, FailTheCallsThatThePlanNames) {
   std::string got;
   auto attempts = [&got](const FaultPlan &plan) {
