@@ -12,10 +12,8 @@
 // What a life tells: a word a step, '-' for a step that failed.
 struct Story {
   std::string Text;
-  bool Failed = false;   // some step has
-  bool Revived = false;  // and a later one has not
-  // Reads that a fault left without their bytes are cancelled, once nothing else goes on.
-  bool GivesUp = false;
+  bool Failed = false;                    // some step has
+  bool Revived = false;                   // and a later one has not
   size_t Steps = 0;                       // told so far
   std::function<void()> Began = nullptr;  // called when the next step begins
 };
@@ -31,13 +29,7 @@ static bool Tell(Story *Story, const std::string &Step, bool Worked) {
   return Worked;
 }
 
-static bool Finished(const Story *Story, Io *Io) {
-  if (Story->GivesUp) {
-    ThreadSettle();
-    if (!FileDone(Io)) {
-      FileCancel(Io);
-    }
-  }
+static bool Finished(Io *Io) {
   return FileWait(Io) == STATUS_SUCCESS;
 }
 
@@ -48,14 +40,14 @@ static void Command(World *World, Story *Story, ULONG Command, ULONG Argument = 
 static void TellFrame(World *World, Story *Story) {
   Io read;
   StartRead(World->Zk, &read, 4096);
-  bool worked = Finished(Story, &read);
+  bool worked = Finished(&read);
   Frame frame = DecodeFrame(read);
   Tell(Story, frame.Header.Type == FRAME_CONTROL_REPLY ? "reply" : "[" + frame.Payload + "]",
        worked);
 }
 
 static void TellRead(Story *Story, Io *Read) {
-  bool worked = Finished(Story, Read);
+  bool worked = Finished(Read);
   Tell(Story, "<" + Read->Text() + ">", worked);
 }
 
@@ -69,8 +61,8 @@ static void LockedPart(World *World, Story *Story) {
   LowerFeed(&World->Lower, "cd");
   // Whatever ends some of these three may let others pass, so they are one step.
   bool worked = SendCommand(World, COMMAND_UNLOCK_STREAM) == STATUS_SUCCESS;
-  worked &= Finished(Story, &write);
-  worked &= Finished(Story, &read);
+  worked &= Finished(&write);
+  worked &= Finished(&read);
   Tell(Story, "unlock<" + read.Text() + ">", worked);
   TellFrame(World, Story);  // the reply
   TellFrame(World, Story);
@@ -86,10 +78,10 @@ static void NormalPart(World *World, Story *Story) {
   TellRead(Story, &read);
   TellFrame(World, Story);
   StartWrite(World->Client, &write, "out");
-  Tell(Story, "write", Finished(Story, &write));
+  Tell(Story, "write", Finished(&write));
   TellFrame(World, Story);
   StartWrite(World->Zk, &data, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "zk"));
-  Tell(Story, "data", Finished(Story, &data));
+  Tell(Story, "data", Finished(&data));
   LockedPart(World, Story);
 }
 
@@ -273,67 +265,6 @@ TEST(WholeLife, RebalancedAtEverySwitchPoint) {
   EXPECT_EQ(OutcomesOf(result), (std::set<std::string>{"stopped", "refused"}));
 }
 
-// --- With everything failing in turn ---------------------------------------------------------
-
-// A life from attach to removal whose n-th call that can fail does, once or from there on. Returns
-// whether there was an n-th. Whatever came of it, the port or its successor then lives a whole
-// life.
-static bool FailingLife(const WorldOptions &Options, uint64_t Nth, bool AndAllAfter, bool Surprise,
-                        const std::string &Whole) {
-  bool delivered = false;
-  RunReport report = ModelRun({}, [&] {
-    World world;
-    WorldLoad(&world, Options);
-    FaultArm({FaultEverything, 0, Nth, AndAllAfter});
-    bool started = NT_SUCCESS(WorldAdd(&world, Options));
-    Story failing, after;
-    failing.GivesUp = true;
-    if (started) {
-      Live(&world, &failing);
-      PnpQueryRemove(world.Node);
-      PnpCancelRemove(world.Node);
-    }
-    if (Surprise && world.Node != nullptr) {
-      PnpSurpriseRemove(world.Node);
-    }
-    // A close that gets no item leaves its device open for good.
-    bool stuck = started && WorldPort(&world)->OpenCount != 0;
-    if (world.Node != nullptr && (!started || Surprise || stuck)) {
-      PnpRemove(world.Node);
-      world.Node = nullptr;
-    }
-    delivered = FaultDisarm();
-    world.Lower.Input.clear();
-    if (world.Node == nullptr) {
-      EXPECT_EQ(DeviceCount(world.Driver), 0u);
-      ASSERT_EQ(WorldAdd(&world, Options), STATUS_SUCCESS);
-    }
-    Live(&world, &after);
-    EXPECT_EQ(after.Text, Whole) << "after " << failing.Text;
-    WorldEnd(&world);
-  });
-  EXPECT_FALSE(report.Stopped) << "call " << Nth << (AndAllAfter ? " and all after\n" : "\n")
-                               << report.Text;
-  return delivered;
-}
-
-TEST(WholeLife, EveryCallFailsInTurn) {
-  std::string whole = Undisturbed();
-  for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
-    for (bool after : {false, true}) {
-      for (bool surprise : {false, true}) {
-        WorldOptions options;
-        options.Buffering = buffering;
-        uint64_t nth = 1;
-        while (FailingLife(options, nth, after, surprise, whole) && !HasFailure()) {
-          ++nth;
-        }
-        EXPECT_GT(nth, 70u);
-      }
-    }
-  }
-}
-
 // --- In numbers -----------------------------------------------------------------------------
 
 // Ten thousand lives in one boot; the run's end finds what any of them left.
@@ -435,8 +366,8 @@ TEST(WholeLife, TwoPortsOfOneName) {
     CloseClient(world);
     CloseZk(world);
     PnpRemove(world->Node);
+    world->Node = nullptr;
     ASSERT_EQ(WorldAdd(&second, {.Values = {{"PortName", RegistryText("com3")}}}), STATUS_SUCCESS);
     PnpRemove(second.Node);
-    world->Node = nullptr;
   });
 }

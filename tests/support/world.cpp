@@ -154,6 +154,12 @@ void StopAtFailure(const testing::TestPartResultArray &Failures, int From) {
   }
 }
 
+void Must(bool Holds, const char *What) {
+  if (!Holds) {
+    VerifierStop("expectation", nullptr, "%s", What);
+  }
+}
+
 static ExploreOptions AskedFor(unsigned Preemptions) {
   ExploreOptions options;
   options.Preemptions = Preemptions;

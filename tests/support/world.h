@@ -71,6 +71,8 @@ ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigne
 void StopAtFailure(const testing::TestPartResultArray &Failures, int From);
 // The options of a run that repeats the schedule of a replay string; null: first in, first out.
 RunOptions ReplayOptions(const char *Replay);
+// In a scenario: an expectation that holds even when calls of the scenario fail (see FailInTurn).
+void Must(bool Holds, const char *What);
 // What the scenario told, without how often.
 std::set<std::string> OutcomesOf(const ExploreResult &Result);
 // "success", "cancelled", "refused" (the port goes), "gone" (the device has gone), or the number.
