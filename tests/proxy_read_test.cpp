@@ -394,5 +394,5 @@ TEST(ProxyRead, ZksCloseAgainstAReadThatIsNotSent) {
         EXPECT_EQ(FileWait(&reads[2]), STATUS_CANCELLED);
         EXPECT_EQ(Blocks(POOL_PROXY_ZK_REQUEST) + Blocks(POOL_CALL_DOWN), 0u);
       },
-      1, options);
+      2, options);
 }

@@ -16,13 +16,13 @@ constexpr unsigned MostPatience = 64;
 struct Turn {
   const std::function<void(World *)> *Scenario;
   const WorldOptions *Options;
-  uint64_t Nth;  // 0: none
-  bool AndAllAfter;
-  bool Anew;       // a port made anew is to work, too
-  bool Delivered;  // in any run
-  bool InWindow;   // likewise, and there first
-  uint64_t Calls;  // in the last run
-  bool Works;      // the port after the undisturbed scenario
+  uint64_t Nth = 0;  // 0: none
+  bool AndAllAfter = false;
+  bool Works = false;      // the port after the undisturbed scenario
+  bool Anew = false;       // a port made anew is to work, too
+  bool Delivered = false;  // in any run
+  bool InWindow = false;   // likewise, and there first
+  uint64_t Calls = 0;      // in the last run
 };
 
 static bool failing;
@@ -175,7 +175,7 @@ static std::string PlayTurns(Turn *Turn, unsigned Preemptions, const char *Repla
 static std::string PlayAskedFor(const std::function<void(World *)> &Scenario,
                                 const WorldOptions &Options, const std::string &Asked) {
   failing = true;
-  Turn turn = {&Scenario, &Options, 0, Asked.ends_with('+'), false, false, false, 0, false};
+  Turn turn = {&Scenario, &Options, 0, Asked.ends_with('+')};
   std::string failed = PlayTurns(&turn, 0);
   turn.Nth = strtoull(Asked.c_str(), nullptr, 10);
   failed += PlayTurns(&turn, 0, getenv("VORLIX_REPLAY"));
@@ -186,13 +186,13 @@ static std::string PlayAskedFor(const std::function<void(World *)> &Scenario,
 static std::string PlayShare(uint64_t Share, const std::function<void(World *)> &Scenario,
                              unsigned Preemptions, const WorldOptions &Options) {
   failing = true;
-  Turn plain = {&Scenario, &Options, 0, false, false, false, false, 0, false};
+  Turn plain = {&Scenario, &Options};
   std::string failed = PlayTurns(&plain, 0);
   uint64_t stride = plain.Calls / MostCalls + 1;
   for (uint64_t nth = 1 + Share * stride; failed.empty(); nth += Shares * stride) {
     bool delivered = false;
     for (bool after : {false, true}) {
-      Turn turn = {&Scenario, &Options, nth, after, false, false, false, 0, plain.Works};
+      Turn turn = {&Scenario, &Options, nth, after, plain.Works};
       failed += failed.empty() ? PlayTurns(&turn, 0) : "";
       if (failed.empty() && turn.InWindow && !after && Preemptions > 0) {
         failed = PlayTurns(&turn, Preemptions);
