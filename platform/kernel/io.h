@@ -407,6 +407,7 @@ FORCEINLINE void IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE Complet
 // The model looks at who marks a packet and who makes it cancellable.
 NTKERNELAPI void KiMarkPendingPoint(PIRP Irp);
 NTKERNELAPI void KiCancelRoutinePoint(PIRP Irp, PDRIVER_CANCEL CancelRoutine);
+NTKERNELAPI void KiCancelRoutineSetPoint(PIRP Irp);
 
 FORCEINLINE void IoMarkIrpPending(PIRP Irp) {
   KiMarkPendingPoint(Irp);
@@ -415,5 +416,7 @@ FORCEINLINE void IoMarkIrpPending(PIRP Irp) {
 
 FORCEINLINE PDRIVER_CANCEL IoSetCancelRoutine(PIRP Irp, PDRIVER_CANCEL CancelRoutine) {
   KiCancelRoutinePoint(Irp, CancelRoutine);
-  return __atomic_exchange_n(&Irp->CancelRoutine, CancelRoutine, __ATOMIC_SEQ_CST);
+  PDRIVER_CANCEL before = __atomic_exchange_n(&Irp->CancelRoutine, CancelRoutine, __ATOMIC_SEQ_CST);
+  KiCancelRoutineSetPoint(Irp);
+  return before;
 }

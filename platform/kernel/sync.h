@@ -79,24 +79,38 @@ NTKERNELAPI NTSTATUS ZwClose(HANDLE Handle);
 NTKERNELAPI NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable,
                                            PLARGE_INTEGER Timeout);
 
-// Every interlocked operation is a point at which the scheduler may let another thread run.
+// Points at which the scheduler may let another thread run: before and after every interlocked
+// operation and atomic write, before every atomic read. What follows an operation may already be
+// another thread's to free, so the points behind one only name the target.
+NTKERNELAPI void KiInterlockPoint(const volatile void *Target);
 NTKERNELAPI void KiInterlockedPoint(const volatile void *Target);
+NTKERNELAPI void KiReadPoint(const volatile void *Source);
+NTKERNELAPI void KiWritePoint(const volatile void *Target);
+NTKERNELAPI void KiWrittenPoint(const volatile void *Target);
 
 FORCEINLINE LONG InterlockedIncrement(volatile LONG *Target) {
+  KiInterlockPoint(Target);
+  LONG value = __atomic_add_fetch(Target, 1, __ATOMIC_SEQ_CST);
   KiInterlockedPoint(Target);
-  return __atomic_add_fetch(Target, 1, __ATOMIC_SEQ_CST);
+  return value;
 }
 FORCEINLINE LONG InterlockedDecrement(volatile LONG *Target) {
+  KiInterlockPoint(Target);
+  LONG value = __atomic_sub_fetch(Target, 1, __ATOMIC_SEQ_CST);
   KiInterlockedPoint(Target);
-  return __atomic_sub_fetch(Target, 1, __ATOMIC_SEQ_CST);
+  return value;
 }
 FORCEINLINE LONG InterlockedExchange(volatile LONG *Target, LONG Value) {
+  KiInterlockPoint(Target);
+  LONG before = __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
   KiInterlockedPoint(Target);
-  return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
+  return before;
 }
 FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile *Target, PVOID Value) {
+  KiInterlockPoint(Target);
+  PVOID before = __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
   KiInterlockedPoint(Target);
-  return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
+  return before;
 }
 
 // The debugger break and the fail-fast exit are instructions on the target, hooks here.

@@ -27,6 +27,7 @@ static bool Cancellable(PacketShadow *Shadow) {
 }
 
 static PIRP NextToCancel(uint64_t Round) {
+  PacketsListed();
   Guard guard(RequestMutex);
   for (PacketShadow *shadow = PacketNext(nullptr); shadow; shadow = PacketNext(shadow)) {
     if (shadow->Sweep < Round && Cancellable(shadow)) {

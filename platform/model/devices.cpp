@@ -4,6 +4,7 @@
 #include <new>
 
 #include "platform/model/area.h"
+#include "platform/model/causality.h"
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"
 #include "platform/model/io_manager.h"
@@ -34,7 +35,7 @@ void DeviceRequireLive(PDEVICE_OBJECT Device, const char *Service) {
 }
 
 bool DeviceIsDeleted(PDEVICE_OBJECT Device) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   return DeviceShadowOf(Device)->DeletePending;
 }
 
@@ -61,7 +62,7 @@ static void DeviceGone(void *Body) {
   PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(Body);
   RequireNoPackets(device);
   {
-    Guard guard(DeviceMutex);
+    SharedGuard guard(DeviceMutex, Access::Write);
     NameForgetDevice(device);
   }
   ObfDereferenceObject(device->DriverObject);
@@ -125,7 +126,7 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, PUNICOD
   DeviceShadowOf(device)->LocalSystemOnly = LocalSystemOnly;
   bool collides;
   {
-    Guard guard(DeviceMutex);
+    SharedGuard guard(DeviceMutex, Access::Write);
     collides = !name.empty() && NameTaken(name);
     if (!collides) {
       if (!name.empty()) {
@@ -146,7 +147,7 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, PUNICOD
 
 PDEVICE_OBJECT DeviceMake(PDRIVER_OBJECT Driver, DEVICE_TYPE Type) {
   PDEVICE_OBJECT device = MakeDevice(Driver, 0, Type, 0, FALSE);
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Write);
   JoinDriver(device);
   return device;
 }
@@ -195,7 +196,7 @@ void IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
   HistoryNote("IoDeleteDevice", DeviceObject);
   bool unused;
   {
-    Guard guard(DeviceMutex);
+    SharedGuard guard(DeviceMutex, Access::Write);
     DeviceShadow *shadow = DeviceShadowOf(DeviceObject);
     if (shadow->DeletePending) {
       VerifierStop("device.deleted-twice", DeviceObject, "IoDeleteDevice: deleted before");
@@ -223,7 +224,7 @@ static PDEVICE_OBJECT TopOf(PDEVICE_OBJECT Device) {
 }
 
 PDEVICE_OBJECT DeviceTop(PDEVICE_OBJECT Device) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   return TopOf(Device);
 }
 
@@ -235,12 +236,12 @@ static PDEVICE_OBJECT BottomOf(PDEVICE_OBJECT Device) {
 }
 
 PDEVICE_OBJECT DeviceBottom(PDEVICE_OBJECT Device) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   return BottomOf(Device);
 }
 
 StackRole DeviceRole(PDEVICE_OBJECT Device) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   PDEVICE_OBJECT bottom = BottomOf(Device);
   if (!(bottom->Flags & DO_BUS_ENUMERATED_DEVICE)) {
     return StackRole::None;
@@ -252,12 +253,12 @@ StackRole DeviceRole(PDEVICE_OBJECT Device) {
 }
 
 void DeviceBeginChange(PDEVICE_OBJECT Pdo) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   DeviceShadowOf(Pdo)->MayChange = true;
 }
 
 void DeviceEndChange(PDEVICE_OBJECT Pdo) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   DeviceShadowOf(Pdo)->MayChange = false;
 }
 
@@ -273,7 +274,7 @@ static void RequireChanging(PDEVICE_OBJECT Target) {
 }
 
 static PDEVICE_OBJECT Attach(PDEVICE_OBJECT SourceDevice, PDEVICE_OBJECT TargetDevice) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Write);
   DeviceShadow *source = DeviceShadowOf(SourceDevice);
   if (source->AttachedTo) {
     VerifierStop("device.attached-twice", SourceDevice, "the device is attached already");
@@ -311,7 +312,7 @@ void IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
   DeviceRequireLive(TargetDevice, "IoDetachDevice");
   bool unused;
   {
-    Guard guard(DeviceMutex);
+    SharedGuard guard(DeviceMutex, Access::Write);
     PDEVICE_OBJECT upper = TargetDevice->AttachedDevice;
     if (!upper) {
       VerifierStop("device.not-attached", TargetDevice, "IoDetachDevice: nothing is attached");
@@ -327,7 +328,7 @@ void IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
 }
 
 uint64_t DeviceCount(PDRIVER_OBJECT Driver) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   uint64_t count = 0;
   for (PDEVICE_OBJECT device = Driver->DeviceObject; device; device = device->NextDevice) {
     ++count;
@@ -338,7 +339,7 @@ uint64_t DeviceCount(PDRIVER_OBJECT Driver) {
 // ---- opens ----
 
 NTSTATUS DeviceOpenFile(PDEVICE_OBJECT Device, bool LocalSystem, bool FromHandle) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Write);
   DeviceShadow *shadow = DeviceShadowOf(Device);
   if ((Device->Flags & DO_DEVICE_INITIALIZING) || shadow->DeletePending) {
     return STATUS_NO_SUCH_DEVICE;
@@ -356,7 +357,7 @@ void DeviceCloseFile(PDEVICE_OBJECT Device, bool FromHandle) {
   bool unused;
   OpensWaiter *waiters = nullptr;
   {
-    Guard guard(DeviceMutex);
+    SharedGuard guard(DeviceMutex, Access::Write);
     --Device->ReferenceCount;
     DeviceShadowOf(Device)->Opens -= FromHandle;
     unused = LeaveDriverIfUnused(Device);
@@ -387,7 +388,7 @@ static bool AnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
 }
 
 bool DeviceAnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   return AnyOpen(Bottoms, Count);
 }
 
@@ -396,7 +397,7 @@ void DeviceAwaitNoOpens(const PDEVICE_OBJECT *Bottoms, size_t Count) {
     OpensWaiter waiter = {};
     KeInitializeEvent(&waiter.Event, NotificationEvent, FALSE);
     {
-      Guard guard(DeviceMutex);
+      SharedGuard guard(DeviceMutex, Access::Write);
       if (!AnyOpen(Bottoms, Count)) {
         return;
       }

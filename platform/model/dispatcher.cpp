@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "platform/model/causality.h"
 #include "platform/model/clock.h"
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"
@@ -19,6 +20,7 @@ void WaitHeaderInitialize(DISPATCHER_HEADER *Header, WaitType Type, LONG State) 
   __builtin_memcpy(Header->Reserved, HeaderMark, sizeof HeaderMark);
   Header->SignalState = State;
   InitializeListHead(&Header->WaitListHead);
+  CausalForget(Header);
 }
 
 static void CheckHeader(const DISPATCHER_HEADER *header, bool event, bool semaphore,
@@ -231,6 +233,9 @@ static NTSTATUS Wait(ULONG count, PVOID objects[], bool all, const LARGE_INTEGER
   WaitBlock blocks[MostWaitObjects];
   for (ULONG i = 0; i < count; ++i) {
     blocks[i].Object = static_cast<DISPATCHER_HEADER *>(objects[i]);
+    if (i > 0) {
+      CausalTouch(objects[i], Access::Write);  // the first one at the switch point
+    }
   }
   HistoryNote("wait", objects[0], count);
   SyncRelease(&SettleOrder);
@@ -240,11 +245,14 @@ static NTSTATUS Wait(ULONG count, PVOID objects[], bool all, const LARGE_INTEGER
     status = WaitHere(ThreadSelf(), blocks, count, all, timeout);
   }
   HistoryNote("wait over", objects[0], static_cast<ULONG>(status));
-  if (status != STATUS_TIMEOUT) {
-    for (ULONG i = 0; i < count; ++i) {
-      if (all || static_cast<ULONG>(status) == i) {
-        SyncAcquire(objects[i]);
-      }
+  if (status == STATUS_TIMEOUT) {
+    CausalJoinAll();
+    return status;
+  }
+  for (ULONG i = 0; i < count; ++i) {
+    if (all || static_cast<ULONG>(status) == i) {
+      CausalTouch(objects[i], Access::Write);
+      SyncAcquire(objects[i]);
     }
   }
   return status;
@@ -278,7 +286,7 @@ void KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
 }
 
 LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) {
-  SwitchPoint(SwitchReason::Wait, Event);
+  SwitchPoint(SwitchReason::Signal, Event);
   CheckHeader(&Event->Header, true, false, "KeSetEvent");
   HistoryNote("set event", Event);
   SyncRelease(Event);
@@ -290,19 +298,22 @@ LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) {
     WaitSignalled(&Event->Header);
   }
   // A waiter may have freed the event by now.
-  SwitchPoint(SwitchReason::Wait, Event);
+  SwitchPoint(SwitchReason::Signalled, Event);
   return before;
 }
 
 void KeClearEvent(PRKEVENT Event) {
-  SwitchPoint(SwitchReason::Wait, Event);
+  SwitchPoint(SwitchReason::Signal, Event);
   CheckHeader(&Event->Header, true, false, "KeClearEvent");
-  Guard guard(DispatcherMutex);
-  Event->Header.SignalState = 0;
+  {
+    Guard guard(DispatcherMutex);
+    Event->Header.SignalState = 0;
+  }
+  SwitchPoint(SwitchReason::Signalled, Event);
 }
 
 LONG KeReadStateEvent(PRKEVENT Event) {
-  SwitchPoint(SwitchReason::Wait, Event);
+  SwitchPoint(SwitchReason::Read, Event);
   CheckHeader(&Event->Header, true, false, "KeReadStateEvent");
   LONG state;
   {
@@ -322,7 +333,7 @@ void KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit) {
 }
 
 LONG KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOLEAN) {
-  SwitchPoint(SwitchReason::Wait, Semaphore);
+  SwitchPoint(SwitchReason::Signal, Semaphore);
   CheckHeader(&Semaphore->Header, false, true, "KeReleaseSemaphore");
   if (Adjustment <= 0) {
     VerifierStop("semaphore.bad-arguments", Semaphore, "released %d times", Adjustment);
@@ -341,6 +352,6 @@ LONG KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOL
     WaitSignalled(&Semaphore->Header);
   }
   // A waiter may have freed the semaphore by now.
-  SwitchPoint(SwitchReason::Wait, Semaphore);
+  SwitchPoint(SwitchReason::Signalled, Semaphore);
   return before;
 }

@@ -13,6 +13,7 @@
 #include <map>
 
 #include "platform/model/area.h"
+#include "platform/model/causality.h"
 #include "platform/model/faults.h"
 #include "platform/model/guard.h"
 #include "platform/model/objects.h"
@@ -111,7 +112,7 @@ void IoWriteErrorLogEntry(PVOID ElEntry) {
   free(header);
   void (*watcher)(const EventLogEntry &);
   {
-    Guard guard(LogMutex);
+    SharedGuard guard(LogMutex, Access::Write);
     ++CodeCounts[entry.Code];
     Log.push_back(entry);
     if (Log.size() > MostEntries) {
@@ -125,12 +126,12 @@ void IoWriteErrorLogEntry(PVOID ElEntry) {
 }
 
 std::vector<EventLogEntry> EventLogEntries() {
-  Guard guard(LogMutex);
+  SharedGuard guard(LogMutex, Access::Read);
   return {Log.begin(), Log.end()};
 }
 
 size_t EventLogCount(ULONG Code) {
-  Guard guard(LogMutex);
+  SharedGuard guard(LogMutex, Access::Read);
   auto found = CodeCounts.find(Code);
   return found == CodeCounts.end() ? 0 : found->second;
 }

@@ -10,16 +10,29 @@
 
 // A point at which another thread may go on. Object is what the point is about (a lock, a packet,
 // a counter), for the report. Costs one predictable branch when no schedule is being explored.
+//
+// Before what a service does, or, by the second name of a pair, right after it: there the code
+// stands that uses once too often what it has just given up.
 enum class SwitchReason : uint8_t {
   Lock,
-  Unlock,
+  Unlocked,
+  Interlock,
   Interlocked,
+  Read,
+  Write,
+  Written,
+  Exchange,  // of a packet's cancel routine
+  Exchanged,
   Wait,
+  Signal,
+  Signalled,
+  Dereference,
+  Dereferenced,
   Call,
   Complete,
-  Cancel,
   Allocate
 };
+constexpr unsigned SwitchReasons = static_cast<unsigned>(SwitchReason::Allocate) + 1;
 void SwitchPoint(SwitchReason Reason, const volatile void *Object);
 
 // Starts a thread of the test's or the host's own (a client, ZK, the Plug and Play manager), at

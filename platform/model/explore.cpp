@@ -11,6 +11,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "platform/model/causality.h"
 #include "platform/model/schedule.h"
 #include "platform/model/shrink.h"
 #include "platform/model/verifier.h"
@@ -19,6 +20,9 @@
 // run; then, exhaustive, the subtrees that leave its path, in the order of a depth-first walk; or,
 // drawn, stretches of seeds. Whoever works on an item, its result is the same, and results are put
 // together in the order of the items up to the first that failed.
+//
+// A reduced exploration is one item: which choices are worth another run is known only from the
+// runs behind them.
 struct Item {
   Choices Prefix;      // Exhaustive
   uint64_t First = 0;  // Random, Pct: the numbers of its runs
@@ -34,6 +38,7 @@ struct ItemResult {
   std::string Replay;  // of the failed run
   uint64_t Steps = 0;  // likewise
   std::map<std::string, ExploreOutcome> Outcomes;
+  std::unordered_set<uint64_t> Orders;
 };
 
 using Outcomes = std::map<std::string, ExploreOutcome>;
@@ -84,6 +89,9 @@ static bool RunOnce(Exploring *exploring, ItemResult *result) {
     result->Steps = report.Steps;
     return false;
   }
+  if (CausalKnown()) {
+    result->Orders.insert(CausalPrint());
+  }
   if (sawOutcome) {
     ExploreOutcome &seen = result->Outcomes[outcome];
     if (seen.Count++ == 0) {
@@ -95,10 +103,10 @@ static bool RunOnce(Exploring *exploring, ItemResult *result) {
 
 // Makes Choices the next schedule, depth first, leaving the first Fixed as they are; false when
 // there is none.
-static bool NextSchedule(Choices *choices, size_t fixed) {
+static bool NextSchedule(Choices *choices, size_t fixed, bool reduce) {
   while (choices->size() > fixed) {
     Choice &last = choices->back();
-    if (last.Taken + 1 < last.Offered) {
+    if (last.Taken + 1 < last.Offered && (last.Wanted || !reduce)) {
       ++last.Taken;
       return true;
     }
@@ -120,12 +128,12 @@ static void RunSubtree(Exploring *exploring, uint64_t item, ItemResult *result) 
         SomebodyElseFailed(exploring, item)) {
       return;
     }
-    ScheduleBeginBounded(options.Preemptions, choices);
+    ScheduleBeginBounded(options.Preemptions, choices, options.Reduce);
     if (!RunOnce(exploring, result)) {
       return;
     }
     choices = ScheduleChoices();
-  } while (NextSchedule(&choices, fixed));
+  } while (NextSchedule(&choices, fixed, options.Reduce));
   result->Complete = true;
 }
 
@@ -168,7 +176,7 @@ static ItemResult FirstRun(Exploring *exploring) {
   ItemResult result;
   const ExploreOptions &options = *exploring->Options;
   if (options.How == SchedulePolicy::Kind::Exhaustive) {
-    ScheduleBeginBounded(options.Preemptions, {});
+    ScheduleBeginBounded(options.Preemptions, {}, false);
   } else {
     ScheduleBeginLenient({}, options.Whole);
   }
@@ -226,6 +234,14 @@ static std::string Unescaped(const std::string &line) {
   return text;
 }
 
+static void WriteOrders(FILE *to, const std::unordered_set<uint64_t> &orders) {
+  fprintf(to, "orders");
+  for (uint64_t order : orders) {
+    fprintf(to, " %llx", static_cast<unsigned long long>(order));
+  }
+  fprintf(to, "\n");
+}
+
 static void WriteResult(FILE *to, uint64_t item, const ItemResult &result) {
   fprintf(to, "item %llu %llu %d %d %llu\n", static_cast<unsigned long long>(item),
           static_cast<unsigned long long>(result.Runs), result.Complete, result.Failed,
@@ -237,6 +253,7 @@ static void WriteResult(FILE *to, uint64_t item, const ItemResult &result) {
     fprintf(to, "outcome %llu %s %s\n", static_cast<unsigned long long>(seen.Count),
             seen.Replay.c_str(), Escaped(text).c_str());
   }
+  WriteOrders(to, result.Orders);
 }
 
 static void ReadResults(FILE *from, std::vector<ItemResult> *results) {
@@ -263,6 +280,11 @@ static void ReadResults(FILE *from, std::vector<ItemResult> *results) {
       in.get();
       std::getline(in, text);
       result->Outcomes[Unescaped(text)] = seen;
+    } else if (kind == "orders" && result) {
+      in >> std::hex;
+      for (uint64_t order; in >> order;) {
+        result->Orders.insert(order);
+      }
     }
   }
   free(line);
@@ -365,6 +387,7 @@ static void Conclude(Exploring *exploring, const ItemResult &failed, ExploreResu
 
 static void Merge(const ItemResult &from, ExploreResult *into) {
   into->Runs += from.Runs;
+  into->Orders.insert(from.Orders.begin(), from.Orders.end());
   for (const auto &[text, seen] : from.Outcomes) {
     ExploreOutcome &all = into->Outcomes[text];
     all.Replay = all.Count == 0 ? seen.Replay : all.Replay;
@@ -420,6 +443,13 @@ ExploreResult ModelExplore(const ExploreOptions &Options, const std::function<vo
   exploring.Run.Forced = Options.Forced;
   exploring.Run.MostSteps = Options.MostSteps;
   ExploreResult result;
+  if (Options.How == SchedulePolicy::Kind::Exhaustive && Options.Reduce) {
+    result.Exhausted = true;
+    exploring.Items.push_back({});
+    RunItems(&exploring, &result);
+    munmap(shared, sizeof(Shared));
+    return result;
+  }
   ItemResult first = FirstRun(&exploring);
   Merge(first, &result);
   result.Exhausted = first.Complete;
@@ -473,6 +503,8 @@ bool ExploreRead(const std::string &Text, ExploreOptions *Options) {
       Options->Depth = static_cast<unsigned>(value);
     } else if (key == "preemptions") {
       Options->Preemptions = static_cast<unsigned>(value);
+    } else if (key == "reduce") {
+      Options->Reduce = value != 0;
     } else if (key == "workers") {
       Options->Workers = static_cast<unsigned>(value);
     } else {

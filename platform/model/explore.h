@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <unordered_set>
 
 #include "platform/model/run.h"
 
@@ -15,6 +16,9 @@ struct ExploreOptions {
   // after a first one that is first in, first out.
   SchedulePolicy::Kind How = SchedulePolicy::Kind::Exhaustive;
   unsigned Preemptions = 2;
+  // Exhaustive: another choice is tried only where it may lead to another order of what depends on
+  // each other. The orders that are run are the same without; see docs/kernel-model.md.
+  bool Reduce = true;
   uint64_t MaxRuns = 20'000'000;  // Exhaustive gives up (Exhausted false) after about so many
   uint64_t Runs = 10'000;
   uint64_t Seed = 1;
@@ -35,8 +39,9 @@ struct ExploreOutcome {
 
 struct ExploreResult {
   uint64_t Runs = 0;
-  bool Exhausted = false;  // every schedule that was asked for was run
-  RunReport Failure;       // of the first run in the order of the policy that stopped, made short
+  std::unordered_set<uint64_t> Orders;  // that the runs had inside their windows; see causality.h
+  bool Exhausted = false;               // every schedule that was asked for was run
+  RunReport Failure;  // of the first run in the order of the policy that stopped, made short
   uint64_t ShrinkRuns = 0;
   std::map<std::string, ExploreOutcome> Outcomes;
 };
@@ -54,6 +59,6 @@ void ExploreWindow(bool Open);
 void ExploreSaw(const std::string &Outcome);
 
 // Reads "pct depth=4 runs=100000 seed=7 workers=2" and the like: fifo, random, pct or exhaust, and
-// numbers named as the options are. False, with Options as far as they were read, when a word is
-// not one of these.
+// numbers named as the options are (reduce=0 is no). False, with Options as far as they were read,
+// when a word is not one of these.
 bool ExploreRead(const std::string &Text, ExploreOptions *Options);

@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/model/causality.h"
 #include "platform/model/guard.h"
 #include "platform/model/schedule.h"
 #include "platform/model/verifier.h"
@@ -116,6 +117,7 @@ bool FaultHere(FaultKind Kind, ULONG Tag) {
     bool matches =
         armed && (plan.Kinds & Kind) && (Kind != FaultPool || plan.Tag == 0 || plan.Tag == Tag);
     if (matches) {
+      CausalTouch(&plan, Access::Write);
       fails = Fails();
       inWindow |= fails && !delivered && ScheduleInWindow();
       delivered |= fails;

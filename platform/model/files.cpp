@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/model/causality.h"
 #include "platform/model/devices.h"
 #include "platform/model/executor.h"
 #include "platform/model/file_objects.h"
@@ -77,6 +78,7 @@ static void CloseAfterLastRequest(FileBody *Body) {
   KeInitializeEvent(&Body->Drained, NotificationEvent, FALSE);
   {
     Guard guard(FileMutex);
+    CausalTouch(Body, Access::Write);
     if (Body->Outstanding == 0) {
       return;
     }
@@ -89,7 +91,7 @@ static void CloseAfterLastRequest(FileBody *Body) {
   };
   PKTHREAD thread = ThreadCreate("close", wait, FiberBytes);
   ThreadLaunch(thread);
-  ObfDereferenceObject(thread);
+  ObjectRelease(thread);
 }
 
 static void FileLastHandle(void *Object) {
@@ -313,7 +315,9 @@ static void LeaveFile(FileIo *Io) {
     }
     RemoveEntryList(&Io->LiveLink);
     drained = --body->Outstanding == 0 && body->Closing;
-    ObfDereferenceObject(body);
+    CausalTouch(Io->Request, Access::Write);
+    CausalTouch(body, drained ? Access::Write : Access::Add);
+    ObjectRelease(body);
   }
   if (drained) {
     KeSetEvent(&body->Drained, IO_NO_INCREMENT, FALSE);
@@ -354,6 +358,7 @@ static void FinishFileIo(PIRP Irp, void *Context) {
   if (request->OnDone) {
     request->OnDone(request, request->Context);
   }
+  CausalTouch(request, Access::Write);
   __atomic_store_n(&request->Done, true, __ATOMIC_RELEASE);
   KeSetEvent(&request->Event, IO_NO_INCREMENT, FALSE);
 }
@@ -378,6 +383,7 @@ static FileIo *MakeIo(FileRequest *Request) {
 
 static void EnterFile(FileIo *Io, FileBody *Body, PIRP Irp) {
   ObfReferenceObject(Body);
+  CausalTouch(Body, Access::Add);
   Guard guard(FileMutex);
   Io->File = Body;
   Io->Next = Body->First;
@@ -430,17 +436,21 @@ NTSTATUS FileSend(HANDLE Handle, FileRequest *Request) {
     KeSetEvent(&Request->Event, IO_NO_INCREMENT, FALSE);
     return STATUS_INVALID_HANDLE;
   }
+  ObfReferenceObject(body);  // another thread may close the handle
   SwitchPoint(SwitchReason::Call, Request);
   FileIo *io = MakeIo(Request);
   PDEVICE_OBJECT top = DeviceTop(body->File.DeviceObject);
   PIRP irp = PacketMake(top->StackSize, FinishFileIo, io);
   FillRequest(io, irp, body, top->Flags);
   EnterFile(io, body, irp);
-  return PacketCall(top, irp);
+  NTSTATUS status = PacketCall(top, irp);
+  ObfDereferenceObject(body);
+  return status;
 }
 
 // The event's state is looked at last: once it is signalled, the model no longer touches Request.
 bool FileDone(const FileRequest *Request) {
+  CausalTouch(Request, Access::Read);
   return __atomic_load_n(&Request->Done, __ATOMIC_ACQUIRE) &&
          KeReadStateEvent(const_cast<PKEVENT>(&Request->Event)) != 0;
 }
@@ -457,6 +467,7 @@ static bool CancelHeld(PIRP Irp) {
 }
 
 bool FileCancel(FileRequest *Request) {
+  CausalTouch(Request, Access::Read);
   PIRP irp;
   {
     Guard guard(FileMutex);
@@ -471,6 +482,7 @@ bool FileCancel(FileRequest *Request) {
 }
 
 static PIRP NextToCancel(FileBody *Body, uint64_t Round) {
+  CausalTouch(Body, Access::Write);
   Guard guard(FileMutex);
   for (FileIo *io = Body->First; io; io = io->Next) {
     if (io->CancelRound < Round) {

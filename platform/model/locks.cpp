@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "platform/model/cancel_lock.h"
+#include "platform/model/causality.h"
 #include "platform/model/executor.h"
 #include "platform/model/lock_order.h"
 #include "platform/model/paged_pool.h"
@@ -117,6 +118,7 @@ static void Take(PKTHREAD self, PKSPIN_LOCK lock, bool atDpc, KIRQL saved, const
   if (self->HeldCount < MostLocksHeld) {
     self->Held[self->HeldCount++] = {lock, place, saved, atDpc};
   }
+  CausalAcquire(lock);
   HistoryNote("lock", lock);
 }
 
@@ -189,6 +191,7 @@ static void Give(PKTHREAD self, PKSPIN_LOCK lock, bool atDpc, KIRQL newIrql) {
   if (VerifierEnabled) {
     CheckGive(self, lock, atDpc, newIrql);
   }
+  CausalRelease(lock);
   HistoryNote("unlock", lock);
   if (HeldLock *held = FindHeld(self, lock)) {
     HeldLock *last = &self->Held[--self->HeldCount];
@@ -202,7 +205,7 @@ static void Give(PKTHREAD self, PKSPIN_LOCK lock, bool atDpc, KIRQL newIrql) {
   }
   self->Irql = newIrql;
   // The lock may be gone by now; only its address is used.
-  SwitchPoint(SwitchReason::Unlock, lock);
+  SwitchPoint(SwitchReason::Unlocked, lock);
 }
 
 void KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
@@ -226,6 +229,7 @@ void KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
     }
     LockOrderForget(SpinLock, sizeof *SpinLock);
   }
+  CausalForget(SpinLock);
   LockForceFree(SpinLock);
 }
 

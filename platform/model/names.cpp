@@ -5,6 +5,7 @@
 #include <deque>
 #include <map>
 
+#include "platform/model/causality.h"
 #include "platform/model/devices.h"
 #include "platform/model/faults.h"
 #include "platform/model/io_manager.h"
@@ -112,14 +113,14 @@ static PDEVICE_OBJECT Resolve(const std::string &Name) {
 }
 
 PDEVICE_OBJECT NameLookup(const std::string &Name) {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   return Resolve(Name);
 }
 
 PDEVICE_OBJECT NameReference(const std::string &Name) {
   PDEVICE_OBJECT device;
   {
-    Guard guard(DeviceMutex);
+    SharedGuard guard(DeviceMutex, Access::Read);
     device = Resolve(Name);
     if (device) {
       ObfReferenceObject(device);
@@ -131,7 +132,7 @@ PDEVICE_OBJECT NameReference(const std::string &Name) {
 
 std::vector<std::string> NameLinks() {
   std::vector<std::string> links;
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   for (const auto &[key, thing] : Names) {
     if (!thing.Device && !thing.Gone) {
       links.push_back(thing.Name + " -> " + thing.Target);
@@ -153,7 +154,7 @@ NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING 
     return STATUS_OBJECT_NAME_INVALID;
   }
   SyncRelease(&Names);
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Write);
   std::string key = KeyOf(name);
   if (Find(key)) {
     return STATUS_OBJECT_NAME_COLLISION;
@@ -165,7 +166,7 @@ NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING 
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName) {
   VerifierRequireIrql(PASSIVE_LEVEL, "IoDeleteSymbolicLink");
   std::string name = TextFromString(SymbolicLinkName);
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Write);
   auto found = Names.find(KeyOf(name));
   if (found == Names.end()) {
     return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -236,7 +237,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject,
   std::string link;
   bool existed;
   {
-    Guard guard(DeviceMutex);
+    SharedGuard guard(DeviceMutex, Access::Write);
     link = AddInterface(PhysicalDeviceObject, *InterfaceClassGuid, reference, &existed);
   }
   std::vector<WCHAR> wide = TextToWide(link);
@@ -261,7 +262,7 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Ena
   std::string key = KeyOf(TextFromString(SymbolicLinkName));
   bool enable = Enable != FALSE;
   SyncRelease(&Names);
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Write);
   auto found = Interfaces.find(key);
   if (found == Interfaces.end()) {
     return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -277,7 +278,7 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Ena
 
 std::vector<std::string> InterfacesEnabled(const GUID &Class) {
   std::vector<std::string> links;
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   for (const auto &[key, known] : Interfaces) {
     if (known.Enabled && SameGuid(known.Class, Class)) {
       links.push_back(known.Link);
@@ -287,7 +288,7 @@ std::vector<std::string> InterfacesEnabled(const GUID &Class) {
 }
 
 uint64_t InterfaceStateChanges() {
-  Guard guard(DeviceMutex);
+  SharedGuard guard(DeviceMutex, Access::Read);
   return StateChanges;
 }
 

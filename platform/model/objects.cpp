@@ -7,7 +7,9 @@
 
 #include "platform/model/address_map.h"
 #include "platform/model/area.h"
+#include "platform/model/causality.h"
 #include "platform/model/dispatcher.h"
+#include "platform/model/executor.h"
 #include "platform/model/faults.h"
 #include "platform/model/guard.h"
 #include "platform/model/locks.h"
@@ -123,6 +125,7 @@ void ObjectHide(const void *Body) {
 LONG_PTR ObfReferenceObject(PVOID Object) {
   VerifierRequireIrql(DISPATCH_LEVEL, "ObReferenceObject");
   HistoryNote("reference", Object);
+  CausalTouch(HeaderOf(Object), Access::Add);
   Guard guard(objectMutex);
   return ++Require(Object, "ObReferenceObject")->References;
 }
@@ -137,6 +140,7 @@ static void Free(ObjectHeader *header) {
 // A dead object stays where it is for long, unreadable, so that later uses of it are seen.
 static void Bury(ObjectHeader *header) {
   void *body = BodyOf(header);
+  CausalCease(header, sizeof *header + header->Bytes);
   if (VerifierEnabled) {
     LockLeaveMemory(body, header->Bytes);
     if (WaitsWithin(body, header->Bytes)) {
@@ -160,8 +164,7 @@ static void Bury(ObjectHeader *header) {
   }
 }
 
-LONG_PTR ObfDereferenceObject(PVOID Object) {
-  VerifierRequireIrql(DISPATCH_LEVEL, "ObDereferenceObject");
+int64_t ObjectRelease(void *Object) {
   HistoryNote("dereference", Object);
   SyncRelease(Object);
   int64_t left;
@@ -169,6 +172,7 @@ LONG_PTR ObfDereferenceObject(PVOID Object) {
     Guard guard(objectMutex);
     ObjectHeader *header = Require(Object, "ObDereferenceObject");
     left = --header->References;
+    CausalTouch(header, left > 0 ? Access::Add : Access::Write);
     if (left > 0 || header->Dying) {
       return left;
     }
@@ -180,6 +184,15 @@ LONG_PTR ObfDereferenceObject(PVOID Object) {
     header->Delete(Object);
   }
   Bury(header);
+  return left;
+}
+
+LONG_PTR ObfDereferenceObject(PVOID Object) {
+  VerifierRequireIrql(DISPATCH_LEVEL, "ObDereferenceObject");
+  SwitchPoint(SwitchReason::Dereference, Object);
+  int64_t left = ObjectRelease(Object);
+  // The object may be gone by now; only its address is used.
+  SwitchPoint(SwitchReason::Dereferenced, Object);
   return left;
 }
 
@@ -202,6 +215,7 @@ HANDLE ObjectOpenHandle(void *Body, ObjectLastHandle OnLastHandle) {
 }
 
 void *ObjectFromHandle(HANDLE Handle, ObjectKind Kind) {
+  CausalTouch(Handle, Access::Read);
   Guard guard(objectMutex);
   HandleEntry *entry = FindHandle(Handle);
   return entry && HeaderOf(entry->Body)->Kind == Kind ? entry->Body : nullptr;
@@ -219,6 +233,7 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE, KPR
   if (FaultHere(FaultReference)) {
     return STATUS_INSUFFICIENT_RESOURCES;
   }
+  CausalTouch(Handle, Access::Read);
   Guard guard(objectMutex);
   HandleEntry *entry = FindHandle(Handle);
   if (!entry) {
@@ -228,6 +243,7 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE, KPR
     return STATUS_INVALID_HANDLE;
   }
   ++HeaderOf(entry->Body)->References;
+  CausalTouch(HeaderOf(entry->Body), Access::Add);
   *Object = entry->Body;
   return STATUS_SUCCESS;
 }
@@ -236,6 +252,7 @@ NTSTATUS ZwClose(HANDLE Handle) {
   VerifierRequireIrql(PASSIVE_LEVEL, "ZwClose");
   HandleEntry closed = {};
   bool last = false;
+  CausalTouch(Handle, Access::Write);
   {
     Guard guard(objectMutex);
     HandleEntry *entry = FindHandle(Handle);
@@ -243,6 +260,7 @@ NTSTATUS ZwClose(HANDLE Handle) {
       closed = *entry;
       handles.erase(reinterpret_cast<uint64_t>(Handle));
       last = --HeaderOf(closed.Body)->Handles == 0;
+      CausalTouch(&HeaderOf(closed.Body)->Handles, last ? Access::Write : Access::Add);
     }
   }
   if (!closed.Body) {

@@ -16,6 +16,8 @@ void *ObjectCreate(ObjectKind Kind, size_t Bytes, ObjectDelete Delete);
 // Whether the address is the body of a live object of this kind.
 bool ObjectIs(const void *Body, ObjectKind Kind);
 int64_t ObjectReferences(const void *Body);
+// Drops a reference and returns how many are left, at one go: no other thread runs in between.
+int64_t ObjectRelease(void *Body);
 
 // A handle holds a reference of its own. OnLastHandle (may be null) is called by ZwClose when the
 // object's last handle is closed, before that handle's reference is dropped (file cleanup).

@@ -4,6 +4,7 @@
 
 #include "platform/model/cancel_lock.h"
 #include "platform/model/cancel_sweep.h"
+#include "platform/model/causality.h"
 #include "platform/model/executor.h"
 #include "platform/model/forced.h"
 #include "platform/model/mdl.h"
@@ -179,6 +180,7 @@ static void RequireForwardable(const PacketShadow *Shadow, PIRP Irp) {
 }
 
 unsigned PacketsAt(PDEVICE_OBJECT Device) {
+  CausalTouch(&DeviceShadowOf(Device)->Packets, Access::Write);
   Guard guard(RequestMutex);
   return DeviceShadowOf(Device)->Packets;
 }
@@ -187,6 +189,7 @@ unsigned PacketsAt(PDEVICE_OBJECT Device) {
 static void CountIn(LocationShadow *Location, UCHAR Major) {
   Location->Counted = Major != IRP_MJ_PNP;
   DeviceShadowOf(Location->Device)->Packets += Location->Counted;
+  CausalTouch(&DeviceShadowOf(Location->Device)->Packets, Access::Add);
 }
 
 // The device need not be there any more when its packet counts no longer.
@@ -194,6 +197,7 @@ static void Uncount(LocationShadow *Location) {
   if (Location->Counted) {
     Location->Counted = false;
     --DeviceShadowOf(Location->Device)->Packets;
+    CausalTouch(&DeviceShadowOf(Location->Device)->Packets, Access::Add);
   }
 }
 
@@ -331,6 +335,7 @@ static NTSTATUS CheckedCall(PDEVICE_OBJECT Device, PIRP Irp) {
   VerifierRequireIrql(DISPATCH_LEVEL, "IofCallDriver");
   VerifierRequireNoLocks("IofCallDriver", Irp);
   PacketShadow *shadow = PacketRequireLive(Irp, "IofCallDriver");
+  CausalTouch(Device, Access::Read);
   if (!ObjectIs(Device, ObjectKind::Device)) {
     VerifierStop("device.not-live", Irp, "IofCallDriver: %p is no live device",
                  static_cast<void *>(Device));
@@ -546,6 +551,7 @@ static void FinishPacket(PacketShadow *Shadow, PIRP Irp) {
 void IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
   UNREFERENCED_PARAMETER(PriorityBoost);
   SwitchPoint(SwitchReason::Complete, Irp);
+  CausalCease(Irp, 0);
   PacketShadow *checked = VerifierOn() ? BeginCompletion(Irp) : nullptr;
   if (checked && PendingForced && PacketDefer(checked, Irp)) {
     return;
@@ -608,7 +614,7 @@ static void CallCancelRoutine(PDRIVER_CANCEL Routine, PIRP Irp, const Before &Wa
 
 BOOLEAN IoCancelIrp(PIRP Irp) {
   VerifierRequireIrql(DISPATCH_LEVEL, "IoCancelIrp");
-  SwitchPoint(SwitchReason::Cancel, Irp);
+  HistoryNote("cancel", Irp);
   if (VerifierOn()) {
     PacketNoteCancel(PacketRequireLive(Irp, "IoCancelIrp"));
   }

@@ -31,8 +31,13 @@ void KiMarkPendingPoint(PIRP Irp) {
 }
 
 void KiCancelRoutinePoint(PIRP Irp, PDRIVER_CANCEL CancelRoutine) {
-  SwitchPoint(SwitchReason::Interlocked, &Irp->CancelRoutine);
+  SwitchPoint(SwitchReason::Exchange, Irp);
   if (CancelRoutine && VerifierOn()) {
     RequireHolder(Irp, "IoSetCancelRoutine", "cancel.not-owner");
   }
+}
+
+void KiCancelRoutineSetPoint(PIRP Irp) {
+  // The packet may be gone by now; only its address is used.
+  SwitchPoint(SwitchReason::Exchanged, Irp);
 }

@@ -79,6 +79,6 @@ bool PacketDefer(PacketShadow *Shadow, PIRP Irp) {
   PKTHREAD thread = ThreadCreate(
       "deferred", [left, Irp] { GoOn(left, Irp); }, FiberBytes);
   ThreadLaunch(thread);
-  ObfDereferenceObject(thread);
+  ObjectRelease(thread);
   return true;
 }

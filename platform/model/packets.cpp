@@ -4,6 +4,7 @@
 
 #include "platform/model/area.h"
 #include "platform/model/blocks.h"
+#include "platform/model/causality.h"
 #include "platform/model/devices.h"
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"
@@ -66,6 +67,7 @@ PIRP PacketMake(CCHAR StackSize, PacketFinish Finish, void *Context) {
     shadow->Location = StackSize + 1;
   }
   PacketInitialize(irp, count);
+  CausalTouch(&Packets, Access::Add);
   BytesForbid(irp + 1, GuardBytes);
   BytesForbid(stack + stackBytes, GuardBytes);
   return irp;
@@ -103,6 +105,8 @@ void PacketFree(PIRP Irp) {
     shadow->State = PacketState::Freed;
     BlockRetire(&Packets, shadow);
   }
+  CausalTouch(&Packets, Access::Add);
+  CausalCease(Irp, sizeof *Irp);
   SyncAcquire(&shadow->Holds);
   if (VerifierOn()) {
     BytesAllow(Irp, shadow->Bytes);
@@ -238,6 +242,10 @@ NTSTATUS PacketSendAndWait(PDEVICE_OBJECT Device, PacketRequest *Request) {
 static void RequestBoot() {
   BlocksReset(&Packets);
   MdlBoot();
+}
+
+void PacketsListed() {
+  CausalTouch(&Packets, Access::Write);
 }
 
 PacketShadow *PacketNext(PacketShadow *After) {

@@ -167,6 +167,8 @@ void PacketGoUp(PacketShadow *Checked, PIRP Irp);
 // above called the one that completes it and would have got the answer at once.
 bool PacketDefer(PacketShadow *Shadow, PIRP Irp);
 
+// What is to be done depends on which packets there are.
+void PacketsListed();
 // The live packet after After (the first one when null), or null. Under RequestMutex.
 PacketShadow *PacketNext(PacketShadow *After);
 // Stops the run when a cancelled packet of the model's own is still on its way.

@@ -9,6 +9,7 @@
 
 #include "platform/model/address_map.h"
 #include "platform/model/area.h"
+#include "platform/model/causality.h"
 #include "platform/model/dispatcher.h"
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"
@@ -309,6 +310,7 @@ static void LeaveQuarantine() {
 }
 
 static void EnterQuarantine(PoolHeader *header, const void *place) {
+  CausalCease(BlockOf(header), header->Bytes);
   header->FreePlace = place;
   memset(BlockOf(header), FreedByte, header->Bytes);
   BytesForbid(BlockOf(header), header->Bytes);

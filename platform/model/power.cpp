@@ -2,6 +2,7 @@
 
 #include <deque>
 
+#include "platform/model/causality.h"
 #include "platform/model/devices.h"
 #include "platform/model/executor.h"
 #include "platform/model/io_manager.h"
@@ -36,17 +37,17 @@ static void NoteLocation(PowerStep Step, PDEVICE_OBJECT Device, const IO_STACK_L
 }
 
 void PowerArrived(PDEVICE_OBJECT Device, const IO_STACK_LOCATION *Location) {
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   NoteLocation(PowerStep::Arrived, Device, Location);
 }
 
 std::vector<PowerEvent> PowerEvents() {
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   return {Events.begin(), Events.end()};
 }
 
 void PowerForget() {
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   Events.clear();
 }
 
@@ -56,7 +57,7 @@ POWER_STATE PoSetPowerState(PDEVICE_OBJECT DeviceObject, POWER_STATE_TYPE Type, 
   if (Type != SystemPowerState && Type != DevicePowerState) {
     KeBugCheckModel("PoSetPowerState: no such type of power state");
   }
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   POWER_STATE *reported = &DeviceShadowOf(DeviceObject)->Power[Type];
   POWER_STATE before = *reported;
   *reported = State;
@@ -66,17 +67,17 @@ POWER_STATE PoSetPowerState(PDEVICE_OBJECT DeviceObject, POWER_STATE_TYPE Type, 
 }
 
 DEVICE_POWER_STATE PowerStateReported(PDEVICE_OBJECT Device) {
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   return DeviceShadowOf(Device)->Power[DevicePowerState].DeviceState;
 }
 
 uint64_t PowerReports() {
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   return Reports;
 }
 
 uint64_t PowerNextCalls() {
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   return NextCalls;
 }
 
@@ -101,7 +102,7 @@ static bool TakeTurn(PowerRequest *Request) {
     return true;
   }
   SyncRelease(Request);  // to who gives it the turn
-  Guard guard(PowerMutex);
+  SharedGuard guard(PowerMutex, Access::Write);
   if (!turn->Busy) {
     turn->Busy = Request->HasTurn = true;
     return true;
@@ -115,7 +116,7 @@ static bool TakeTurn(PowerRequest *Request) {
 static void GiveTurn(PowerRequest *Request) {
   PowerRequest *next;
   {
-    Guard guard(PowerMutex);
+    SharedGuard guard(PowerMutex, Access::Write);
     if (!Request->HasTurn) {
       return;
     }
@@ -142,6 +143,7 @@ static void CompleteRequest(PowerRequest *Request, const IO_STATUS_BLOCK &Iosb, 
   Request->Returned = Pended ? STATUS_PENDING : Iosb.Status;
   GiveTurn(Request);
   ObfDereferenceObject(Request->Bottom);
+  CausalTouch(Request, Access::Write);
   __atomic_store_n(&Request->Done, true, __ATOMIC_RELEASE);
   KeSetEvent(&Request->Event, IO_NO_INCREMENT, FALSE);  // the request may be gone after this
 }
@@ -152,7 +154,7 @@ static void FinishPower(PIRP Irp, void *Context) {
   IO_STATUS_BLOCK iosb = Irp->IoStatus;
   bool pended = Irp->PendingReturned != FALSE;
   {
-    Guard guard(PowerMutex);
+    SharedGuard guard(PowerMutex, Access::Write);
     request->Irp = nullptr;
     Note(PowerStep::Completed, top, request->Minor, request->Type, request->State);
   }
@@ -171,7 +173,7 @@ void PoStartNextPowerIrp(PIRP Irp) {
   }
   const IO_STACK_LOCATION *location = IoGetCurrentIrpStackLocation(Irp);
   {
-    Guard guard(PowerMutex);
+    SharedGuard guard(PowerMutex, Access::Write);
     ++NextCalls;
     NoteLocation(PowerStep::Next, location->DeviceObject, location);
   }
@@ -208,7 +210,7 @@ static void SendPacketOf(PowerRequest *Request) {
   PIRP irp = PacketMake(top->StackSize, FinishPower, Request);
   FillPower(irp, Request);
   {
-    Guard guard(PowerMutex);
+    SharedGuard guard(PowerMutex, Access::Write);
     Request->Irp = irp;
   }
   KIRQL before = IrqlRaise(Request->Irql);
@@ -223,7 +225,7 @@ static void SendInTurn(PowerRequest *Request) {
   };
   PKTHREAD thread = ThreadCreate("power", wait, FiberBytes);
   ThreadLaunch(thread);
-  ObfDereferenceObject(thread);
+  ObjectRelease(thread);
 }
 
 bool PowerBegin(PDEVICE_OBJECT Device, PowerRequest *Request) {
@@ -248,6 +250,7 @@ bool PowerBegin(PDEVICE_OBJECT Device, PowerRequest *Request) {
 }
 
 bool PowerDone(const PowerRequest *Request) {
+  CausalTouch(Request, Access::Read);
   return __atomic_load_n(&Request->Done, __ATOMIC_ACQUIRE) &&
          KeReadStateEvent(const_cast<PKEVENT>(&Request->Event)) != 0;
 }
@@ -260,7 +263,7 @@ NTSTATUS PowerWait(PowerRequest *Request) {
 bool PowerCancel(PowerRequest *Request) {
   PIRP irp;
   {
-    Guard guard(PowerMutex);
+    SharedGuard guard(PowerMutex, Access::Write);
     irp = Request->Irp;
     if (!irp) {
       return false;

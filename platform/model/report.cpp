@@ -260,6 +260,8 @@ static const NoteForm forms[] = {
      [](auto object, auto status, auto) {
        return "complete " + ObjectText(object, "request") + " with " + StatusText(status);
      }},
+    {"cancel", false,
+     [](auto object, auto, auto) { return "cancel " + ObjectText(object, "request"); }},
     {"cancel routine", false,
      [](auto object, auto, auto) {
        return "call the cancel routine of " + ObjectText(object, "request");
@@ -291,37 +293,61 @@ void ReportNote(const char *What, const volatile void *Object, uint64_t A, uint6
 }
 
 static std::string PointText(SwitchReason reason, const volatile void *object) {
-  static const char *const texts[] = {"taking",
-                                      "after giving back",
-                                      "an interlocked operation on",
-                                      "waiting or waking with",
-                                      "calling or making",
-                                      "completing",
-                                      "cancelling",
-                                      "an allocation"};
-  static const char *const kinds[] = {"lock",   "lock",    "word",    "event",
-                                      "object", "request", "request", ""};
-  size_t at = static_cast<size_t>(reason);
-  std::string text = texts[at];
+  struct Point {
+    const char *Text;
+    const char *Kind;  // of the object
+  };
+  static const Point points[] = {
+      {"before taking", "lock"},
+      {"after giving back", "lock"},
+      {"before an interlocked operation on", "word"},
+      {"after an interlocked operation on", "word"},
+      {"before reading", "word"},
+      {"before writing", "word"},
+      {"after writing", "word"},
+      {"before exchanging the cancel routine of", "request"},
+      {"after exchanging the cancel routine of", "request"},
+      {"before waiting for", "event"},
+      {"before signalling", "event"},
+      {"after signalling", "event"},
+      {"before dropping a reference on", "object"},
+      {"after dropping a reference on", "object"},
+      {"before calling or making", "object"},
+      {"before completing", "request"},
+      {"before an allocation", ""},
+  };
+  static_assert(std::size(points) == SwitchReasons);
+  const Point &point = points[static_cast<size_t>(reason)];
   if (!object) {
-    return text;
+    return point.Text;
   }
-  bool lock = reason == SwitchReason::Lock || reason == SwitchReason::Unlock;
-  return text + ' ' + (lock ? LockName(object) : ObjectText(object, kinds[at]));
+  bool lock = reason == SwitchReason::Lock || reason == SwitchReason::Unlocked;
+  return std::string(point.Text) + ' ' + (lock ? LockName(object) : ObjectText(object, point.Kind));
 }
 
 void ReportPoint(SwitchReason Reason, const volatile void *Object) {
-  if (Reason == SwitchReason::Interlocked) {
+  switch (Reason) {
+  case SwitchReason::Interlock:
     Keep("interlocked operation on " + ObjectText(Object, "word"), Object, false, false);
-  } else if (Reason == SwitchReason::Cancel) {
-    Keep("cancel " + ObjectText(Object, "request"), Object, false, false);
+    break;
+  case SwitchReason::Read:
+    Keep("read " + ObjectText(Object, "word"), Object, true, false);
+    break;
+  case SwitchReason::Write:
+    Keep("write " + ObjectText(Object, "word"), Object, false, false);
+    break;
+  case SwitchReason::Exchange:
+    Keep("exchange of the cancel routine of " + ObjectText(Object, "request"), Object, false,
+         false);
+    break;
+  default:
+    break;
   }
 }
 
 void ReportPreempted(PKTHREAD From, PKTHREAD To, SwitchReason Reason, const volatile void *Object) {
-  const char *when = Reason == SwitchReason::Unlock ? " is preempted " : " is preempted before ";
-  Keep(std::string("\"") + From->Name + '"' + when + PointText(Reason, Object) + "; \"" + To->Name +
-           "\" goes on",
+  Keep(std::string("\"") + From->Name + "\" is preempted " + PointText(Reason, Object) + "; \"" +
+           To->Name + "\" goes on",
        nullptr, false, true);
 }
 

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
+#include "platform/model/causality.h"
 #include "platform/model/report.h"
 #include "platform/model/scheduler.h"
 #include "platform/model/verifier.h"
@@ -28,6 +30,10 @@ struct Schedule {
   unsigned Preempted;
   uint64_t State;   // of the random numbers
   uint64_t Points;  // switch points passed with preemption on
+  bool AllWanted;
+  bool MayCut;
+  bool IsCut;
+  int Last;
   uint64_t Changes[MostChanges];
   unsigned ChangeCount;
   uint32_t Print;
@@ -38,19 +44,23 @@ struct Schedule {
 
 bool PointsOn;
 bool PreemptionOn;
+uint32_t PointsLeftOut;
 static Schedule schedule;
 
 static void SetPreemption() {
-  PreemptionOn = schedule.Choosing && (schedule.Whole || schedule.WindowOpen);
+  PreemptionOn = schedule.Choosing && !schedule.IsCut && (schedule.Whole || schedule.WindowOpen);
 }
 
 static void Reset(bool choosing, bool whole) {
+  CausalBegin(choosing);
   schedule.Choosing = choosing;
   schedule.Whole = whole;
   schedule.From = Source::Given;
   schedule.Lenient = schedule.Bounded = schedule.WindowOpen = false;
   schedule.Bound = schedule.Preempted = schedule.ChangeCount = 0;
   schedule.Points = 0;
+  schedule.AllWanted = schedule.MayCut = schedule.IsCut = false;
+  schedule.Last = -1;
   schedule.Print = 0;
   schedule.GivenPrint = -1;
   schedule.Given.clear();
@@ -74,10 +84,10 @@ static void ReadChoices(const char *at) {
     if (c == '~') {
       schedule.Given.resize(schedule.Given.size() + TakeNumber(&at), Choice{});
     } else if (c == '(') {
-      schedule.Given.push_back({static_cast<uint16_t>(TakeNumber(&at)), 0, 0, false});
+      schedule.Given.push_back({static_cast<uint16_t>(TakeNumber(&at)), 0, 0, false, false});
     } else {
       int value = c >= 'a' ? c - 'a' + 10 : c - '0';
-      schedule.Given.push_back({static_cast<uint16_t>(value), 0, 0, false});
+      schedule.Given.push_back({static_cast<uint16_t>(value), 0, 0, false, false});
     }
   }
   if (*at == '/') {
@@ -175,8 +185,9 @@ void ScheduleBegin(const SchedulePolicy &Policy) {
   }
 }
 
-void ScheduleBeginBounded(unsigned Preemptions, const Choices &Given) {
+void ScheduleBeginBounded(unsigned Preemptions, const Choices &Given, bool Cut) {
   Reset(true, false);
+  schedule.MayCut = Cut;
   schedule.Bounded = true;
   schedule.Bound = Preemptions;
   schedule.Given = Given;
@@ -191,6 +202,7 @@ void ScheduleBeginLenient(const Choices &Given, bool Whole) {
 void ScheduleWindow(bool Open) {
   schedule.WindowOpen = Open;
   SetPreemption();
+  CausalWindow(Open);
   if (ReportOn) {
     ReportWindow(Open);
   }
@@ -264,8 +276,11 @@ static unsigned Choose(unsigned offered, bool preempts) {
     taken = SchedulerHighest(preempts);
     break;
   }
+  size_t at = schedule.Made.size();
+  bool wanted = schedule.AllWanted || (at < schedule.Given.size() && schedule.Given[at].Wanted);
   schedule.Made.push_back({static_cast<uint16_t>(taken), static_cast<uint16_t>(offered),
-                           static_cast<uint16_t>(schedule.Print >> 16), preempts});
+                           static_cast<uint16_t>(schedule.Print >> 16), preempts, wanted});
+  schedule.Last = static_cast<int>(at);
   return taken;
 }
 
@@ -280,6 +295,32 @@ static void ChangePriority() {
       CurrentThread->Priority = i;
     }
   }
+}
+
+void ScheduleWant(int Choice) {
+  if (Choice >= 0) {
+    schedule.Made[static_cast<size_t>(Choice)].Wanted = true;
+  }
+}
+
+void ScheduleWantAll() {
+  schedule.AllWanted = true;
+  for (Choice &choice : schedule.Made) {
+    choice.Wanted = true;
+  }
+}
+
+void ScheduleCut() {
+  // What was to be replayed goes on in any case.
+  if (schedule.MayCut && schedule.Made.size() >= schedule.Given.size()) {
+    schedule.IsCut = true;
+    SetPreemption();
+    CausalLeave();
+  }
+}
+
+int ScheduleTakeLast() {
+  return std::exchange(schedule.Last, -1);
 }
 
 unsigned ScheduleAtPoint(unsigned Others, SwitchReason Reason) {

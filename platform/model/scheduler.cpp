@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/model/causality.h"
 #include "platform/model/clock.h"
 #include "platform/model/dispatcher.h"
 #include "platform/model/executor.h"
@@ -132,6 +133,7 @@ static PKTHREAD ChooseNext() {
 
 static void SwitchTo(PKTHREAD self, PKTHREAD next) {
   next->State = ThreadState::Running;
+  CausalPoint(next, ScheduleTakeLast(), true);
   if (next != self) {
     if (ReportOn) {
       ReportBlocked(self, next);
@@ -185,6 +187,7 @@ void SchedulerBlock(PKTHREAD Self) {
   if (ThreadsInUse) {
     OsBlock(Self);
   } else {
+    CausalBlock(Self, Self->WantedLock != nullptr);
     SwitchTo(Self, ChooseNext());
   }
 }
@@ -200,6 +203,7 @@ void SchedulerWake(PKTHREAD Thread) {
 }
 
 void SchedulerAwaitLock(PKTHREAD Self, PKSPIN_LOCK Lock) {
+  CausalFoundTaken(Lock);
   Self->WantedLock = Lock;
   Self->State = ThreadState::Waiting;
   ++LockWaiters;
@@ -246,26 +250,52 @@ static void FairStep(PKTHREAD self, SwitchReason reason, const volatile void *ob
   }
 }
 
+// What is done to the object behind a point of this kind. Locks tell when they are had, and
+// references when it is known whether others are left.
+static void CausalReason(SwitchReason reason, const volatile void *object) {
+  switch (reason) {
+  case SwitchReason::Read:
+    CausalTouch(object, Access::Read);
+    break;
+  case SwitchReason::Interlock:
+  case SwitchReason::Write:
+  case SwitchReason::Exchange:
+  case SwitchReason::Wait:
+  case SwitchReason::Signal:
+  case SwitchReason::Call:
+  case SwitchReason::Complete:
+    CausalTouch(object, Access::Write);
+    break;
+  default:
+    break;
+  }
+}
+
 static void SwitchPointTaken(SwitchReason reason, const volatile void *object) {
   PKTHREAD self = CurrentThread;
-  if (!self) {
+  if (!self || (PointsLeftOut >> static_cast<unsigned>(reason) & 1)) {
     return;
   }
   if (++steps > mostSteps / 2) {
     FairStep(self, reason, object);
     return;
   }
-  if (unsigned place = PreemptionOn ? ScheduleAtPoint(readyCount, reason) : 0) {
+  unsigned place = PreemptionOn ? ScheduleAtPoint(readyCount, reason) : 0;
+  if (place > 0) {
     PKTHREAD next = TakeReady(place - 1);
     MakeReady(self);
     if (ReportOn) {
       ReportPreempted(self, next, reason, object);
     }
+    CausalPreempt(self);
     SwitchTo(self, next);
+  } else {
+    CausalPoint(self, ScheduleTakeLast(), false);
   }
   if (ReportOn) {
     ReportPoint(reason, object);
   }
+  CausalReason(reason, object);
 }
 
 void SwitchPoint(SwitchReason Reason, const volatile void *Object) {
@@ -315,6 +345,7 @@ static PKTHREAD ThreadMake(const char *name, std::function<void()> body) {
 PKTHREAD ThreadCreate(const char *Name, std::function<void()> Body, size_t StackBytes) {
   PKTHREAD thread = ThreadMake(Name, std::move(Body));
   ObfReferenceObject(thread);
+  CausalFork(thread);
   Guard guard(DispatcherMutex);
   InsertTailList(&ThreadList, &thread->AllLink);
   ++live;
@@ -343,6 +374,7 @@ void ThreadLaunch(PKTHREAD Thread) {
 void ThreadEnd() {
   PKTHREAD self = CurrentThread;
   HistoryNote("end of the thread", nullptr);
+  CausalTouch(&self->Header, Access::Write);
   SyncRelease(&self->Header);
   SyncRelease(&SettleOrder);
   {
@@ -358,7 +390,7 @@ void ThreadEnd() {
   memcpy(&exit, &self->Runner->Exit, sizeof exit);
   // The object may go with its last reference; nothing below belongs to it.
   CurrentThread = nullptr;
-  ObfDereferenceObject(self);
+  ObjectRelease(self);
   if (!ThreadsInUse) {
     PKTHREAD next = ChooseNext();
     next->State = ThreadState::Running;
@@ -370,6 +402,7 @@ void ThreadEnd() {
     if (next->Irql >= DISPATCH_LEVEL) {
       PagedRaised();
     }
+    CausalPoint(next, ScheduleTakeLast(), true);
     FiberLeave(&context, &next->Context);
   }
   {
@@ -464,7 +497,7 @@ PKTHREAD ThreadStart(const char *Name, std::function<void()> Body) {
 
 void ThreadJoin(PKTHREAD Thread) {
   KeWaitForSingleObject(Thread, Executive, KernelMode, FALSE, nullptr);
-  ObfDereferenceObject(Thread);
+  ObjectRelease(Thread);
 }
 
 const char *ThreadName(PKTHREAD Thread) {
@@ -480,6 +513,7 @@ static void Settle(LIST_ENTRY *among) {
     InsertTailList(among, &self->QueueLink);
     SchedulerBlock(self);
   }
+  CausalJoinAll();
   SyncAcquire(&SettleOrder);
 }
 

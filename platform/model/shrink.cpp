@@ -10,24 +10,26 @@ struct Shrinking {
 };
 
 // What is shorter is compared in this order: preemptions, other choices, the way from the first of
-// them to the last, the way to the last.
-using Size = std::tuple<size_t, size_t, size_t, size_t>;
+// them to the last, the way to the last, the numbers of the threads chosen.
+using Size = std::tuple<size_t, size_t, size_t, size_t, size_t>;
 
 static Size SizeOf(const Choices &choices) {
   size_t preemptions = 0;
   size_t differing = 0;
   size_t first = 0;
   size_t last = 0;
+  size_t taken = 0;
   for (size_t i = 0; i < choices.size(); ++i) {
     if (choices[i].Taken == 0) {
       continue;
     }
     preemptions += choices[i].Preempts;
+    taken += choices[i].Taken;
     first = differing == 0 ? i : first;
     ++differing;
     last = i;
   }
-  return {preemptions, differing, last - first, last};
+  return {preemptions, differing, last - first, last, taken};
 }
 
 static std::vector<size_t> Differing(const Choices &choices) {

@@ -24,7 +24,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
   thread->Acting = ThreadSelf()->Acting;
   *ThreadHandle = ObjectOpenHandle(thread, nullptr);
   ThreadLaunch(thread);
-  ObfDereferenceObject(thread);
+  ObjectRelease(thread);
   // The new thread may run before its creator goes on.
   SwitchPoint(SwitchReason::Call, thread);
   return STATUS_SUCCESS;
@@ -56,6 +56,6 @@ NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER 
   // The handle may be closed by another thread meanwhile.
   ObfReferenceObject(thread);
   NTSTATUS status = KeWaitForSingleObject(thread, Executive, KernelMode, Alertable, Timeout);
-  ObfDereferenceObject(thread);
+  ObjectRelease(thread);
   return status;
 }

@@ -151,8 +151,24 @@ uint64_t DebuggerBreaks() {
   return __atomic_load_n(&debuggerBreaks, __ATOMIC_RELAXED);
 }
 
+void KiInterlockPoint(const volatile void *Target) {
+  SwitchPoint(SwitchReason::Interlock, Target);
+}
+
 void KiInterlockedPoint(const volatile void *Target) {
   SwitchPoint(SwitchReason::Interlocked, Target);
+}
+
+void KiReadPoint(const volatile void *Source) {
+  SwitchPoint(SwitchReason::Read, Source);
+}
+
+void KiWritePoint(const volatile void *Target) {
+  SwitchPoint(SwitchReason::Write, Target);
+}
+
+void KiWrittenPoint(const volatile void *Target) {
+  SwitchPoint(SwitchReason::Written, Target);
 }
 
 // --- rules that several services share ---------------------------------------------------------

@@ -60,6 +60,14 @@ extern "C" NTSTATUS IoCreateDeviceSecure(PDRIVER_OBJECT DriverObject, ULONG Devi
                                          PCUNICODE_STRING DefaultSDDLString,
                                          LPCGUID DeviceClassGuid, PDEVICE_OBJECT *DeviceObject);
 
+// Where the host's scheduler may let another thread run.
+FORCEINLINE void KiReadPoint(const volatile void *) {
+}
+FORCEINLINE void KiWritePoint(const volatile void *) {
+}
+FORCEINLINE void KiWrittenPoint(const volatile void *) {
+}
+
 // A breakpoint in the driver itself, not in a service that it calls.
 #define DbgBreakPoint() __debugbreak()
 

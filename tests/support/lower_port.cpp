@@ -4,9 +4,18 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/model/causality.h"
 #include "platform/model/irql.h"
 
 static LowerPort *Next;
+
+// The order in which things reach a port matters, so the schedules are told of it.
+struct PortGuard {
+  PortGuard(LowerPort *Port, Access How) : Held(Port->Mutex) {
+    CausalTouch(&Port->Mutex, How);
+  }
+  std::lock_guard<std::mutex> Held;
+};
 
 struct LowerExtension {
   LowerPort *Port;
@@ -58,7 +67,7 @@ static bool Record(LowerPort *Port, PIRP Irp) {
   if (seen.Major == IRP_MJ_DEVICE_CONTROL) {
     seen.ControlCode = stack->Parameters.DeviceIoControl.IoControlCode;
   }
-  std::lock_guard<std::mutex> guard(Port->Mutex);
+  PortGuard guard(Port, Access::Write);
   Port->Seen.push_back(std::move(seen));
   return true;
 }
@@ -125,7 +134,7 @@ static NTSTATUS Hold(LowerPort *Port, PIRP Irp, bool Cancellable) {
 }
 
 static std::string TakeInput(LowerPort *Port, ULONG Length) {
-  std::lock_guard<std::mutex> guard(Port->Mutex);
+  PortGuard guard(Port, Access::Write);
   std::string bytes = Port->Input.substr(0, Length);
   Port->Input.erase(0, bytes.size());
   return bytes;
@@ -373,7 +382,7 @@ NTSTATUS LowerEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
 }
 
 size_t LowerCount(LowerPort *Port, UCHAR Major, int Minor) {
-  std::lock_guard<std::mutex> guard(Port->Mutex);
+  PortGuard guard(Port, Access::Read);
   return static_cast<size_t>(
       std::count_if(Port->Seen.begin(), Port->Seen.end(), [=](const LowerSeen &Seen) {
         return Seen.Major == Major && (Minor < 0 || Seen.Minor == Minor);
@@ -381,7 +390,7 @@ size_t LowerCount(LowerPort *Port, UCHAR Major, int Minor) {
 }
 
 LowerSeen LowerLast(LowerPort *Port, UCHAR Major) {
-  std::lock_guard<std::mutex> guard(Port->Mutex);
+  PortGuard guard(Port, Access::Read);
   for (size_t i = Port->Seen.size(); i-- > 0;) {
     if (Port->Seen[i].Major == Major) {
       return Port->Seen[i];
@@ -391,7 +400,7 @@ LowerSeen LowerLast(LowerPort *Port, UCHAR Major) {
 }
 
 std::string LowerWritten(LowerPort *Port) {
-  std::lock_guard<std::mutex> guard(Port->Mutex);
+  PortGuard guard(Port, Access::Read);
   std::string bytes;
   for (const LowerSeen &seen : Port->Seen) {
     if (seen.Major == IRP_MJ_WRITE) {
@@ -430,13 +439,13 @@ bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status, const std::strin
 }
 
 static bool HasInput(LowerPort *Port) {
-  std::lock_guard<std::mutex> guard(Port->Mutex);
+  PortGuard guard(Port, Access::Read);
   return !Port->Input.empty();
 }
 
 void LowerFeed(LowerPort *Port, const std::string &Bytes) {
   {
-    std::lock_guard<std::mutex> guard(Port->Mutex);
+    PortGuard guard(Port, Access::Write);
     Port->Input += Bytes;
   }
   while (HasInput(Port)) {

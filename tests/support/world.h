@@ -79,7 +79,8 @@ std::set<std::string> OutcomesOf(const ExploreResult &Result);
 std::string StatusName(NTSTATUS Status);
 void ExploreSaw(NTSTATUS Status);
 
-// Runs two parties against each other inside the window.
+// Runs parties against each other inside the window.
+void Against(const std::vector<std::function<void()>> &Parties);
 void Against(const std::function<void()> &One, const std::function<void()> &Other);
 // A removal, after a surprise removal or without, whatever handles are open, against another party.
 void RemoveAgainst(World *World, const std::function<void()> &Other, bool Surprise = false);
