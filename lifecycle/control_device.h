@@ -7,7 +7,7 @@
 struct PortExtension;
 
 // Makes the device, its link and its identifiers, and enters them in the port. An identifier that
-// gets no memory stays empty. PASSIVE_LEVEL.
+// gets no memory stays empty, and a question for it fails. PASSIVE_LEVEL.
 NTSTATUS CreateControlDevice(PortExtension *Port);
 
 // Deletes the link, if this port made it, and takes both names out of use. Their texts stay until

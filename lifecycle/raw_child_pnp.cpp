@@ -72,14 +72,10 @@ static NTSTATUS QueryCapabilities(PDEVICE_OBJECT Device, PIRP Irp) {
   return STATUS_SUCCESS;
 }
 
-// Success with no string says that there is none; so does an identifier that got no memory when the
-// device was made.
+// One that got no memory when the device was made has no answer.
 static NTSTATUS AnswerStrings(PIRP Irp, PCUNICODE_STRING Strings) {
-  if (Strings->Buffer == nullptr) {
-    Irp->IoStatus.Information = 0;
-    return STATUS_SUCCESS;
-  }
-  PVOID copy = AllocateAnswer(Strings->Length + sizeof(WCHAR));
+  PVOID copy =
+      Strings->Buffer != nullptr ? AllocateAnswer(Strings->Length + sizeof(WCHAR)) : nullptr;
   if (copy != nullptr) {
     RtlCopyMemory(copy, Strings->Buffer, Strings->Length);
   }
@@ -94,7 +90,8 @@ static NTSTATUS QueryId(PDEVICE_OBJECT Device, PIRP Irp) {
   case BusQueryHardwareIDs:
     return AnswerStrings(Irp, &control->HardwareIds);
   case BusQueryCompatibleIDs:
-    return AnswerStrings(Irp, &control->CompatibleIds);
+    Irp->IoStatus.Information = 0;  // there are none, which success with no string says
+    return STATUS_SUCCESS;
   case BusQueryInstanceID: {
     PVOID copy = AllocateAnswer(sizeof(InstanceId));
     if (copy != nullptr) {
