@@ -74,11 +74,17 @@ void ReleaseRequest(PDEVICE_OBJECT Device, PIRP Irp) {
   ReleasePort(PortOf(Device));
 }
 
-// The reference goes first: the completion may end the handle that keeps the device.
+// A removal waits for the completion, so the reference goes after it. By then the handle that kept
+// the devices may be closed, on a port that was removed before; the filter device is kept here, for
+// the release to find its port.
 NTSTATUS CompleteRefused(PDEVICE_OBJECT Device, PIRP Irp) {
   NTSTATUS status = Irp->IoStatus.Status;
-  ReleaseRequest(Device, Irp);
+  PortExtension *port = PortOf(Device);
+  PDEVICE_OBJECT filter = port->Header.Device;
+  ObReferenceObject(filter);
   IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  ReleasePort(port);
+  ObDereferenceObject(filter);
   return status;
 }
 

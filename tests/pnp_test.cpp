@@ -284,6 +284,66 @@ TEST(Pnp, CancelledQueriesGiveThePortBack) {
   });
 }
 
+// --- Refusals -------------------------------------------------------------------------------
+
+enum class Refusal { Surprised, Queried, Gone };
+
+struct RefusalRow {
+  Refusal Why;
+  UCHAR Major;
+  bool OnControl;
+  NTSTATUS Status;
+};
+
+static const RefusalRow RefusalRows[] = {
+    {Refusal::Surprised, IRP_MJ_CREATE, false, STATUS_DELETE_PENDING},
+    {Refusal::Surprised, IRP_MJ_READ, false, STATUS_DELETE_PENDING},
+    {Refusal::Surprised, IRP_MJ_WRITE, true, STATUS_DELETE_PENDING},
+    {Refusal::Surprised, IRP_MJ_DEVICE_CONTROL, false, STATUS_DELETE_PENDING},
+    {Refusal::Surprised, IRP_MJ_FLUSH_BUFFERS, false, STATUS_DELETE_PENDING},
+    {Refusal::Queried, IRP_MJ_WRITE, false, STATUS_CANCELLED},
+    {Refusal::Queried, IRP_MJ_CLEANUP, true, STATUS_CANCELLED},
+    {Refusal::Queried, IRP_MJ_CLOSE, false, STATUS_CANCELLED},
+    {Refusal::Gone, IRP_MJ_CLEANUP, true, STATUS_SUCCESS},
+    {Refusal::Gone, IRP_MJ_CLOSE, true, STATUS_SUCCESS},
+    {Refusal::Gone, IRP_MJ_READ, true, STATUS_DELETE_PENDING},
+};
+
+// What a removal waits for includes a refused request until it is complete.
+TEST(Pnp, RefusedRequestsCountUntilTheyAreComplete) {
+  for (const RefusalRow &row : RefusalRows) {
+    SCOPED_TRACE(testing::Message() << static_cast<int>(row.Why) << " " << int{row.Major});
+    RunWorld([&](World *world) {
+      OpenZk(world);  // which keeps the port's record when the port has gone
+      PortExtension *port = WorldPort(world);
+      PDEVICE_OBJECT device = row.OnControl ? port->ControlDevice : port->Header.Device;
+      if (row.Why == Refusal::Surprised) {
+        PnpSurpriseRemove(world->Node);
+      } else if (row.Why == Refusal::Queried) {
+        PnpSend(port->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE);
+      } else if (world->Zk != nullptr) {
+        PnpRemove(world->Node, true);
+        world->Node = nullptr;
+      }
+      if (row.Why == Refusal::Gone && world->Zk == nullptr) {
+        return;
+      }
+      OwnPacket packet;
+      packet.Cancelled = row.Why == Refusal::Queried;
+      LONG counted = 0;
+      packet.AtDone = [&] { counted = port->RequestCount; };
+      EXPECT_EQ(OwnSend(device, row.Major, &packet), row.Status);
+      EXPECT_EQ(OwnWait(&packet), row.Status);
+      EXPECT_EQ(packet.Iosb.Information, 0u);
+      EXPECT_EQ(counted, 2);
+      EXPECT_EQ(port->RequestCount, 1);
+      if (row.Why == Refusal::Queried) {
+        PnpSend(port->Header.Device, IRP_MN_CANCEL_REMOVE_DEVICE);
+      }
+    });
+  }
+}
+
 // While a removal is queried, requests wait; they go on when it is cancelled, each on the device
 // where it arrived, and a later stop does not wait for them.
 TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {

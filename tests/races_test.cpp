@@ -492,3 +492,32 @@ TEST(Races, ZksCloseAgainstQueryAndRemoval) {
             });
   });
 }
+
+// The port has long been removed; ZK's handle is the last thing that keeps its record, and may be
+// closed as soon as the request that is refused is complete.
+TEST(Races, ALateRequestAgainstTheLastClose) {
+  ExploreWorld([](World *world) {
+    GoNormal(world, false);
+    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+    PnpRemove(world->Node, true);
+    world->Node = nullptr;
+    if (world->Zk == nullptr) {
+      return;
+    }
+    OwnPacket write;
+    KEVENT complete;
+    KeInitializeEvent(&complete, NotificationEvent, FALSE);
+    write.AtDone = [&] { KeSetEvent(&complete, IO_NO_INCREMENT, FALSE); };
+    Against(
+        [&] {
+          KeWaitForSingleObject(&complete, Executive, KernelMode, FALSE, nullptr);
+          CloseZk(world);
+        },
+        [&] {
+          OwnSend(control, IRP_MJ_WRITE, &write);
+          KeSetEvent(&complete, IO_NO_INCREMENT, FALSE);  // when there was no packet to send
+        });
+    EXPECT_EQ(OwnWait(&write), STATUS_DELETE_PENDING);
+    EXPECT_EQ(DeviceCount(world->Driver), 0u);
+  });
+}

@@ -353,6 +353,9 @@ NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Inpu
 static NTSTATUS OwnDone(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
   auto *packet = static_cast<OwnPacket *>(Context);
   packet->Iosb = Irp->IoStatus;
+  if (packet->AtDone) {
+    packet->AtDone();
+  }
   KeSetEvent(&packet->Done, IO_NO_INCREMENT, FALSE);
   return STATUS_MORE_PROCESSING_REQUIRED;
 }
@@ -370,6 +373,7 @@ NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet) {
   Packet->Irp->AssociatedIrp.SystemBuffer = Packet->Bytes.empty() ? nullptr : Packet->Bytes.data();
   PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(Packet->Irp);
   stack->MajorFunction = Major;
+  stack->FileObject = Packet->File;
   if (Major == IRP_MJ_DEVICE_CONTROL) {
     stack->Parameters.DeviceIoControl.IoControlCode = Packet->ControlCode;
   } else {

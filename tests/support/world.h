@@ -108,6 +108,8 @@ struct OwnPacket {
   bool Cancelled = false;
   std::string Bytes;
   ULONG ControlCode = 0;
+  PFILE_OBJECT File = nullptr;   // whose request it is, when it is one's
+  std::function<void()> AtDone;  // inside of the completion
   IO_STATUS_BLOCK Iosb = {};
   PIRP Irp = nullptr;
   KEVENT Done = {};
