@@ -27,8 +27,7 @@ static void MarkSide(PDEVICE_OBJECT Device, BOOLEAN Open) REQUIRES(SerializerRol
   ApplyStateFlags(port, Device, Open ? flags | side : flags & ~side);
 }
 
-static void MarkOpen(PDEVICE_OBJECT Device, PIRP Irp) {
-  HoldFilterDevice(Device, Irp);
+static void MarkOpen(PDEVICE_OBJECT Device) {
   WriteULongRelease(&HeaderOf(Device)->OpenState, OPEN_STATE_OPEN);
 }
 
@@ -46,8 +45,9 @@ static BOOLEAN DecideOpen(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerRo
   if (AddToOpenCount(PortOf(Device), 1) <= 1) {
     return FALSE;
   }
+  HoldFilterDevice(Device, Irp);
   MarkSide(Device, TRUE);
-  MarkOpen(Device, Irp);
+  MarkOpen(Device);
   Decide(Irp, STATUS_SUCCESS);
   return TRUE;
 }
@@ -98,7 +98,7 @@ static void Opened(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerRole) {
   SendZkMessage(Device, MESSAGE_SESSION,
                 IsZkSide(Device) ? L"ZK opened on %ws\n" : L"COM port opened on %ws\n",
                 PortLinkName(port));
-  MarkOpen(Device, Irp);
+  MarkOpen(Device);
   MarkSide(Device, TRUE);
 }
 
@@ -138,6 +138,10 @@ static NTSTATUS OpenCloseDone(PDEVICE_OBJECT Device, PIRP Irp, PVOID Context) {
   PDEVICE_OBJECT held = TakeFilterHold(Device, Irp);
   if (Irp->PendingReturned) {
     IoMarkIrpPending(Irp);
+  }
+  // An informational success leaves a handle, too, though it counts as a failure below.
+  if (open && NT_SUCCESS(Irp->IoStatus.Status)) {
+    HoldFilterDevice(Device, Irp);
   }
   // Success is exactly 0: a port that answers an open with anything else has not opened it.
   if (Irp->IoStatus.Status != STATUS_SUCCESS) {

@@ -82,19 +82,18 @@ NTSTATUS CompleteRefused(PDEVICE_OBJECT Device, PIRP Irp) {
   PortExtension *port = PortOf(Device);
   PDEVICE_OBJECT filter = port->Header.Device;
   ObReferenceObject(filter);
+  PDEVICE_OBJECT held = TakeFilterHold(Device, Irp);
   IofCompleteRequest(Irp, IO_NO_INCREMENT);
   ReleasePort(port);
+  DropFilterHold(held);
   ObDereferenceObject(filter);
   return status;
 }
 
 NTSTATUS CompleteOnGonePort(PDEVICE_OBJECT Device, PIRP Irp) {
-  PDEVICE_OBJECT held = TakeFilterHold(Device, Irp);
   Irp->IoStatus.Status = STATUS_SUCCESS;
   Irp->IoStatus.Information = 0;
-  CompleteRefused(Device, Irp);
-  DropFilterHold(held);
-  return STATUS_SUCCESS;
+  return CompleteRefused(Device, Irp);
 }
 
 void CompleteAdmitted(PDEVICE_OBJECT Device, PIRP Irp) {

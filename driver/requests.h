@@ -54,8 +54,9 @@ void PnpHeldRequestCancel(PDEVICE_OBJECT Device, PIRP Irp) RELEASE(CancelSpinLoc
 // A handle on the control or the auxiliary device itself keeps that device, and must keep the
 // filter device object too: its close may come when the port has long been removed. (A handle on
 // the device below the auxiliary one keeps neither; after the removal its close goes there.) Hold
-// is for the open that made the handle; Take gives the device to dereference, or null, to the close
-// that ends it; null for any other request.
+// is for every open that leaves a handle, which is one whose status is not negative. Take gives the
+// device to dereference, or null, to the close that ends the handle, however that close ends; null
+// for any other request.
 void HoldFilterDevice(PDEVICE_OBJECT Device, PIRP Irp);
 PDEVICE_OBJECT TakeFilterHold(PDEVICE_OBJECT Device, PIRP Irp);
 void DropFilterHold(PDEVICE_OBJECT Held);

@@ -344,6 +344,96 @@ TEST(Pnp, RefusedRequestsCountUntilTheyAreComplete) {
   }
 }
 
+// --- Handles that outlive the port ----------------------------------------------------------
+
+// How the close of ZK's handle ends. None may keep the filter device for good.
+enum class CloseEnd {
+  Granted,
+  GoesDown,
+  FailsBelow,
+  NoItem,
+  RefusedCancelled,
+  HeldCancelled,
+  HeldRemoved,
+  Gone
+};
+
+static void CloseInThisWay(World *World, CloseEnd End, FILE_OBJECT *File) {
+  PortExtension *port = WorldPort(World);
+  PDEVICE_OBJECT filter = port->Header.Device;
+  PDEVICE_OBJECT control = port->ControlDevice;
+  OwnPacket close;
+  close.File = File;
+  close.Cancelled = End == CloseEnd::RefusedCancelled;
+  if (close.Cancelled || End == CloseEnd::HeldCancelled || End == CloseEnd::HeldRemoved) {
+    PnpSend(filter, IRP_MN_QUERY_REMOVE_DEVICE);
+  }
+  if (End == CloseEnd::FailsBelow) {
+    World->Lower.Result[IRP_MJ_CLOSE] = STATUS_IO_DEVICE_ERROR;
+  } else if (End == CloseEnd::NoItem) {
+    FaultArm({FaultPool, FourCharacters("ZK0E"), 1, false});
+  } else if (End == CloseEnd::Gone) {
+    PnpRemove(World->Node, true);
+  }
+  OwnSend(control, IRP_MJ_CLOSE, &close);
+  if (End == CloseEnd::NoItem) {
+    EXPECT_TRUE(FaultDisarm());
+  } else if (End == CloseEnd::HeldCancelled) {
+    EXPECT_TRUE(IoCancelIrp(close.Irp));
+  } else if (End == CloseEnd::HeldRemoved) {
+    PnpRemove(World->Node, true);
+  }
+  OwnWait(&close);
+  if (End == CloseEnd::HeldRemoved || End == CloseEnd::Gone) {
+    World->Node = nullptr;
+  } else {
+    EXPECT_EQ(port->Control->Header.FilterHolds, 0);
+    PnpSend(filter, IRP_MN_CANCEL_REMOVE_DEVICE);
+  }
+}
+
+// A device that is kept is found when the run ends.
+TEST(Pnp, EveryEndOfACloseGivesUpTheFilterDevice) {
+  WorldOptions options;
+  options.FailsInTurn = false;
+  for (CloseEnd end : {CloseEnd::Granted, CloseEnd::GoesDown, CloseEnd::FailsBelow,
+                       CloseEnd::NoItem, CloseEnd::RefusedCancelled, CloseEnd::HeldCancelled,
+                       CloseEnd::HeldRemoved, CloseEnd::Gone}) {
+    SCOPED_TRACE(static_cast<int>(end));
+    RunWorld(
+        [=](World *world) {
+          if (end == CloseEnd::Granted) {
+            ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+          }
+          FILE_OBJECT file = {};
+          file.DeviceObject = WorldPort(world)->ControlDevice;
+          ObReferenceObject(file.DeviceObject);  // as a handle does
+          OwnPacket open;
+          open.File = &file;
+          ASSERT_EQ(OwnSend(file.DeviceObject, IRP_MJ_CREATE, &open), STATUS_SUCCESS);
+          ASSERT_EQ(OwnWait(&open), STATUS_SUCCESS);
+          EXPECT_EQ(WorldPort(world)->Control->Header.FilterHolds, 1);
+          CloseInThisWay(world, end, &file);
+          ObDereferenceObject(file.DeviceObject);
+        },
+        options);
+  }
+}
+
+// An open that the port answers with an informational success counts as failed, but whoever asked
+// for it has a handle, which may be closed after the port has gone.
+TEST(Pnp, AHandleOfAnInformationalSuccess) {
+  RunWorld([](World *world) {
+    world->Lower.Result[IRP_MJ_CREATE] = STATUS_OBJECT_NAME_EXISTS;
+    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
+    PnpRemove(world->Node, true);
+    world->Node = nullptr;
+    Io write;
+    EXPECT_EQ(StartWrite(world->Zk, &write, "late"), STATUS_DELETE_PENDING);
+  });
+}
+
 // While a removal is queried, requests wait; they go on when it is cancelled, each on the device
 // where it arrived, and a later stop does not wait for them.
 TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
