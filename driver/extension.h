@@ -123,6 +123,7 @@ struct PortExtension {
   PWSTR RetiredControlLinkName;
   BOOLEAN LinkMade;  // the control link was made by this port and is its to delete
   BOOLEAN Gone GUARDED_BY(AdmissionLock);  // the removal waits for the port to be idle, or has
+  PVOID PowerLowerDevice;  // interlocked; the device below, referenced for power requests
 };
 
 inline ExtensionHeader *HeaderOf(PDEVICE_OBJECT Device) {

@@ -6,6 +6,7 @@
 #include "lifecycle/control_device.h"
 #include "lifecycle/port_config.h"
 #include "lifecycle/port_interfaces.h"
+#include "lifecycle/power.h"
 
 static const WCHAR DriverPrefix[] = L"\\Driver\\";
 static const WCHAR ReflectorName[] = L"WUDFRd";
@@ -40,6 +41,21 @@ static BOOLEAN BelongsToReflector(PDEVICE_OBJECT Device) {
 static NTSTATUS RefusePort(PDRIVER_OBJECT DriverObject, ULONG EventCode) {
   ReportEvent(DriverObject, nullptr, 0, 0, EventCode, STATUS_INVALID_DEVICE_REQUEST, nullptr, 0);
   return STATUS_INVALID_DEVICE_REQUEST;
+}
+
+static void StandOn(PortExtension *Port, PDEVICE_OBJECT Lower) {
+  WritePointerRelease(reinterpret_cast<PVOID volatile *>(&Port->Header.LowerDevice), Lower);
+  PowerKeepsBelow(Port, Lower);
+}
+
+// Requests come in as soon as the device is attached, so it has the device below it before.
+static BOOLEAN Attach(PortExtension *Port, PDEVICE_OBJECT Top) {
+  StandOn(Port, Top);
+  PDEVICE_OBJECT lower = IoAttachDeviceToDeviceStack(Port->Header.Device, Port->PhysicalDevice);
+  if (lower != Top) {
+    StandOn(Port, lower);
+  }
+  return static_cast<BOOLEAN>(lower != nullptr);
 }
 
 static void InheritFlags(PDEVICE_OBJECT Device, PDEVICE_OBJECT Lower) {
@@ -100,8 +116,7 @@ NTSTATUS AddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDevice) {
   }
   auto *port = static_cast<PortExtension *>(filter->DeviceExtension);
   InitializePort(port, filter, PhysicalDevice);
-  port->Header.LowerDevice = IoAttachDeviceToDeviceStack(filter, PhysicalDevice);
-  if (port->Header.LowerDevice == nullptr) {
+  if (!Attach(port, top)) {
     IoDeleteDevice(filter);
     return STATUS_UNSUCCESSFUL;
   }
@@ -109,6 +124,7 @@ NTSTATUS AddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDevice) {
   status = SetUpPort(DriverObject, port);
   if (!NT_SUCCESS(status)) {
     IoDetachDevice(port->Header.LowerDevice);
+    PowerDetached(port);
     IoDeleteDevice(filter);
     return status;
   }

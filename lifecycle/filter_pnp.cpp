@@ -9,6 +9,7 @@
 #include "lifecycle/control_device.h"
 #include "lifecycle/port_config.h"
 #include "lifecycle/port_interfaces.h"
+#include "lifecycle/power.h"
 #include "pipes/pending_reads.h"
 
 static void StorePnpState(PortExtension *Port, ULONG State) {
@@ -200,6 +201,7 @@ static void TearDown(PDEVICE_OBJECT Device) {
   CallDownShutdown(&port->CallDown);
   FreeRetiredNames(port);
   IoDetachDevice(port->Header.LowerDevice);
+  PowerDetached(port);
   if (port->ControlDevice != nullptr) {
     DeleteControlDevice(port->ControlDevice);
   }

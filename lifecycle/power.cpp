@@ -2,8 +2,34 @@
 
 #include "driver/extension.h"
 
-// A count, and a reference that keeps the device object: a removal does not wait for power
-// requests. The second one of a power-up cannot be refused; its completion routine gives it back
+// A removal does not wait for power requests. Each one keeps the device object by a reference, and
+// their count, biased by 1 for the port, the device below: its reference, taken at the attach, goes
+// with the last one to go, be that the port or a request.
+
+void PowerKeepsBelow(PortExtension *Port, PDEVICE_OBJECT Lower) {
+  if (Lower != nullptr) {
+    ObReferenceObject(Lower);
+  }
+  PVOID before = InterlockedExchangePointer(&Port->PowerLowerDevice, Lower);
+  if (before != nullptr) {
+    ObDereferenceObject(before);
+  }
+}
+
+static void LeavePower(PortExtension *Port) {
+  if (InterlockedDecrement(&Port->PowerRequestCount) == 0) {
+    KeSetEvent(&Port->PowerEvent, IO_NO_INCREMENT, FALSE);
+    // More than once: requests that are refused from now on take the count up and down again.
+    PowerKeepsBelow(Port, nullptr);
+  }
+}
+
+void PowerDetached(PortExtension *Port) {
+  WriteUCharRelease(&Port->Header.Removed, TRUE);
+  LeavePower(Port);
+}
+
+// The second reference of a power-up cannot be refused; its completion routine gives it back
 // whatever happened meanwhile.
 static void HoldPower(PortExtension *Port) {
   InterlockedIncrement(&Port->PowerRequestCount);
@@ -12,19 +38,14 @@ static void HoldPower(PortExtension *Port) {
 
 static void ReleasePowerRef(PortExtension *Port) {
   PDEVICE_OBJECT device = Port->Header.Device;
-  if (InterlockedDecrement(&Port->PowerRequestCount) == 0) {
-    KeSetEvent(&Port->PowerEvent, IO_NO_INCREMENT, FALSE);
-  }
+  LeavePower(Port);
   ObDereferenceObject(device);
 }
 
+// Counted also when refused, until the caller releases it.
 static NTSTATUS AcquirePowerRef(PortExtension *Port) {
   HoldPower(Port);
-  if (ReadUCharAcquire(&Port->Header.Removed) == 0) {
-    return STATUS_SUCCESS;
-  }
-  ReleasePowerRef(Port);
-  return STATUS_DELETE_PENDING;
+  return ReadUCharAcquire(&Port->Header.Removed) == 0 ? STATUS_SUCCESS : STATUS_DELETE_PENDING;
 }
 
 static void ReportPowerState(ExtensionHeader *Header, POWER_STATE State) {
@@ -87,6 +108,7 @@ static NTSTATUS FilterPower(PortExtension *Port, PIRP Irp) {
     Irp->IoStatus.Status = status;
     PoStartNextPowerIrp(Irp);
     IofCompleteRequest(Irp, IO_NO_INCREMENT);
+    ReleasePowerRef(Port);
     return status;
   }
   BOOLEAN set = static_cast<BOOLEAN>(stack->MinorFunction == IRP_MN_SET_POWER);

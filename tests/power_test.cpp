@@ -306,9 +306,58 @@ TEST(PowerRaces, RemovalAgainstARise) {
     PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
     RemoveFilterAgainst(world, [&] { PowerBegin(world->Lower.Lower, &rise); });
     ExploreSaw(PowerWait(&rise));
-    EXPECT_EQ(port->PowerRequestCount, 1);
+    EXPECT_EQ(port->PowerRequestCount, 0);  // not even the port's own
   };
   EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), (std::set<std::string>{"success", "refused"}));
+}
+
+// Nothing waits for a request that is inside, so it finds the port below at any moment, though the
+// removal may be over there too. (The port answers at once: what is below it goes with it.)
+TEST(PowerRaces, RemovalAgainstARequestOnItsWayDown) {
+  for (DEVICE_POWER_STATE to : {PowerDeviceD3, PowerDeviceD0}) {
+    auto scenario = [=](World *world) {
+      ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+      PnpSetDevicePower(Filter(world), to == PowerDeviceD0 ? PowerDeviceD3 : PowerDeviceD0);
+      world->Lower.Result[IRP_MJ_POWER] = STATUS_DEVICE_NOT_CONNECTED;
+      PDEVICE_OBJECT filter = Filter(world);
+      RemoveAgainst(world, [&] {
+        ExploreSaw(SendFill(filter, IRP_MN_SET_POWER, DevicePowerState, to, nullptr,
+                            STATUS_NOT_SUPPORTED));
+      });
+      EXPECT_EQ(DeviceCount(world->PortDriver), 0u);
+    };
+    EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), (std::set<std::string>{"gone", "refused"}));
+  }
+}
+
+// The same under an attach that fails: another port has the control device's link. A filter device
+// is over the port's for a while, and then the port's goes, too.
+TEST(PowerRaces, AFailedAttachAgainstARequestOnItsWayDown) {
+  auto scenario = [](World *world) {
+    World second;
+    second.Driver = world->Driver;
+    second.PortDriver = world->PortDriver;
+    second.Lower.Name = "COM4";
+    second.Lower.Result[IRP_MJ_POWER] = STATUS_DEVICE_NOT_CONNECTED;
+    WorldOptions options;
+    options.Values["PortName"] = RegistryText("COM3");
+    Against([&] { EXPECT_NE(WorldAdd(&second, options), STATUS_SUCCESS); },
+            [&] {
+              PDEVICE_OBJECT port = world->PortDriver->DeviceObject;
+              while (port != nullptr && port != second.Lower.Device) {
+                port = port->NextDevice;
+              }
+              PDEVICE_OBJECT filter = port != nullptr ? port->AttachedDevice : nullptr;
+              if (filter == nullptr) {
+                return;
+              }
+              ObReferenceObject(filter);
+              ExploreSaw(SendFill(filter, IRP_MN_QUERY_POWER, SystemPowerState,
+                                  PowerSystemSleeping3, nullptr, STATUS_NOT_SUPPORTED));
+              ObDereferenceObject(filter);
+            });
+  };
+  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), (std::set<std::string>{"gone", "refused"}));
 }
 
 // --- Devices without power ------------------------------------------------------------------
