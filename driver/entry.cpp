@@ -6,6 +6,7 @@
 #include "driver/pool_tags.h"
 #include "driver/trace.h"
 #include "lifecycle/attach.h"
+#include "lifecycle/auxiliary_device.h"
 
 DriverVariables DriverWide;
 
@@ -64,6 +65,7 @@ static void ReadDriverParameters(PUNICODE_STRING ServiceKey) {
 
 static void DriverUnload(PDRIVER_OBJECT DriverObject) {
   UNREFERENCED_PARAMETER(DriverObject);
+  FreeRetiredAuxiliaryDevices();
   ReportEvent(DriverWide.DriverObject, nullptr, 0, 0, EVENT_DRIVER_UNLOADED, STATUS_SUCCESS,
               nullptr, 0);
   TraceFree();

@@ -9,6 +9,7 @@ struct DriverVariables {
   PCWSTR ModeNames[4];          // by port mode
   LONG ControlDevices;          // interlocked; numbers the devices' names, never reset
   LONG AuxiliaryDevices;
+  PDEVICE_OBJECT RetiredAuxiliaryDevices;  // interlocked; the last one that was detached
 };
 
 extern DriverVariables DriverWide;

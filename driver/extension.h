@@ -72,6 +72,7 @@ struct ControlExtension {
 struct AuxiliaryExtension {
   ExtensionHeader Header;
   PDEVICE_OBJECT FilterDevice;
+  PDEVICE_OBJECT NextRetired;  // the device that was detached before this one
 };
 static_assert(offsetof(ControlExtension, FilterDevice) ==
               offsetof(AuxiliaryExtension, FilterDevice));

@@ -157,7 +157,7 @@ NTSTATUS SetUpAuxiliaryDevice(PDEVICE_OBJECT FilterDevice) {
 // --- Deleting -------------------------------------------------------------------------------
 
 // The client's handles are on the device below, which the Plug and Play manager does not count, and
-// keep nothing of this one; so the port keeps it for the requests that are inside.
+// keep nothing of this one; so the driver keeps it.
 PDEVICE_OBJECT DeleteAuxiliaryDevice(PortExtension *Port) {
   KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->PortLock);
   PDEVICE_OBJECT device = Port->ClientSideDevice;
@@ -181,14 +181,33 @@ PDEVICE_OBJECT DeleteAuxiliaryDevice(PortExtension *Port) {
   return device;
 }
 
-void ReleaseAuxiliaryDevice(PDEVICE_OBJECT Device) {
+// Nobody tells whether a request is still on its way to the device: it may enter long after the
+// port has gone, and is refused by the port's gate. So the device stays, and the filter device
+// behind it.
+void RetireAuxiliaryDevice(PDEVICE_OBJECT Device) {
   if (Device == nullptr) {
     return;
   }
-  PDEVICE_OBJECT lower = HeaderOf(Device)->LowerDevice;
+  auto *auxiliary = static_cast<AuxiliaryExtension *>(Device->DeviceExtension);
+  PDEVICE_OBJECT lower = auxiliary->Header.LowerDevice;
   if (lower != nullptr) {
-    StoreLowerDevice(HeaderOf(Device), nullptr);
+    StoreLowerDevice(&auxiliary->Header, nullptr);
     ObDereferenceObject(lower);
   }
-  ObDereferenceObject(Device);
+  ObReferenceObject(auxiliary->FilterDevice);
+  // Other ports may go at the same time; the list is read by the unload only.
+  auxiliary->NextRetired = static_cast<PDEVICE_OBJECT>(InterlockedExchangePointer(
+      reinterpret_cast<PVOID volatile *>(&DriverWide.RetiredAuxiliaryDevices), Device));
+}
+
+void FreeRetiredAuxiliaryDevices() {
+  PDEVICE_OBJECT device = DriverWide.RetiredAuxiliaryDevices;
+  DriverWide.RetiredAuxiliaryDevices = nullptr;
+  while (device != nullptr) {
+    auto *auxiliary = static_cast<AuxiliaryExtension *>(device->DeviceExtension);
+    PDEVICE_OBJECT next = auxiliary->NextRetired;
+    ObDereferenceObject(auxiliary->FilterDevice);
+    ObDereferenceObject(device);
+    device = next;
+  }
 }

@@ -18,7 +18,9 @@ NTSTATUS SetUpAuxiliaryDevice(PDEVICE_OBJECT FilterDevice);
 NTSTATUS CreateAuxiliaryDevice(PortExtension *Port, PDEVICE_OBJECT *Device);
 
 // Detaches and deletes the auxiliary device; returns null if there is none. The requests inside go
-// on with it and the device below it: both objects stay until ReleaseAuxiliaryDevice, for when the
-// port is idle.
+// on with it and the device below it: both objects stay. When the port is idle, the device below is
+// let go of; the auxiliary device itself stays until the driver is unloaded, and refuses what still
+// arrives.
 PDEVICE_OBJECT DeleteAuxiliaryDevice(PortExtension *Port);
-void ReleaseAuxiliaryDevice(PDEVICE_OBJECT Device);
+void RetireAuxiliaryDevice(PDEVICE_OBJECT Device);
+void FreeRetiredAuxiliaryDevices();

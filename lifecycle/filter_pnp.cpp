@@ -228,7 +228,7 @@ static NTSTATUS Removal(PDEVICE_OBJECT Device, PIRP Irp) {
   MarkPortGone(port);
   ReleaseRequest(Device, Irp);
   WaitForIdle(Device);
-  ReleaseAuxiliaryDevice(auxiliary);
+  RetireAuxiliaryDevice(auxiliary);
   TearDown(Device);
   return status;
 }

@@ -467,9 +467,41 @@ TEST(Auxiliary, AnswersPlugAndPlayRequests) {
 
 // --- Races ----------------------------------------------------------------------------------
 
-// A request that the I/O manager has directed at the device but that has not entered the driver
-// when the device goes is beyond any driver: nothing that a client has open refers to the device.
-// So what races with a removal here is past the gate already, or comes in through ZK.
+// Nothing that a client has open refers to the device, so a request that was directed at it may
+// enter the driver long after it has gone, and the port with it.
+TEST(AuxiliaryRaces, RemovalAgainstWhatIsOnItsWay) {
+  for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLOSE, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_PNP,
+                      IRP_MJ_POWER}) {
+    SCOPED_TRACE(int{major});
+    auto scenario = [&](World *world) {
+      if (major != IRP_MJ_CREATE) {
+        ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);
+      }
+      PDEVICE_OBJECT device = Auxiliary(world);
+      RemoveAgainst(world, [&] {
+        Io io;
+        if (major == IRP_MJ_CREATE) {
+          ExploreSaw(OpenClient(world));
+        } else if (major == IRP_MJ_CLOSE) {
+          CloseClient(world);
+        } else if (major == IRP_MJ_PNP) {
+          SendPacket(device, major, IRP_MN_QUERY_STOP_DEVICE, nullptr);
+        } else if (major == IRP_MJ_POWER) {
+          SendPacket(device, major, IRP_MN_QUERY_POWER, nullptr);
+        } else {
+          major == IRP_MJ_WRITE ? StartWrite(world->Client, &io, "x")
+                                : StartFlush(world->Client, &io);
+          ExploreSaw(FileWait(&io));
+        }
+      });
+      EXPECT_EQ(DeviceCount(world->Driver), 0u);
+    };
+    std::set<std::string> seen = OutcomesOf(ExploreWorld(scenario, 2, Detected));
+    if (major == IRP_MJ_WRITE || major == IRP_MJ_FLUSH_BUFFERS) {
+      EXPECT_EQ(seen, (std::set<std::string>{"success", "refused"}));
+    }
+  }
+}
 
 // Requests in flight below, coming back. A removal that does not wait for them leaves them nothing
 // to come back to.
