@@ -28,6 +28,7 @@ enum : ULONG {
   ADMISSION_REMOVED = 0x1,
   ADMISSION_REMOVE_QUERIED = 0x2,
   ADMISSION_SURPRISE_REMOVED = 0x8,
+  ADMISSION_RESTARTING = 0x10,  // parked requests go on; new ones wait behind them
   ADMISSION_GOING = ADMISSION_REMOVED | ADMISSION_SURPRISE_REMOVED,
 };
 
@@ -59,6 +60,7 @@ struct ExtensionHeader {
   ULONG PnpState;                                         // atomic; PNP_...
   PDEVICE_OBJECT LowerDevice;  // filter, auxiliary (there atomic): the device attached over
   LONG FilterHolds;  // control, auxiliary: interlocked; handles that keep the filter device
+  UCHAR CleanedUp;   // atomic; the handle's cleanup has begun to end the reads that wait
 };
 
 struct ControlExtension {
@@ -111,7 +113,7 @@ struct PortExtension {
   LONG RequestCount;  // interlocked, biased by 1
   KEVENT IdleEvent;
   ULONG AdmissionFlags;  // atomic; written under AdmissionLock
-  KSPIN_LOCK AdmissionLock;
+  KSPIN_LOCK AdmissionLock ACQUIRED_BEFORE(CancelSpinLock);
   LIST_ENTRY PnpHoldList GUARDED_BY(CancelSpinLock);
   ULONG ProxyState;  // atomic; PROXY_..., written as a serializer item
   ULONG StateFlags;  // atomic; PSF_..., likewise
@@ -124,6 +126,7 @@ struct PortExtension {
   PWSTR RetiredControlLinkName;
   BOOLEAN LinkMade;  // the control link was made by this port and is its to delete
   BOOLEAN Gone GUARDED_BY(AdmissionLock);  // the removal waits for the port to be idle, or has
+  PIRP RestartedRequest GUARDED_BY(AdmissionLock);  // goes on now, and is not to wait again
   PVOID PowerLowerDevice;  // interlocked; the device below, referenced for power requests
 };
 
@@ -142,6 +145,10 @@ inline PortExtension *PortOf(PDEVICE_OBJECT Device) {
 
 inline BOOLEAN IsZkSide(PDEVICE_OBJECT Device) {
   return static_cast<BOOLEAN>(HeaderOf(Device)->Kind == KIND_CONTROL);
+}
+
+inline BOOLEAN IsCleanedUp(PDEVICE_OBJECT Device) {
+  return static_cast<BOOLEAN>(ReadUCharAcquire(&HeaderOf(Device)->CleanedUp) != 0);
 }
 
 // Where a request that goes down from Device goes to.

@@ -8,6 +8,8 @@ static NTSTATUS Refuse(PIRP Irp, NTSTATUS Status) {
   return Status;
 }
 
+constexpr ULONG ADMISSION_PARKS = ADMISSION_REMOVE_QUERIED | ADMISSION_RESTARTING;
+
 // The flags were read under the admission lock, which is dropped by now: a sweep of the hold list
 // may have come in between, and what it missed would wait for ever. Flags are written before the
 // sweep, so reading them again under the lock that the sweep takes settles it.
@@ -19,7 +21,7 @@ static NTSTATUS Park(PortExtension *Port, PIRP Irp) {
     IoReleaseCancelSpinLock(irql);
     return Refuse(Irp, STATUS_DELETE_PENDING);
   }
-  if ((flags & ADMISSION_REMOVE_QUERIED) == 0) {
+  if ((flags & ADMISSION_PARKS) == 0) {
     IoReleaseCancelSpinLock(irql);
     return STATUS_SUCCESS;
   }
@@ -38,19 +40,34 @@ static NTSTATUS Park(PortExtension *Port, PIRP Irp) {
   return STATUS_PENDING;
 }
 
+// While parked requests go on, those that go on and what ends a handle pass; the rest waits behind.
+static BOOLEAN PassesRestart(PortExtension *Port, PIRP Irp, BOOLEAN Closing)
+    REQUIRES(Port->AdmissionLock) {
+  if (Port->RestartedRequest == Irp) {
+    // Only once: behind its completion another request may have the address.
+    Port->RestartedRequest = nullptr;
+    return TRUE;
+  }
+  return Closing;
+}
+
 NTSTATUS AcquireRequest(PDEVICE_OBJECT Device, PIRP Irp) {
   PortExtension *port = PortOf(Device);
   UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
+  BOOLEAN closing = static_cast<BOOLEAN>(major == IRP_MJ_CLOSE || major == IRP_MJ_CLEANUP);
   InterlockedIncrement(&port->RequestCount);
   KIRQL irql = KeAcquireSpinLockRaiseToDpc(&port->AdmissionLock);
   ULONG flags = ReadULongAcquire(&port->AdmissionFlags);
+  if ((flags & ADMISSION_RESTARTING) != 0 && PassesRestart(port, Irp, closing)) {
+    flags &= ~static_cast<ULONG>(ADMISSION_RESTARTING);
+  }
   BOOLEAN gone = port->Gone;
   KeReleaseSpinLock(&port->AdmissionLock, irql);
 
-  if (major == IRP_MJ_PNP || (flags & (ADMISSION_GOING | ADMISSION_REMOVE_QUERIED)) == 0) {
+  if (major == IRP_MJ_PNP || (flags & (ADMISSION_GOING | ADMISSION_PARKS)) == 0) {
     return STATUS_SUCCESS;
   }
-  if (gone && (major == IRP_MJ_CLOSE || major == IRP_MJ_CLEANUP)) {
+  if (gone && closing) {
     return STATUS_DEVICE_REMOVED;
   }
   if ((flags & ADMISSION_GOING) != 0) {
@@ -63,10 +80,15 @@ void HoldPort(PortExtension *Port) {
   InterlockedIncrement(&Port->RequestCount);
 }
 
+// The count falls to 0 and the event is set as one step under the lock: else a removal that another
+// one's signal woke could free the port in between. The unlock is the last touch, and the removal
+// waits for it.
 void ReleasePort(PortExtension *Port) {
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->AdmissionLock);
   if (InterlockedDecrement(&Port->RequestCount) == 0) {
     KeSetEvent(&Port->IdleEvent, IO_NO_INCREMENT, FALSE);
   }
+  KeReleaseSpinLock(&Port->AdmissionLock, irql);
 }
 
 void ReleaseRequest(PDEVICE_OBJECT Device, PIRP Irp) {
@@ -118,7 +140,10 @@ void WaitForIdle(PDEVICE_OBJECT Device) {
   if (InterlockedDecrement(&port->RequestCount) != 0) {
     KeWaitForSingleObject(&port->IdleEvent, Executive, KernelMode, FALSE, nullptr);
   }
+  // Whoever brought the count to 0 may still have the lock.
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&port->AdmissionLock);
   InterlockedIncrement(&port->RequestCount);
+  KeReleaseSpinLock(&port->AdmissionLock, irql);
 }
 
 void ChangeAdmission(PortExtension *Port, ULONG Set, ULONG Clear) {
@@ -156,26 +181,47 @@ void CompletePnpHeldRequests(PDEVICE_OBJECT Device, NTSTATUS Status) {
   }
 }
 
+static void GoOn(PortExtension *Port, PIRP Irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  PDEVICE_OBJECT arrivedAt = stack->DeviceObject;
+  Irp->IoStatus.Status =
+      static_cast<NTSTATUS>(reinterpret_cast<LONG_PTR>(Irp->Tail.Overlay.DriverContext[0]));
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->AdmissionLock);
+  Port->RestartedRequest = Irp;
+  KeReleaseSpinLock(&Port->AdmissionLock, irql);
+  // The dispatch routine counts the request itself; the reference it was parked with ends here.
+  arrivedAt->DriverObject->MajorFunction[stack->MajorFunction](arrivedAt, Irp);
+  ReleasePort(Port);
+}
+
+// Moves what is parked; when there is nothing, new requests pass again from here on.
+static void MoveHeldRequests(PortExtension *Port, PLIST_ENTRY Held) {
+  KIRQL cancelIrql;
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->AdmissionLock);
+  IoAcquireCancelSpinLock(&cancelIrql);
+  if (IsListEmpty(&Port->PnpHoldList)) {
+    WriteULongRelease(&Port->AdmissionFlags, ReadULongAcquire(&Port->AdmissionFlags) &
+                                                 ~static_cast<ULONG>(ADMISSION_RESTARTING));
+  }
+  while (!IsListEmpty(&Port->PnpHoldList)) {
+    InsertTailList(Held, RemoveHeadList(&Port->PnpHoldList));
+  }
+  IoReleaseCancelSpinLock(cancelIrql);
+  KeReleaseSpinLock(&Port->AdmissionLock, irql);
+}
+
 void RestartPnpHeldRequests(PDEVICE_OBJECT Device) {
   PortExtension *port = PortOf(Device);
-  // The list is moved once: a request that is parked again on its way waits for the next restart.
   LIST_ENTRY held;
   InitializeListHead(&held);
-  KIRQL irql;
-  IoAcquireCancelSpinLock(&irql);
-  while (!IsListEmpty(&port->PnpHoldList)) {
-    InsertTailList(&held, RemoveHeadList(&port->PnpHoldList));
-  }
-  IoReleaseCancelSpinLock(irql);
-  while (PIRP irp = TakeHeldRequest(&held)) {
-    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
-    PDEVICE_OBJECT arrivedAt = stack->DeviceObject;
-    irp->IoStatus.Status =
-        static_cast<NTSTATUS>(reinterpret_cast<LONG_PTR>(irp->Tail.Overlay.DriverContext[0]));
-    // The dispatch routine counts the request itself; the reference it was parked with ends here.
-    arrivedAt->DriverObject->MajorFunction[stack->MajorFunction](arrivedAt, irp);
-    ReleaseRequest(Device, irp);
-  }
+  do {
+    // The list is moved: a request that is parked again on its way, by a query that stands, waits
+    // for the next restart.
+    MoveHeldRequests(port, &held);
+    while (PIRP irp = TakeHeldRequest(&held)) {
+      GoOn(port, irp);
+    }
+  } while ((ReadULongAcquire(&port->AdmissionFlags) & ADMISSION_RESTARTING) != 0);
 }
 
 void PnpHeldRequestCancel(PDEVICE_OBJECT Device, PIRP Irp) {

@@ -44,7 +44,8 @@ void ChangeAdmission(PortExtension *Port, ULONG Set, ULONG Clear);
 void MarkPortGone(PortExtension *Port);
 
 // Requests parked by the gate, in the order of their arrival: completed, or dispatched again each
-// on the device where it arrived.
+// on the device where it arrived. With ADMISSION_RESTARTING the restart goes on until none is left,
+// and ends it. PASSIVE_LEVEL, one caller at a time.
 void CompletePnpHeldRequests(PDEVICE_OBJECT Device, NTSTATUS Status);
 void RestartPnpHeldRequests(PDEVICE_OBJECT Device);
 

@@ -81,7 +81,8 @@ static NTSTATUS QueryRemove(PDEVICE_OBJECT Device, PIRP Irp) {
 // The requests that the query parked go on, or they would hold up a later stop for ever.
 static NTSTATUS CancelRemove(PDEVICE_OBJECT Device, PIRP Irp) {
   PortExtension *port = PortOf(Device);
-  ChangeAdmission(port, 0, ADMISSION_REMOVE_QUERIED);
+  // Requests that come while the parked ones go on do not overtake them.
+  ChangeAdmission(port, ADMISSION_RESTARTING, ADMISSION_REMOVE_QUERIED);
   NTSTATUS status = SucceedDownUncounted(port, Irp);
   RestartPnpHeldRequests(Device);
   ReleaseRequest(Device, Irp);

@@ -63,6 +63,7 @@ static void NameForReports(PortExtension *Port) {
 
 static void DeclareLockOrder(PortExtension *Port) {
   VerifierDeclareOrder(&Port->ClientLock, CancelLock());
+  VerifierDeclareOrder(&Port->AdmissionLock, CancelLock());
   VerifierDeclareOrder(&Port->ClientPipe.Lock, CancelLock());
   VerifierDeclareOrder(&Port->ZkPipe.Lock, CancelLock());
   VerifierDeclareOrder(&Port->Engine.Lock, &Port->PortLock);
@@ -176,10 +177,11 @@ static ExploreOptions AskedFor(unsigned Preemptions) {
   return options;
 }
 
-ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions,
-                           const WorldOptions &Options) {
+// Plays the scenario as it is explored; Turns: with its calls failing, too.
+static ExploreResult ExploreBy(const ExploreOptions &Explore, bool Turns,
+                               const std::function<void(World *)> &Scenario,
+                               const WorldOptions &Options) {
   const char *replay = getenv("VORLIX_REPLAY");
-  ExploreOptions asked = AskedFor(Preemptions);
   ExploreResult result;
   if (getenv("VORLIX_FAIL") != nullptr) {
     ExpectNoFailureInTurn(Scenario, 0, Options);
@@ -195,7 +197,7 @@ ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigne
       StopAtFailure(failures, before);
     };
     if (replay == nullptr) {
-      result = ModelExplore(asked, body);
+      result = ModelExplore(Explore, body);
     } else {
       result.Failure = ModelRun(ReplayOptions(replay), body);
       result.Exhausted = true;
@@ -207,9 +209,24 @@ ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigne
   }
   EXPECT_FALSE(result.Failure.Stopped) << result.Failure.Text;
   EXPECT_TRUE(result.Exhausted || result.Failure.Stopped) << "gave up after " << result.Runs;
-  if (!getenv("NOTURNS"))
-    ExpectNoFailureInTurn(Scenario, asked.Preemptions > 1 ? 1 : 0, Options);
+  if (Turns) {
+    ExpectNoFailureInTurn(Scenario, Explore.Preemptions > 1 ? 1 : 0, Options);
+  }
   return result;
+}
+
+ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions,
+                           const WorldOptions &Options) {
+  return ExploreBy(AskedFor(Preemptions), true, Scenario, Options);
+}
+
+ExploreResult ExploreWorldByChance(const char *How, const std::function<void(World *)> &Scenario,
+                                   const WorldOptions &Options) {
+  ExploreOptions explore = AskedFor(0);
+  if (getenv("VORLIX_EXPLORE") == nullptr) {
+    EXPECT_TRUE(ExploreRead(How, &explore)) << How;
+  }
+  return ExploreBy(explore, false, Scenario, Options);
 }
 
 std::set<std::string> OutcomesOf(const ExploreResult &Result) {
