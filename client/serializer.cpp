@@ -84,33 +84,43 @@ NTSTATUS SubmitSerialized(PDEVICE_OBJECT Device, PIRP Irp, SerializerStart Start
   return SubmitSerializerItem(&PortOf(Device)->Serializer, item);
 }
 
-NTSTATUS FinishSerializerItem(RequestSerializer *Serializer, KIRQL Irql) {
-  SerializerItem *finished = Serializer->Current;
+// The next item becomes the current one. A start on some stack, perhaps this one, looks for what
+// was left to it when it returns; without one the item is returned, to be started here.
+static SerializerItem *TakeNext(RequestSerializer *Serializer) {
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Serializer->Lock);
   SerializerItem *next = nullptr;
   if (!IsListEmpty(&Serializer->Items)) {
     next = CONTAINING_RECORD(RemoveHeadList(&Serializer->Items), SerializerItem, Link);
   }
   Serializer->Current = next;
-  // A start on some stack, perhaps this one, looks for what was left to it when it returns.
-  BOOLEAN runHere = static_cast<BOOLEAN>(next != nullptr && Serializer->StartsOnStack == 0);
-  if (runHere) {
-    ++Serializer->StartsOnStack;
-  } else if (next != nullptr) {
+  if (next != nullptr && Serializer->StartsOnStack > 0) {
     Serializer->LeftToStart = next;
+    next = nullptr;
+  } else if (next != nullptr) {
+    ++Serializer->StartsOnStack;
   }
-  KeReleaseSpinLock(&Serializer->Lock, Irql);
-  if (runHere) {
-    HoldPort(PortOf(Serializer->Owner));
-  }
+  KeReleaseSpinLock(&Serializer->Lock, irql);
+  return next;
+}
 
-  SerializerFinish finish = finished->Finish;
-  PDEVICE_OBJECT device = finished->FinishDevice;
-  PIRP request = finished->FinishRequest;
-  if (finish != nullptr) {
-    finish(device, request);
+// The item stays the current one until its finish routine has run: what comes meanwhile waits, so
+// that no stack can complete a request before the one that was executed before it.
+NTSTATUS FinishSerializerItem(RequestSerializer *Serializer, KIRQL Irql) {
+  SerializerItem *finished = Serializer->Current;
+  KeReleaseSpinLock(&Serializer->Lock, Irql);
+  // The finish routine may drop the last reference of the item's request.
+  PortExtension *port = PortOf(Serializer->Owner);
+  HoldPort(port);
+  if (finished->Finish != nullptr) {
+    finished->Finish(finished->FinishDevice, finished->FinishRequest);
   }
   ExFreePoolWithTag(finished, POOL_SERIALIZER_ITEM);
-  return runHere ? RunStarts(Serializer, next) : STATUS_SUCCESS;
+  SerializerItem *next = TakeNext(Serializer);
+  if (next != nullptr) {
+    return RunStarts(Serializer, next);
+  }
+  ReleasePort(port);
+  return STATUS_SUCCESS;
 }
 
 void RecordSerializerFinish(RequestSerializer *Serializer, SerializerItem *Item,
