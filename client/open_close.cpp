@@ -28,6 +28,7 @@ static void MarkSide(PDEVICE_OBJECT Device, BOOLEAN Open) REQUIRES(SerializerRol
 }
 
 static void MarkOpen(PDEVICE_OBJECT Device) {
+  WriteUCharRelease(&HeaderOf(Device)->CleanedUp, FALSE);
   WriteULongRelease(&HeaderOf(Device)->OpenState, OPEN_STATE_OPEN);
 }
 
@@ -46,8 +47,10 @@ static BOOLEAN DecideOpen(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerRo
     return FALSE;
   }
   HoldFilterDevice(Device, Irp);
-  MarkSide(Device, TRUE);
+  // In this order: a read of ZK's between the two would find a client that has the port open, and
+  // not, the other way round, read a block that the client never gets.
   MarkOpen(Device);
+  MarkSide(Device, TRUE);
   Decide(Irp, STATUS_SUCCESS);
   return TRUE;
 }
@@ -243,6 +246,8 @@ NTSTATUS DispatchCleanup(PDEVICE_OBJECT Device, PIRP Irp) {
     return status;
   }
   PortExtension *port = PortOf(Device);
+  // Before the flush: a read that comes behind it looks at this once it waits.
+  WriteUCharRelease(&HeaderOf(Device)->CleanedUp, TRUE);
   CancelPassThrough(Device);
   ProxyReadDiscard(&port->Engine, IsZkSide(Device) ? PROXY_ZK_CLASS : PROXY_CLIENT_CLASS);
   PipeFlush(PipeOfSide(Device), STATUS_CANCELLED);

@@ -25,14 +25,17 @@ static NTSTATUS SendCounted(PDEVICE_OBJECT Device, PIRP Irp) {
   return IofCallDriver(LowerDeviceOf(Device), Irp);
 }
 
-// A read that passed the gate may have been queued after the sweep that was to end it: a removal's
-// flush, or the hand-down when ZK closed. Whoever sweeps sets its flag first and then takes the
-// pipe's lock; here the read was queued under that lock first, so one side sees the other.
-static void SweepLateRead(PortExtension *Port) {
-  if (PortIsGoing(Port)) {
-    PipeFlush(&Port->ClientPipe, STATUS_CANCELLED);
-  } else if (PortMode(Port) == MODE_IDLE && (PortStateFlags(Port) & PSF_ZK_OPEN) == 0) {
-    PipeHandDownReads(&Port->ClientPipe);
+// A read that passed the gate may have been queued after the sweep that was to end it: the flush of
+// a removal or of its handle's cleanup, or the hand-down when ZK closed. Whoever sweeps sets its
+// flag first and then takes the pipe's lock; here the read was queued under that lock first, so one
+// side sees the other.
+static void SweepLateRead(PDEVICE_OBJECT Device) {
+  PortExtension *port = PortOf(Device);
+  if (PortIsGoing(port) || IsCleanedUp(Device)) {
+    ProxyReadDiscard(&port->Engine, PROXY_CLIENT_CLASS);
+    PipeFlush(&port->ClientPipe, STATUS_CANCELLED);
+  } else if (PortMode(port) == MODE_IDLE && (PortStateFlags(port) & PSF_ZK_OPEN) == 0) {
+    PipeHandDownReads(&port->ClientPipe);
   }
 }
 
@@ -52,7 +55,7 @@ static NTSTATUS ClientReadFromPipe(PDEVICE_OBJECT Device, PIRP Irp) {
   HoldPort(port);
   status = SubmitWaitingRead(Device, reader, PROXY_CLIENT_CLASS, POOL_PROXY_CLIENT_REQUEST);
   if (status == STATUS_PENDING) {
-    SweepLateRead(port);
+    SweepLateRead(Device);
   }
   ReleasePort(port);
   return status;

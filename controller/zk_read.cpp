@@ -24,9 +24,10 @@ NTSTATUS ZkRead(PDEVICE_OBJECT Device, PIRP Irp) {
   }
   HoldPort(port);
   status = SubmitWaitingRead(Device, reader, PROXY_ZK_CLASS, POOL_PROXY_ZK_REQUEST);
-  // A read queued after a removal's flush has nobody else to end it; the removal sets its flag
-  // before it flushes, and both go through the pipe's lock.
-  if (status == STATUS_PENDING && PortIsGoing(port)) {
+  // A read queued after the flush of a removal or of its handle's cleanup has nobody else to end
+  // it; both set their flag before they flush, and all go through the pipe's lock.
+  if (status == STATUS_PENDING && (PortIsGoing(port) || IsCleanedUp(Device))) {
+    ProxyReadDiscard(&port->Engine, PROXY_ZK_CLASS);
     PipeFlush(&port->ZkPipe, STATUS_CANCELLED);
   }
   ReleasePort(port);

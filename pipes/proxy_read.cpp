@@ -290,6 +290,14 @@ NTSTATUS ProxyReadSubmit(ProxyReadEngine *Engine, ProxyReadRequest *Request) {
   PortExtension *port = PortOf(Engine->Device);
   TraceEngine(TraceCode("PRI1"), Engine, nullptr, 0);
   KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Engine->Lock);
+  if (PortProxyState(port) == PROXY_OFF) {
+    // A read that passed the gate in NORMAL, and comes after NORMAL's requests were discarded: the
+    // state was stored before that, under this lock or before it was taken. Kept, it would be the
+    // first to be served when NORMAL returns, and the block would go to nobody.
+    KeReleaseSpinLock(&Engine->Lock, irql);
+    ProxyReadFreeRequest(Request);
+    return STATUS_PENDING;
+  }
   BOOLEAN idle = static_cast<BOOLEAN>(Engine->EngineState == ENGINE_IDLE);
   if ((Request->Flags & REQUEST_CLIENT) != 0) {
     if (Engine->ClientSlot == nullptr && idle) {

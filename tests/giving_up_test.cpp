@@ -149,7 +149,10 @@ TEST(GivingUpRaces, AClientsOpenAgainstZksRead) {
     // Behind what tells of a read that the changes of who has the port open have stopped.
     FileWait(&zkRead);
     Frame frame = DecodeFrame(zkRead);
-    EXPECT_EQ(frame.Payload.empty() ? NextFrame(world).Payload : frame.Payload, "first");
+    for (int told = 0; told < 2 && frame.Payload.empty(); ++told) {
+      frame = NextFrame(world);
+    }
+    EXPECT_EQ(frame.Payload, "first");
   });
 }
 
