@@ -4,12 +4,13 @@
 #include "driver/requests.h"
 
 NTSTATUS ForwardToLower(PDEVICE_OBJECT LowerDevice, PIRP Irp, PDEVICE_OBJECT Device) {
-  PVOID context = ReadPointerAcquire(&PortOf(Device)->LowerOpenContext);
   PFILE_OBJECT file = IoGetNextIrpStackLocation(Irp)->FileObject;
-  // Without a lock: only a null FsContext is filled, and always with the same value while the real
-  // port's open lasts.
-  if (context != nullptr && file != nullptr && ReadPointerAcquire(&file->FsContext) == nullptr) {
-    WritePointerRelease(&file->FsContext, context);
+  // Only a null FsContext is filled, and always with the same value while the open below lasts.
+  if (file != nullptr && ReadPointerAcquire(&file->FsContext) == nullptr) {
+    PVOID context = LowerOpenContextFor(PortOf(Device), LowerDevice);
+    if (context != nullptr) {
+      WritePointerRelease(&file->FsContext, context);
+    }
   }
   NTSTATUS status = IofCallDriver(LowerDevice, Irp);
   ReleaseRequest(Device, Irp);

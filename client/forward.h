@@ -4,9 +4,9 @@
 #include "platform/kernel.h"
 
 // Sends a request whose next stack location the caller prepared (by skipping its own or copying
-// it), then drops the request's reference. A file object that the real port never saw opened gets
-// the FsContext of the port's open. Returns the lower driver's status; the request is not the
-// caller's any more.
+// it), then drops the request's reference. A file object that the driver below never saw opened
+// gets the FsContext of the open that it has. Returns the lower driver's status; the request is not
+// the caller's any more.
 NTSTATUS ForwardToLower(PDEVICE_OBJECT LowerDevice, PIRP Irp, PDEVICE_OBJECT Device);
 
 // Skips the current stack location and forwards to the device below Device.

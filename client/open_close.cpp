@@ -27,9 +27,19 @@ static void MarkSide(PDEVICE_OBJECT Device, BOOLEAN Open) REQUIRES(SerializerRol
   ApplyStateFlags(port, Device, Open ? flags | side : flags & ~side);
 }
 
-static void MarkOpen(PDEVICE_OBJECT Device) {
+static void StoreOpenFile(PDEVICE_OBJECT Device, PFILE_OBJECT File) {
+  WritePointerRelease(reinterpret_cast<PVOID volatile *>(&HeaderOf(Device)->OpenFile), File);
+}
+
+static void MarkOpen(PDEVICE_OBJECT Device, PIRP Irp) {
+  StoreOpenFile(Device, IoGetCurrentIrpStackLocation(Irp)->FileObject);
   WriteUCharRelease(&HeaderOf(Device)->CleanedUp, FALSE);
   WriteULongRelease(&HeaderOf(Device)->OpenState, OPEN_STATE_OPEN);
+}
+
+static void MarkClosed(PDEVICE_OBJECT Device) {
+  StoreOpenFile(Device, nullptr);
+  WriteULongRelease(&HeaderOf(Device)->OpenState, OPEN_STATE_CLOSED);
 }
 
 static NTSTATUS Decide(PIRP Irp, NTSTATUS Status) {
@@ -49,7 +59,7 @@ static BOOLEAN DecideOpen(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerRo
   HoldFilterDevice(Device, Irp);
   // In this order: a read of ZK's between the two would find a client that has the port open, and
   // not, the other way round, read a block that the client never gets.
-  MarkOpen(Device);
+  MarkOpen(Device, Irp);
   MarkSide(Device, TRUE);
   Decide(Irp, STATUS_SUCCESS);
   return TRUE;
@@ -71,7 +81,7 @@ static BOOLEAN DecideClose(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerR
   }
   BOOLEAN last = static_cast<BOOLEAN>(AddToOpenCount(port, -1) <= 0);
   if (!last) {
-    WriteULongRelease(&HeaderOf(Device)->OpenState, OPEN_STATE_CLOSED);
+    MarkClosed(Device);
   }
   if (IsZkSide(Device)) {
     EndZkSession(Device);
@@ -96,20 +106,20 @@ static BOOLEAN OpenCloseGate(PIRP Irp) REQUIRES(SerializerRole) {
 
 static void Opened(PDEVICE_OBJECT Device, PIRP Irp) REQUIRES(SerializerRole) {
   PortExtension *port = PortOf(Device);
-  WritePointerRelease(&port->LowerOpenContext,
-                      IoGetCurrentIrpStackLocation(Irp)->FileObject->FsContext);
+  StoreLowerOpen(port, LowerDeviceOf(Device),
+                 IoGetCurrentIrpStackLocation(Irp)->FileObject->FsContext);
   SendZkMessage(Device, MESSAGE_SESSION,
                 IsZkSide(Device) ? L"ZK opened on %ws\n" : L"COM port opened on %ws\n",
                 PortLinkName(port));
-  MarkOpen(Device);
+  MarkOpen(Device, Irp);
   MarkSide(Device, TRUE);
 }
 
 static void Closed(PDEVICE_OBJECT Device) REQUIRES(SerializerRole) {
   PortExtension *port = PortOf(Device);
   ExtensionHeader *header = HeaderOf(Device);
-  WriteULongRelease(&header->OpenState, OPEN_STATE_CLOSED);
-  WritePointerRelease(&port->LowerOpenContext, nullptr);
+  MarkClosed(Device);
+  StoreLowerOpen(port, nullptr, nullptr);
   SendZkMessage(Device, MESSAGE_SESSION,
                 IsZkSide(Device) ? L"ZK closed on %ws\n" : L"COM port closed on %ws\n",
                 PortLinkName(port));
@@ -173,6 +183,21 @@ static NTSTATUS FinishDecided(RequestSerializer *Serializer, PIRP Irp) {
   return status;
 }
 
+// Where an open or close goes to. The last close ends the open that went down, whichever side's
+// that was, and its driver finds in the file object what it left in the other one.
+static PDEVICE_OBJECT TargetOf(PDEVICE_OBJECT Device, PIRP Irp) {
+  PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  PVOID context;
+  PDEVICE_OBJECT opened = LoadLowerOpen(PortOf(Device), &context);
+  if (stack->MajorFunction == IRP_MJ_CREATE || opened == nullptr) {
+    return LowerDeviceOf(Device);
+  }
+  if (context != nullptr) {
+    WritePointerRelease(&stack->FileObject->FsContext, context);
+  }
+  return opened;
+}
+
 // The start routine of every open and close.
 static NTSTATUS RunOpenClose(RequestSerializer *Serializer, SerializerItem *Item) {
   RunningAsSerializerItem();
@@ -183,9 +208,10 @@ static NTSTATUS RunOpenClose(RequestSerializer *Serializer, SerializerItem *Item
     return FinishDecided(Serializer, irp);
   }
   Item->Finish = nullptr;
+  PDEVICE_OBJECT target = TargetOf(device, irp);
   IoCopyCurrentIrpStackLocationToNext(irp);
   IoSetCompletionRoutine(irp, OpenCloseDone, Serializer, TRUE, TRUE, TRUE);
-  return IofCallDriver(LowerDeviceOf(device), irp);
+  return IofCallDriver(target, irp);
 }
 
 NTSTATUS DispatchCreate(PDEVICE_OBJECT Device, PIRP Irp) {
@@ -229,12 +255,25 @@ static BOOLEAN AdmitClosing(PDEVICE_OBJECT Device, PIRP Irp, NTSTATUS *Status) {
   return FALSE;
 }
 
+// Whether the handle was opened below the auxiliary device, before that was attached. One that was
+// opened through it is known from before the open was complete until its close is decided.
+static BOOLEAN WasOpenedBelow(PDEVICE_OBJECT Device, PIRP Irp) {
+  ExtensionHeader *header = HeaderOf(Device);
+  if (header->Kind != KIND_AUXILIARY) {
+    return FALSE;
+  }
+  PFILE_OBJECT file = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+  PVOID open = ReadPointerAcquire(reinterpret_cast<PVOID const volatile *>(&header->OpenFile));
+  return static_cast<BOOLEAN>(ReadULongAcquire(&header->OpenState) == OPEN_STATE_BYPASS ||
+                              (file != nullptr && file != open && file->DeviceObject != Device));
+}
+
 NTSTATUS DispatchClose(PDEVICE_OBJECT Device, PIRP Irp) {
   NTSTATUS status;
   if (!AdmitClosing(Device, Irp, &status)) {
     return status;
   }
-  if (ReadULongAcquire(&HeaderOf(Device)->OpenState) == OPEN_STATE_BYPASS) {
+  if (WasOpenedBelow(Device, Irp)) {
     return SkipToLower(Device, Irp);
   }
   return SubmitSerialized(Device, Irp, RunOpenClose);

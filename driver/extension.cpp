@@ -36,3 +36,29 @@ void InitializePort(PortExtension *Port, PDEVICE_OBJECT FilterDevice,
   Port->ProxyState = PROXY_OFF;
   Port->PhysicalDevice = PhysicalDevice;
 }
+
+void StoreLowerOpen(PortExtension *Port, PDEVICE_OBJECT Lower, PVOID Context) {
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->PortLock);
+  Port->LowerOpenDevice = Lower;
+  Port->LowerOpenContext = Context;
+  KeReleaseSpinLock(&Port->PortLock, irql);
+}
+
+PDEVICE_OBJECT LoadLowerOpen(PortExtension *Port, PVOID *Context) {
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->PortLock);
+  PDEVICE_OBJECT lower = Port->LowerOpenDevice;
+  *Context = Port->LowerOpenContext;
+  KeReleaseSpinLock(&Port->PortLock, irql);
+  return lower;
+}
+
+PVOID LowerOpenContextFor(PortExtension *Port, PDEVICE_OBJECT Lower) {
+  PVOID context = nullptr;
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->PortLock);
+  PDEVICE_OBJECT opened = Port->LowerOpenDevice;
+  if (opened != nullptr && opened->DriverObject == Lower->DriverObject) {
+    context = Port->LowerOpenContext;
+  }
+  KeReleaseSpinLock(&Port->PortLock, irql);
+  return context;
+}

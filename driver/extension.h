@@ -59,8 +59,9 @@ struct ExtensionHeader {
   ULONG PacketDump;                                       // PACKET_DUMP_... bits
   ULONG PnpState;                                         // atomic; PNP_...
   PDEVICE_OBJECT LowerDevice;  // filter, auxiliary (there atomic): the device attached over
-  LONG FilterHolds;  // control, auxiliary: interlocked; handles that keep the filter device
-  UCHAR CleanedUp;   // atomic; the handle's cleanup has begun to end the reads that wait
+  LONG FilterHolds;       // control, auxiliary: interlocked; handles that keep the filter device
+  PFILE_OBJECT OpenFile;  // atomic; whose open holds the device OPEN; to compare, never followed
+  UCHAR CleanedUp;        // atomic; the handle's cleanup has begun to end the reads that wait
 };
 
 struct ControlExtension {
@@ -100,8 +101,8 @@ struct PortExtension {
   KSPIN_LOCK ClientLock ACQUIRED_BEFORE(CancelSpinLock);
   LIST_ENTRY ParkedRequests GUARDED_BY(CancelSpinLock);  // insertions and releases: ClientLock too
   KSPIN_LOCK PortLock;                                   // a leaf; taken inside the engine's lock
-  LONG OpenCount;          // atomic; sides that have the port open; written as a serializer item
-  PVOID LowerOpenContext;  // atomic; FsContext of the open that reached the real port
+  LONG OpenCount;  // atomic; sides that have the port open; written as a serializer item
+  PVOID LowerOpenContext GUARDED_BY(PortLock);  // FsContext of the open that went down
   FILE_OBJECT ProxyFileObject;
   ULONG UseAuxiliary;
   BOOLEAN AuxiliaryAutoDetect;
@@ -128,6 +129,7 @@ struct PortExtension {
   BOOLEAN Gone GUARDED_BY(AdmissionLock);  // the removal waits for the port to be idle, or has
   PIRP RestartedRequest GUARDED_BY(AdmissionLock);  // goes on now, and is not to wait again
   PVOID PowerLowerDevice;  // interlocked; the device below, referenced for power requests
+  PDEVICE_OBJECT LowerOpenDevice GUARDED_BY(PortLock);  // where that open went; null: nowhere
 };
 
 inline ExtensionHeader *HeaderOf(PDEVICE_OBJECT Device) {
@@ -162,6 +164,14 @@ inline Pipe *PipeOfSide(PDEVICE_OBJECT Device) {
   PortExtension *port = PortOf(Device);
   return IsZkSide(Device) ? &port->ZkPipe : &port->ClientPipe;
 }
+
+// The open that stands for both sides: the device below that took it and what its driver left in
+// the file object. Two drivers can get the first open, the port's or that of the device below the
+// auxiliary one. IRQL <= DISPATCH_LEVEL, as all three.
+void StoreLowerOpen(PortExtension *Port, PDEVICE_OBJECT Lower, PVOID Context);
+PDEVICE_OBJECT LoadLowerOpen(PortExtension *Port, PVOID *Context);
+// The context for a request that goes to Lower: null unless Lower's driver made it.
+PVOID LowerOpenContextFor(PortExtension *Port, PDEVICE_OBJECT Lower);
 
 // Fills a header that belongs to Device.
 void InitializeHeader(ExtensionHeader *Header, PDEVICE_OBJECT Device, ULONG Kind, ULONG DebugLevel,

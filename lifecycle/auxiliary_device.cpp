@@ -67,6 +67,18 @@ NTSTATUS CreateAuxiliaryDevice(PortExtension *Port, PDEVICE_OBJECT *Device) {
   return status;
 }
 
+static void RaiseStackSize(PDEVICE_OBJECT Device, CCHAR Size) {
+  Device->StackSize = Device->StackSize > Size ? Device->StackSize : Size;
+}
+
+// Attaching counts the target's stack only, but reads that wait here when ZK closes go to the
+// port's. The last close of any side may go to either.
+static void MakeRoom(PortExtension *Port, PDEVICE_OBJECT Device) {
+  RaiseStackSize(Device, Port->Header.Device->StackSize);
+  RaiseStackSize(Port->Header.Device, Device->StackSize);
+  RaiseStackSize(Port->ControlDevice, Device->StackSize);
+}
+
 // Requests of handles that are open on the target come in as soon as the device is attached, so it
 // has the device below it before.
 static NTSTATUS Attach(PortExtension *Port, PDEVICE_OBJECT Device, PDEVICE_OBJECT Target) {
@@ -80,10 +92,7 @@ static NTSTATUS Attach(PortExtension *Port, PDEVICE_OBJECT Device, PDEVICE_OBJEC
   if (lower == nullptr) {
     return STATUS_UNSUCCESSFUL;
   }
-  // Attaching counts the target's stack only, but reads that wait here when ZK closes go to the
-  // port's.
-  CCHAR filterSize = Port->Header.Device->StackSize;
-  Device->StackSize = Device->StackSize > filterSize ? Device->StackSize : filterSize;
+  MakeRoom(Port, Device);
   return STATUS_SUCCESS;
 }
 
@@ -191,6 +200,8 @@ void RetireAuxiliaryDevice(PDEVICE_OBJECT Device) {
   auto *auxiliary = static_cast<AuxiliaryExtension *>(Device->DeviceExtension);
   PDEVICE_OBJECT lower = auxiliary->Header.LowerDevice;
   if (lower != nullptr) {
+    // An open that was never closed; the engine's last read may still ask for its context.
+    StoreLowerOpen(PortOf(Device), nullptr, nullptr);
     StoreLowerDevice(&auxiliary->Header, nullptr);
     ObDereferenceObject(lower);
   }

@@ -192,7 +192,7 @@ static void FillLocation(ProxyReadEngine *Engine) REQUIRES(Engine->Lock) {
   next->Control = 0;
   next->DeviceObject = port->Header.LowerDevice;
   next->FileObject = nullptr;
-  PVOID context = ReadPointerAcquire(&port->LowerOpenContext);
+  PVOID context = LowerOpenContextFor(port, port->Header.LowerDevice);
   if (context != nullptr) {
     RtlZeroMemory(&port->ProxyFileObject, sizeof(port->ProxyFileObject));
     port->ProxyFileObject.FsContext = context;

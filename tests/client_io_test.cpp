@@ -166,7 +166,7 @@ TEST_P(ClientIo, NormalReadsAreServedFromProxyReads) {
           EXPECT_EQ(frame.Payload, "12345");
           EXPECT_EQ(LowerCount(lower, IRP_MJ_READ), 1u);
           // As of a port that gives no context to an open.
-          WritePointerRelease(&WorldPort(world)->LowerOpenContext, nullptr);
+          StoreLowerOpen(WorldPort(world), lower->Device, nullptr);
           EXPECT_EQ(StartRead(world->Client, &read, c.Asked), STATUS_PENDING);
           EXPECT_FALSE(LowerLast(lower, IRP_MJ_READ).HasFile);
           LowerFeed(lower, "x");
