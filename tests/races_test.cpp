@@ -439,6 +439,28 @@ TEST(Races, BothSidesOpenAndCloseAtOnce) {
   });
 }
 
+// An orderly removal waits for who has got in, and lets nobody else in: an open that it overtakes
+// never reaches the driver.
+TEST(Races, AnOpenAgainstAnOrderlyRemoval) {
+  for (bool zk : {false, true}) {
+    auto seen = Outcomes([=](World *world) {
+      NTSTATUS opened = STATUS_PENDING;
+      Against(
+          [&] {
+            PnpRemove(world->Node);
+            world->Node = nullptr;
+          },
+          [&] {
+            opened = zk ? OpenZk(world) : OpenClient(world);
+            zk ? CloseZk(world) : CloseClient(world);
+          });
+      return StatusName(opened);
+    });
+    ExpectOutcomes(seen, {"success", StatusName(STATUS_NO_SUCH_DEVICE),
+                          StatusName(STATUS_OBJECT_NAME_NOT_FOUND)});
+  }
+}
+
 // ZK leaves while a client read is on its way into the pipe: it must not be left waiting there.
 TEST(Races, ZksCloseAgainstAClientRead) {
   auto seen = Outcomes([](World *world) {

@@ -341,7 +341,7 @@ uint64_t DeviceCount(PDRIVER_OBJECT Driver) {
 NTSTATUS DeviceOpenFile(PDEVICE_OBJECT Device, bool LocalSystem, bool FromHandle) {
   SharedGuard guard(DeviceMutex, Access::Write);
   DeviceShadow *shadow = DeviceShadowOf(Device);
-  if ((Device->Flags & DO_DEVICE_INITIALIZING) || shadow->DeletePending) {
+  if ((Device->Flags & DO_DEVICE_INITIALIZING) || shadow->DeletePending || shadow->Shut) {
     return STATUS_NO_SUCH_DEVICE;
   }
   if (((Device->Flags & DO_EXCLUSIVE) && Device->ReferenceCount > 0) ||
@@ -376,6 +376,7 @@ void DeviceCloseFile(PDEVICE_OBJECT Device, bool FromHandle) {
   }
 }
 
+// Under DeviceMutex.
 static bool AnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
   for (size_t i = 0; i < Count; ++i) {
     for (PDEVICE_OBJECT device = Bottoms[i]; device; device = device->AttachedDevice) {
@@ -387,18 +388,37 @@ static bool AnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
   return false;
 }
 
-bool DeviceAnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
-  SharedGuard guard(DeviceMutex, Access::Read);
-  return AnyOpen(Bottoms, Count);
+// Under DeviceMutex.
+static void SetDoors(const PDEVICE_OBJECT *Bottoms, size_t Count, bool Shut) {
+  for (size_t i = 0; i < Count; ++i) {
+    for (PDEVICE_OBJECT device = Bottoms[i]; device; device = device->AttachedDevice) {
+      DeviceShadowOf(device)->Shut = Shut;
+    }
+  }
 }
 
-void DeviceAwaitNoOpens(const PDEVICE_OBJECT *Bottoms, size_t Count) {
+void DeviceSetDoors(const PDEVICE_OBJECT *Bottoms, size_t Count, bool Shut) {
+  SharedGuard guard(DeviceMutex, Access::Write);
+  SetDoors(Bottoms, Count, Shut);
+}
+
+bool DeviceShutUnlessOpen(const PDEVICE_OBJECT *Bottoms, size_t Count) {
+  SharedGuard guard(DeviceMutex, Access::Write);
+  bool open = AnyOpen(Bottoms, Count);
+  if (!open) {
+    SetDoors(Bottoms, Count, true);
+  }
+  return !open;
+}
+
+void DeviceShutWhenUnused(const PDEVICE_OBJECT *Bottoms, size_t Count) {
   for (;;) {
     OpensWaiter waiter = {};
     KeInitializeEvent(&waiter.Event, NotificationEvent, FALSE);
     {
       SharedGuard guard(DeviceMutex, Access::Write);
       if (!AnyOpen(Bottoms, Count)) {
+        SetDoors(Bottoms, Count, true);
         return;
       }
       waiter.Next = Waiters;

@@ -46,6 +46,7 @@ struct alignas(16) DeviceShadow {
   PDEVICE_OBJECT AttachedTo;  // the device below
   bool DeletePending;         // IoDeleteDevice was called
   bool LocalSystemOnly;       // who may open it
+  bool Shut;                  // nobody may open it any more: it is being removed
   unsigned Opens;             // file objects from handles (not from IoGetDeviceObjectPointer)
   PnpNode *Node;              // of a physical device of the model's bus
   bool MayChange;             // of such a device: drivers are being added or removed
@@ -81,15 +82,18 @@ void DeviceEndChange(PDEVICE_OBJECT Pdo);
 // A device without a name, made by the model's own driver: no fault is delivered here.
 PDEVICE_OBJECT DeviceMake(PDRIVER_OBJECT Driver, DEVICE_TYPE Type);
 
-// A file object comes and goes. Opening fails for a device that is initializing, deleted or
+// A file object comes and goes. Opening fails for a device that is initializing, shut, deleted or
 // exclusively taken. The caller holds a reference until after DeviceCloseFile.
 NTSTATUS DeviceOpenFile(PDEVICE_OBJECT Device, bool LocalSystem, bool FromHandle);
 void DeviceCloseFile(PDEVICE_OBJECT Device, bool FromHandle);
 
-bool DeviceAnyOpen(const PDEVICE_OBJECT *Bottoms, size_t Count);
-// Waits until no file object from a handle is open on any of the devices of the stacks above the
-// given ones.
-void DeviceAwaitNoOpens(const PDEVICE_OBJECT *Bottoms, size_t Count);
+// The doors of all devices of the stacks above the given ones: whoever opens a shut one is refused
+// before a driver hears of it.
+void DeviceSetDoors(const PDEVICE_OBJECT *Bottoms, size_t Count, bool Shut);
+// Shuts them unless a file object from a handle is open on one of these devices; false when one is.
+bool DeviceShutUnlessOpen(const PDEVICE_OBJECT *Bottoms, size_t Count);
+// Waits for the last of these file objects to go, and shuts the doors in the same step.
+void DeviceShutWhenUnused(const PDEVICE_OBJECT *Bottoms, size_t Count);
 
 // Around a call of a driver's routine: stops when IRQL or locks differ after it.
 struct CallbackScope {

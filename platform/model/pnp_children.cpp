@@ -65,6 +65,7 @@ static void Start(PnpChild *Child) {
     if (Child->State == PnpState::Stopped) {
       PnpSendToChild(Child->Device, IRP_MN_SURPRISE_REMOVAL);
     }
+    DeviceSetDoors(&Child->Device, 1, true);
     Child->State = PnpState::Failed;
     PnpSendToChild(Child->Device, IRP_MN_REMOVE_DEVICE);
   }
@@ -72,6 +73,7 @@ static void Start(PnpChild *Child) {
 
 // A child without a device ID is listed but has no place in the system.
 static void Introduce(PnpChild *Child) {
+  DeviceSetDoors(&Child->Device, 1, false);  // it may have been there before
   bool known = PnpAskId(Child->Device, BusQueryDeviceID);
   for (BUS_QUERY_ID_TYPE type : {BusQueryHardwareIDs, BusQueryCompatibleIDs, BusQueryInstanceID}) {
     PnpAskId(Child->Device, type);
@@ -88,6 +90,7 @@ static void Introduce(PnpChild *Child) {
 // ---- what the relations say ----
 
 static void Vanish(PnpChild *Child) {
+  DeviceSetDoors(&Child->Device, 1, true);
   if (Child->State == PnpState::Started || Child->State == PnpState::Stopped) {
     PnpSendToChild(Child->Device, IRP_MN_SURPRISE_REMOVAL);
   }
@@ -101,7 +104,7 @@ static void DropVanished(PnpNode *Node) {
     if (!child->Listed && child->State != PnpState::Gone) {
       Vanish(child);
     }
-    if (child->State != PnpState::Gone || DeviceAnyOpen(&device, 1)) {
+    if (child->State != PnpState::Gone || !DeviceShutUnlessOpen(&device, 1)) {
       ++i;
       continue;
     }

@@ -333,8 +333,21 @@ NTSTATUS PnpCancelRemove(PnpNode *Node) {
   return status;
 }
 
+// Of the port's stack and its children's: what a door is for.
+static std::vector<PDEVICE_OBJECT> Bottoms(const PnpNode *Node) {
+  std::vector<PDEVICE_OBJECT> bottoms = PnpChildren(Node);
+  bottoms.push_back(Node->Pdo);
+  return bottoms;
+}
+
+static void SetDoors(const PnpNode *Node, bool Shut) {
+  std::vector<PDEVICE_OBJECT> bottoms = Bottoms(Node);
+  DeviceSetDoors(bottoms.data(), bottoms.size(), Shut);
+}
+
 // What never started has nothing to be surprised in: its removal is enough.
 void PnpSurpriseRemove(PnpNode *Node) {
+  SetDoors(Node, true);
   for (PnpState state : {PnpState::Started, PnpState::Stopped}) {
     PnpTellChildren(Node, state, IRP_MN_SURPRISE_REMOVAL);
   }
@@ -348,10 +361,11 @@ void PnpSurpriseRemove(PnpNode *Node) {
 }
 
 void PnpRemove(PnpNode *Node, bool Force) {
-  if (!Force) {
-    Node->Bottoms = PnpChildren(Node);
-    Node->Bottoms.push_back(Node->Pdo);
-    DeviceAwaitNoOpens(Node->Bottoms.data(), Node->Bottoms.size());
+  if (Force) {
+    SetDoors(Node, true);
+  } else {
+    Node->Bottoms = Bottoms(Node);
+    DeviceShutWhenUnused(Node->Bottoms.data(), Node->Bottoms.size());
   }
   for (const PnpChild &child : Node->Children) {
     PnpSendToChild(child.Device, IRP_MN_REMOVE_DEVICE);

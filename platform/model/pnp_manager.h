@@ -49,13 +49,14 @@ NTSTATUS PnpStop(PnpNode *Node);
 NTSTATUS PnpQueryRemove(PnpNode *Node);
 NTSTATUS PnpCancelRemove(PnpNode *Node);
 
-// The device is gone: surprise removal to children and stack, as far as they have been started.
-// PnpRemove must follow.
+// The device is gone: nobody can open it or a child any more; surprise removal to children and
+// stack, as far as they have been started. PnpRemove must follow.
 void PnpSurpriseRemove(PnpNode *Node);
 
 // Removal of children and stack; the physical device goes with it and Node is freed. Waits first
 // until no handle is open on the stack and its children, as the real manager holds a removal back,
-// unless Force is set.
+// unless Force is set. From the moment it has found none, or is forced, who opens one of their
+// devices is refused before a driver hears of it.
 void PnpRemove(PnpNode *Node, bool Force = false);
 
 // Every other question of the manager, to the top of the stack and to the children, one after the

@@ -244,6 +244,8 @@ PORT_TEST(ChildrenComeAndVanishWithTheRelations) {
   PnpInvalidateRelations(node);
   PnpInvalidateRelations(node);
   EXPECT_EQ(Seen(), "f:relations c:surprise f:relations");
+  HANDLE late;
+  EXPECT_EQ(FileOpen("\\Device\\Child", Account::User, &late), STATUS_NO_SUCH_DEVICE);
   FileClose(handle);
   PnpInvalidateRelations(node);
   EXPECT_EQ(Seen(), "f:relations c:remove");
@@ -258,6 +260,7 @@ PORT_TEST(ChildrenComeAndVanishWithTheRelations) {
   PnpQueryRemove(node);
   EXPECT_EQ(Seen(), "f:relations f:query-remove");
   EXPECT_EQ(PnpChildren(node).size(), 1u);
+  EXPECT_EQ(FileOpen("\\Device\\Child", Account::User, &late), STATUS_NO_SUCH_DEVICE);
   PnpRemove(node);
 }
 
@@ -313,6 +316,53 @@ PORT_TEST(RemovalWaitsForHandlesUnlessForced) {
   EXPECT_EQ(DeviceCount(Function), 1u);
   FileClose(handle);
   EXPECT_EQ(DeviceCount(Function), 0u);
+}
+
+// What is opened while a driver has a minor function in its hands.
+static UCHAR Meanwhile;
+static std::string Opened;
+
+static std::string TryOpens() {
+  std::string names;
+  for (const char *name : {"\\Device\\Port", "\\Device\\Child"}) {
+    HANDLE handle;
+    NTSTATUS status = FileOpen(name, Account::User, &handle);
+    names += NT_SUCCESS(status) ? "open " : status == STATUS_NO_SUCH_DEVICE ? "shut " : "other ";
+    FileClose(handle);
+  }
+  return names;
+}
+
+static NTSTATUS OpenMeanwhile(PDEVICE_OBJECT, PIRP Irp) {
+  if (IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Meanwhile) {
+    Opened = TryOpens();
+  }
+  return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+PORT_TEST(NobodyOpensWhatIsBeingRemoved) {
+  static const struct {
+    UCHAR Minor;
+    void (*Remove)(PnpNode *Node);
+  } ways[] = {
+      {IRP_MN_REMOVE_DEVICE, [](PnpNode *Node) { PnpRemove(Node); }},
+      {IRP_MN_REMOVE_DEVICE, [](PnpNode *Node) { PnpRemove(Node, true); }},
+      {IRP_MN_SURPRISE_REMOVAL,
+       [](PnpNode *Node) {
+         PnpSurpriseRemove(Node);
+         EXPECT_EQ(TryOpens(), "shut shut ");
+         PnpRemove(Node);
+       }},
+  };
+  FunctionFirst = OpenMeanwhile;
+  for (const auto &way : ways) {
+    PnpNode *node = AddStarted();
+    EXPECT_EQ(TryOpens(), "open open ");
+    Meanwhile = way.Minor;
+    Opened.clear();
+    way.Remove(node);
+    EXPECT_EQ(Opened, "shut shut ");
+  }
 }
 
 PORT_TEST(FailuresLeaveNothing) {

@@ -113,9 +113,12 @@ static void Judge(World *World, Turn *Turn) {
   CloseZk(World);
   ThreadSettle();
   if (World->Node != nullptr) {
-    // A close that gets no item leaves its device open for good.
+    // A close that gets no item leaves its device open for good; a child that failed its start has
+    // been removed, and nobody opens it any more.
     const PortExtension *port = WorldPort(World);
-    bool excused = port->OpenCount != 0 || port->Header.PnpState != PNP_STARTED;
+    bool shut = OpenZk(World) == STATUS_NO_SUCH_DEVICE;
+    CloseZk(World);
+    bool excused = shut || port->OpenCount != 0 || port->Header.PnpState != PNP_STARTED;
     bool works = !excused && Works(World, false);
     Turn->Works |= Turn->Nth == 0 && works;
     EXPECT_TRUE(works || excused || !Turn->Works) << "the port does not work any more";
