@@ -285,7 +285,7 @@ static void PnpStep(const Step &Step) {
   } else if (Step.Do < 4) {
     QueryStop(port);
   } else if (Step.Do < 7) {
-    if (PnpQueryRemove(port->World.Node) == STATUS_SUCCESS) {
+    if (PnpQueryRemove(port->World.Node, true) == STATUS_SUCCESS) {
       port->Phase = Phase::RemoveQueried;
     }
   } else {

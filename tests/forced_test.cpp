@@ -154,7 +154,7 @@ static void Unlock(World *World) {
   SendCommand(World, COMMAND_UNLOCK_STREAM);
 }
 static void QueryRemoval(World *World) {
-  PnpQueryRemove(World->Node);
+  PnpQueryRemove(World->Node, true);
 }
 static void CancelRemoval(World *World) {
   PnpCancelRemove(World->Node);

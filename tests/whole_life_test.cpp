@@ -225,7 +225,7 @@ TEST(WholeLife, RemovalQueriedAndCancelledAtEverySwitchPoint) {
     ExploreResult result = DisturbEverywhere({
         .Disturb =
             [](World *w) {
-              EXPECT_EQ(PnpQueryRemove(w->Node), STATUS_SUCCESS);
+              EXPECT_EQ(PnpQueryRemove(w->Node, true), STATUS_SUCCESS);
               if (settle) {
                 ThreadSettle();  // the life comes to where it waits for a parked request
               }

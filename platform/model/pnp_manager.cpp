@@ -315,12 +315,33 @@ NTSTATUS PnpStop(PnpNode *Node) {
 
 // ---- removal ----
 
-NTSTATUS PnpQueryRemove(PnpNode *Node) {
+// The stacks of the port and of its children: all of them, or those that may be opened.
+static std::vector<PDEVICE_OBJECT> Bottoms(const PnpNode *Node, bool Openable = false) {
+  std::vector<PDEVICE_OBJECT> bottoms = {Node->Pdo};
+  for (const PnpChild &child : Node->Children) {
+    if (!Openable || (child.State != PnpState::Failed && child.State != PnpState::Gone)) {
+      bottoms.push_back(child.Device);
+    }
+  }
+  return bottoms;
+}
+
+static void ShutDoors(const PnpNode *Node) {
+  std::vector<PDEVICE_OBJECT> bottoms = Bottoms(Node);
+  DeviceSetDoors(bottoms.data(), bottoms.size(), true);
+}
+
+NTSTATUS PnpQueryRemove(PnpNode *Node, bool Force) {
   NTSTATUS status = QueryChildren(Node, IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE);
   if (!NT_SUCCESS(status)) {
     return status;
   }
   status = SendToPort(Node, IRP_MN_QUERY_REMOVE_DEVICE);
+  if (NT_SUCCESS(status) && !Force) {
+    std::vector<PDEVICE_OBJECT> bottoms = Bottoms(Node);
+    bool shut = DeviceShutUnlessOpen(bottoms.data(), bottoms.size());
+    status = shut ? status : STATUS_DEVICE_BUSY;
+  }
   if (!NT_SUCCESS(status)) {
     PnpCancelRemove(Node);
   }
@@ -330,24 +351,14 @@ NTSTATUS PnpQueryRemove(PnpNode *Node) {
 NTSTATUS PnpCancelRemove(PnpNode *Node) {
   NTSTATUS status = SendToPort(Node, IRP_MN_CANCEL_REMOVE_DEVICE);
   PnpTellChildren(Node, PnpState::Started, IRP_MN_CANCEL_REMOVE_DEVICE);
+  std::vector<PDEVICE_OBJECT> bottoms = Bottoms(Node, true);
+  DeviceSetDoors(bottoms.data(), bottoms.size(), false);
   return status;
-}
-
-// Of the port's stack and its children's: what a door is for.
-static std::vector<PDEVICE_OBJECT> Bottoms(const PnpNode *Node) {
-  std::vector<PDEVICE_OBJECT> bottoms = PnpChildren(Node);
-  bottoms.push_back(Node->Pdo);
-  return bottoms;
-}
-
-static void SetDoors(const PnpNode *Node, bool Shut) {
-  std::vector<PDEVICE_OBJECT> bottoms = Bottoms(Node);
-  DeviceSetDoors(bottoms.data(), bottoms.size(), Shut);
 }
 
 // What never started has nothing to be surprised in: its removal is enough.
 void PnpSurpriseRemove(PnpNode *Node) {
-  SetDoors(Node, true);
+  ShutDoors(Node);
   for (PnpState state : {PnpState::Started, PnpState::Stopped}) {
     PnpTellChildren(Node, state, IRP_MN_SURPRISE_REMOVAL);
   }
@@ -362,7 +373,7 @@ void PnpSurpriseRemove(PnpNode *Node) {
 
 void PnpRemove(PnpNode *Node, bool Force) {
   if (Force) {
-    SetDoors(Node, true);
+    ShutDoors(Node);
   } else {
     Node->Bottoms = Bottoms(Node);
     DeviceShutWhenUnused(Node->Bottoms.data(), Node->Bottoms.size());

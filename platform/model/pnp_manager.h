@@ -45,8 +45,11 @@ NTSTATUS PnpQueryStop(PnpNode *Node);
 NTSTATUS PnpCancelStop(PnpNode *Node);
 NTSTATUS PnpStop(PnpNode *Node);
 
-// Started children first. A refused query is followed by a cancel to all that were asked.
-NTSTATUS PnpQueryRemove(PnpNode *Node);
+// Started children first. When nobody has refused, an open handle on the stack or a child does:
+// with STATUS_DEVICE_BUSY, unless Force is set; without one nobody can open them any more until the
+// cancel. A refused query is followed by a cancel to all that were asked. Forced, everything stays
+// as it is between a query and the look at the handles.
+NTSTATUS PnpQueryRemove(PnpNode *Node, bool Force = false);
 NTSTATUS PnpCancelRemove(PnpNode *Node);
 
 // The device is gone: nobody can open it or a child any more; surprise removal to children and

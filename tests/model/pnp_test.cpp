@@ -365,6 +365,26 @@ PORT_TEST(NobodyOpensWhatIsBeingRemoved) {
   }
 }
 
+PORT_TEST(AQueryIsRefusedByAnOpenHandle) {
+  PnpNode *node = AddStarted();
+  for (const char *name : {"\\Device\\Port", "\\Device\\Child"}) {
+    HANDLE handle;
+    EXPECT_EQ(FileOpen(name, Account::User, &handle), STATUS_SUCCESS);
+    EXPECT_EQ(PnpQueryRemove(node), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(Seen(), "c:query-remove f:query-remove f:cancel-remove c:cancel-remove");
+    EXPECT_EQ(PnpQueryRemove(node, true), STATUS_SUCCESS);
+    EXPECT_EQ(TryOpens(), "open open ");
+    PnpCancelRemove(node);
+    FileClose(handle);
+    Log.clear();
+  }
+  EXPECT_EQ(PnpQueryRemove(node), STATUS_SUCCESS);
+  EXPECT_EQ(TryOpens(), "shut shut ");
+  PnpCancelRemove(node);
+  EXPECT_EQ(TryOpens(), "open open ");
+  PnpRemove(node);
+}
+
 PORT_TEST(FailuresLeaveNothing) {
   NTSTATUS status;
   FilterAddStatus = STATUS_INSUFFICIENT_RESOURCES;
