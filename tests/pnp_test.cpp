@@ -717,6 +717,25 @@ TEST(Pnp, ARemovalWaitsForWhatIsDown) {
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
+// Nor does the port go while it has a request, whoever sent it.
+TEST(Pnp, ThePortWaitsForItsRequests) {
+  RunWorld([](World *world) {
+    world->Lower.How[IRP_MJ_CLOSE] = Behaviour::Deaf;
+    OwnPacket packet;
+    OwnSend(world->Lower.Device, IRP_MJ_CLOSE, &packet);
+    bool removed = false;
+    PKTHREAD remover = ThreadStart("remove", [&] {
+      PnpRemove(std::exchange(world->Node, nullptr));
+      removed = true;
+    });
+    ThreadSettle();
+    EXPECT_FALSE(removed);
+    LowerFinish(&world->Lower, IRP_MJ_CLOSE);
+    ThreadJoin(remover);
+    OwnWait(&packet);
+  });
+}
+
 // A close that no open came before gives nothing back: the next handle keeps the filter device.
 TEST(Pnp, ACloseWithoutAnOpen) {
   RunWorld([](World *world) {

@@ -41,6 +41,38 @@ static char *BufferOf(PIRP Irp) {
       MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority));
 }
 
+// A removal waits for every request but those of Plug and Play, until it has been completed or, of
+// power, passed on. False: it has begun, and the request is to be refused; not by a device outside
+// of the stack, whose handles outlive it.
+static bool Enter(LowerPort *Port) {
+  std::lock_guard<std::mutex> guard(Port->Mutex);
+  ++Port->Requests;
+  return !Port->Waited || Port->Lower == nullptr;
+}
+
+static void Leave(LowerPort *Port) {
+  bool last;
+  {
+    std::lock_guard<std::mutex> guard(Port->Mutex);
+    last = --Port->Requests == 0 && Port->Waited;
+  }
+  if (last) {
+    KeSetEvent(&Port->Idle, IO_NO_INCREMENT, FALSE);
+  }
+}
+
+static void AwaitNoRequests(LowerPort *Port) {
+  bool idle;
+  {
+    std::lock_guard<std::mutex> guard(Port->Mutex);
+    Port->Waited = true;
+    idle = Port->Requests == 0;
+  }
+  if (!idle) {
+    KeWaitForSingleObject(&Port->Idle, Executive, KernelMode, FALSE, nullptr);
+  }
+}
+
 // False when the bytes of a write cannot be had.
 static bool Record(LowerPort *Port, PIRP Irp) {
   PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
@@ -76,6 +108,7 @@ static bool Record(LowerPort *Port, PIRP Irp) {
 static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::string &Bytes,
                          bool AtDispatchLevel) {
   PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+  bool counted = stack->MajorFunction != IRP_MJ_PNP;
   ULONG_PTR information = 0;
   if (stack->MajorFunction == IRP_MJ_READ) {
     information = std::min<size_t>(Bytes.size(), stack->Parameters.Read.Length);
@@ -103,6 +136,9 @@ static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::
     IrqlLower(irql);
   } else {
     IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  }
+  if (counted) {
+    Leave(Port);
   }
   return Status;
 }
@@ -175,6 +211,9 @@ static bool FailsHere(UCHAR Major) {
 static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
   LowerPort *port = PortOfDevice(Device);
   UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
+  if (!Enter(port)) {
+    return Complete(port, Irp, STATUS_DELETE_PENDING, "", false);
+  }
   if (FailsHere(major) || !Record(port, Irp)) {
     return Complete(port, Irp, STATUS_INSUFFICIENT_RESOURCES, "", false);
   }
@@ -196,11 +235,16 @@ static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
 static NTSTATUS PassPowerDown(LowerPort *Port, PIRP Irp) {
   PoStartNextPowerIrp(Irp);
   IoCopyCurrentIrpStackLocationToNext(Irp);
-  return PoCallDriver(Port->Lower, Irp);
+  NTSTATUS status = PoCallDriver(Port->Lower, Irp);
+  Leave(Port);
+  return status;
 }
 
 static NTSTATUS LowerPower(PDEVICE_OBJECT Device, PIRP Irp) {
   LowerPort *port = PortOfDevice(Device);
+  if (!Enter(port)) {
+    return Complete(port, Irp, STATUS_DELETE_PENDING, "", false);
+  }
   Record(port, Irp);
   if (port->How[IRP_MJ_POWER] != Behaviour::Inline) {
     return Hold(port, Irp, port->How[IRP_MJ_POWER] == Behaviour::Pend);
@@ -232,8 +276,9 @@ static NTSTATUS PassDown(LowerPort *Port, PIRP Irp) {
   return IofCallDriver(Port->Lower, Irp);
 }
 
-// What is still held ends here; a driver that goes keeps nothing.
-static void EndHeld(LowerPort *Port) {
+// What is still held ends here; opens and closes that are held, and what is being completed on
+// another thread, are waited for: a driver that goes keeps nothing.
+static void EndRequests(LowerPort *Port) {
   KIRQL irql;
   IoAcquireCancelSpinLock(&irql);
   Port->Removed = true;
@@ -243,6 +288,7 @@ static void EndHeld(LowerPort *Port) {
     while (LowerFinish(Port, major, STATUS_DEVICE_NOT_CONNECTED)) {
     }
   }
+  AwaitNoRequests(Port);
 }
 
 static void DeleteOutside(LowerPort *Port) {
@@ -253,9 +299,9 @@ static void DeleteOutside(LowerPort *Port) {
 }
 
 static NTSTATUS Remove(LowerPort *Port, PIRP Irp) {
-  EndHeld(Port);
+  EndRequests(Port);
   if (Port->Outside != nullptr) {
-    EndHeld(Port->Outside);
+    EndRequests(Port->Outside);
   }
   DeleteName(Port);
   DeleteOutside(Port);
@@ -313,7 +359,9 @@ static NTSTATUS MakeDevice(PDRIVER_OBJECT Driver, LowerPort *Port, PUNICODE_STRI
                                    FALSE, &Port->Device);
   if (NT_SUCCESS(status)) {
     static_cast<LowerExtension *>(Port->Device->DeviceExtension)->Port = Port;
-    Port->Removed = false;
+    Port->Removed = Port->Waited = false;
+    Port->Requests = 0;
+    KeInitializeEvent(&Port->Idle, NotificationEvent, FALSE);
     InitializeListHead(&Port->Held);
     Port->Device->Flags |= Port->BufferingFlags;
   }

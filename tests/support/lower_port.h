@@ -1,5 +1,6 @@
 // A scripted port driver below the filter. Each major function has a behaviour; what it saw is
-// recorded, what it holds is completed when the test says so.
+// recorded, what it holds is completed when the test says so, or at its removal, which waits until
+// every request has been given back.
 #pragma once
 
 #include <mutex>
@@ -47,9 +48,12 @@ struct LowerPort {
   bool AtDispatchLevel = false;  // completes held requests there
   ULONG_PTR ClaimedRead = 0;     // when not 0, the Information of reads, whatever they brought
 
-  std::mutex Mutex;  // of the two below; never held across a call into the kernel
+  std::mutex Mutex;  // of these; never held across a call into the kernel
   std::vector<LowerSeen> Seen;
   std::string Input;
+  size_t Requests = 0;  // that a removal waits for
+  bool Waited = false;  // by a removal
+  KEVENT Idle;
 
   LIST_ENTRY Held;       // under the cancel spin lock
   bool Removed = false;  // likewise: nothing is held any more
