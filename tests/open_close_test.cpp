@@ -178,6 +178,84 @@ TEST(OpenClose, CleanupReachesThePortWhenOneSideHasIt) {
   });
 }
 
+// --- Opens that their users cancel -----------------------------------------------------------
+
+static NTSTATUS OpenSide(World *World, bool Zk, FileOpening *Opening) {
+  std::string link = "\\DosDevices\\" + std::string(Zk ? "VORLIX_" : "") + World->Lower.Name;
+  return FileOpen(link, Zk ? Account::LocalSystem : Account::User, Zk ? &World->Zk : &World->Client,
+                  Opening);
+}
+
+// Where the open is when it is cancelled, and what lets it go on from there.
+struct Stay {
+  const char *Where;
+  void (*Hold)(World *World, bool Zk);
+  void (*Release)(World *World);
+  std::set<std::string> Ends;
+};
+
+static PKTHREAD Ahead;
+
+static const Stay Stays[] = {
+    {"at the port",
+     [](World *w, bool) { w->Lower.How[IRP_MJ_CREATE] = Behaviour::Pend; },
+     [](World *w) { LowerFinish(&w->Lower, IRP_MJ_CREATE); },
+     {"cancelled", "success"}},
+    {"parked by a query",
+     [](World *w, bool) { EXPECT_EQ(PnpQueryRemove(w->Node, true), STATUS_SUCCESS); },
+     [](World *w) { PnpCancelRemove(w->Node); },
+     {"cancelled", "success"}},
+    // Nothing there looks at the cancel: it is granted, as one that was cancelled too late.
+    {"behind the other side's open",
+     [](World *w, bool zk) {
+       w->Lower.How[IRP_MJ_CREATE] = Behaviour::Pend;
+       Ahead = ThreadStart("ahead", [=] { OpenSide(w, !zk, nullptr); });
+       ThreadSettle();
+     },
+     [](World *w) { LowerFinish(&w->Lower, IRP_MJ_CREATE); },
+     {"success"}},
+};
+
+// An open that was cancelled leaves no trace, and one that came through is a whole one.
+static void ExpectOpens(World *World, bool Zk, NTSTATUS Status) {
+  PortExtension *port = WorldPort(World);
+  bool other = (Zk ? World->Client : World->Zk) != nullptr;
+  EXPECT_EQ(port->OpenCount, (Status == STATUS_SUCCESS) + other);
+  EXPECT_EQ((Zk ? port->Control->Header : port->Header).OpenRefs, Status == STATUS_SUCCESS ? 2 : 1);
+  EXPECT_EQ(port->RequestCount, 1);
+  World->Lower.How[IRP_MJ_CREATE] = Behaviour::Inline;
+  if (Status != STATUS_SUCCESS) {
+    EXPECT_EQ(OpenSide(World, Zk, nullptr), STATUS_SUCCESS);
+  }
+  if (!other) {
+    EXPECT_EQ(OpenSide(World, !Zk, nullptr), STATUS_SUCCESS);
+  }
+}
+
+TEST(OpenClose, AnOpenIsCancelled) {
+  for (const Stay &stay : Stays) {
+    for (bool zk : {false, true}) {
+      SCOPED_TRACE(std::string(stay.Where) + (zk ? ", ZK's" : ", the client's"));
+      ExploreResult result = ExploreWorld([&](World *world) {
+        FileOpening opening;
+        NTSTATUS status = STATUS_PENDING;
+        Ahead = nullptr;
+        stay.Hold(world, zk);
+        PKTHREAD opener = ThreadStart("open", [&] { status = OpenSide(world, zk, &opening); });
+        ThreadSettle();
+        Against([&] { FileCancelOpen(&opening); }, [&] { stay.Release(world); });
+        ThreadJoin(opener);
+        if (Ahead != nullptr) {
+          ThreadJoin(Ahead);
+        }
+        ExpectOpens(world, zk, status);
+        ExploreSaw(status);
+      });
+      EXPECT_EQ(OutcomesOf(result), stay.Ends);
+    }
+  }
+}
+
 // A close that the port fails leaves the device open for good: nobody else gets in.
 TEST(OpenClose, AFailedCloseLeavesTheDeviceOpen) {
   RunWorld([](World *world) {

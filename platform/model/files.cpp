@@ -54,9 +54,10 @@ static FileIo *FreeIos;  // for reuse, by Next; guarded by FileMutex
 
 // ---- file objects ----
 
-static NTSTATUS SendForFile(FileBody *Body, UCHAR Major) {
+static NTSTATUS SendForFile(FileBody *Body, UCHAR Major, PIRP *Visible = nullptr) {
   PacketRequest request = {};
   request.Major = Major;
+  request.Irp = Visible;
   request.File = &Body->File;
   return PacketSendAndWait(Body->File.DeviceObject, &request);
 }
@@ -116,7 +117,7 @@ static FileBody *MakeFile(PDEVICE_OBJECT Device, bool FromHandle) {
 }
 
 static NTSTATUS OpenByName(const std::string &Name, bool LocalSystem, bool FromHandle,
-                           FileBody **Opened) {
+                           FileBody **Opened, PIRP *Create = nullptr) {
   PDEVICE_OBJECT device = NameReference(Name);
   if (!device) {
     return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -127,7 +128,7 @@ static NTSTATUS OpenByName(const std::string &Name, bool LocalSystem, bool FromH
     return status;
   }
   FileBody *body = MakeFile(device, FromHandle);
-  status = SendForFile(body, IRP_MJ_CREATE);
+  status = SendForFile(body, IRP_MJ_CREATE, Create);
   if (!NT_SUCCESS(status)) {
     ObfDereferenceObject(body);
     return status;
@@ -137,15 +138,20 @@ static NTSTATUS OpenByName(const std::string &Name, bool LocalSystem, bool FromH
   return STATUS_SUCCESS;
 }
 
-NTSTATUS FileOpen(const std::string &Name, Account Who, HANDLE *Handle) {
+NTSTATUS FileOpen(const std::string &Name, Account Who, HANDLE *Handle, FileOpening *Opening) {
   *Handle = nullptr;
   FileBody *body;
-  NTSTATUS status = OpenByName(Name, Who == Account::LocalSystem, true, &body);
+  NTSTATUS status =
+      OpenByName(Name, Who == Account::LocalSystem, true, &body, Opening ? &Opening->Irp : nullptr);
   if (NT_SUCCESS(status)) {
     *Handle = ObjectOpenHandle(body, FileLastHandle);
     ObfDereferenceObject(body);
   }
   return status;
+}
+
+bool FileCancelOpen(FileOpening *Opening) {
+  return PacketCancel(&Opening->Irp);
 }
 
 void FileClose(HANDLE Handle) {

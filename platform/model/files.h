@@ -12,7 +12,15 @@ enum class Account { LocalSystem, Administrator, User };
 // Opens a device by name: follows links, checks DO_DEVICE_INITIALIZING, exclusivity and the
 // account, makes a file object and sends a create to the top of the stack; waits for it. On
 // success the handle is open. Buffering of later requests follows the top device's flags.
-NTSTATUS FileOpen(const std::string &Name, Account Who, HANDLE *Handle);
+// Another thread may cancel the create of an open for which an Opening was given, which it has to
+// keep until then: what comes of it the driver decides.
+struct FileOpening {
+  PIRP Irp = nullptr;  // while the create is on its way; guarded by the model
+};
+NTSTATUS FileOpen(const std::string &Name, Account Who, HANDLE *Handle,
+                  FileOpening *Opening = nullptr);
+// False when no create is on its way, or no routine was there to be called.
+bool FileCancelOpen(FileOpening *Opening);
 
 // Closes: at the last handle the cleanup goes to whatever is on top then, at the last reference
 // the close. Requests still outstanding hold the file object. Waits for cleanup (and for the close

@@ -206,10 +206,19 @@ uint64_t PacketCount() {
 struct SentPacket {
   KEVENT Done;
   IO_STATUS_BLOCK Iosb;
+  PIRP *Visible;
 };
+
+static void Show(const SentPacket *Sent, PIRP Irp) {
+  if (Sent->Visible) {
+    Guard guard(RequestMutex);
+    *Sent->Visible = Irp;
+  }
+}
 
 static void FinishSent(PIRP Irp, void *Context) {
   SentPacket *sent = static_cast<SentPacket *>(Context);
+  Show(sent, nullptr);
   sent->Iosb = Irp->IoStatus;
   PacketFree(Irp);
   KeSetEvent(&sent->Done, IO_NO_INCREMENT, FALSE);
@@ -217,6 +226,7 @@ static void FinishSent(PIRP Irp, void *Context) {
 
 NTSTATUS PacketSendAndWait(PDEVICE_OBJECT Device, PacketRequest *Request) {
   SentPacket sent = {};
+  sent.Visible = Request->Irp;
   KeInitializeEvent(&sent.Done, NotificationEvent, FALSE);
   SwitchPoint(SwitchReason::Call, Device);
 
@@ -233,10 +243,26 @@ NTSTATUS PacketSendAndWait(PDEVICE_OBJECT Device, PacketRequest *Request) {
   if (Request->Fill) {
     Request->Fill(location, Request->Context);
   }
+  Show(&sent, irp);
   PacketCall(top, irp);
   KeWaitForSingleObject(&sent.Done, Executive, KernelMode, FALSE, nullptr);
   Request->Iosb = sent.Iosb;
   return sent.Iosb.Status;
+}
+
+bool PacketCancel(PIRP *Irp) {
+  PIRP irp;
+  {
+    Guard guard(RequestMutex);
+    irp = *Irp;
+    if (!irp) {
+      return false;
+    }
+    PacketHold(irp);
+  }
+  bool called = IoCancelIrp(irp) != FALSE;
+  PacketLet(irp);
+  return called;
 }
 
 static void RequestBoot() {

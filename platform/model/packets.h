@@ -175,7 +175,8 @@ PacketShadow *PacketNext(PacketShadow *After);
 void PacketsRequireCancelledEnded();
 
 // A packet that is sent and waited for. Fill, when given, completes the first stack location;
-// Iosb goes in and out. The top of the stack is looked up at the time of the call.
+// Iosb goes in and out. The top of the stack is looked up at the time of the call. Irp, when given,
+// is where the packet stands while it is on its way, for PacketCancel; guarded by RequestMutex.
 struct PacketRequest {
   UCHAR Major;
   UCHAR Minor;
@@ -183,5 +184,8 @@ struct PacketRequest {
   void (*Fill)(PIO_STACK_LOCATION Location, const void *Context);
   const void *Context;
   IO_STATUS_BLOCK Iosb;
+  PIRP *Irp;
 };
+// Cancels what stands there; false when there is nothing, or no routine to be called.
+bool PacketCancel(PIRP *Irp);
 NTSTATUS PacketSendAndWait(PDEVICE_OBJECT Device, PacketRequest *Request);

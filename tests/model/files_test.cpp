@@ -326,6 +326,29 @@ TWO_DRIVERS_TEST(Files, CancelOneAndAll) {
   FileClose(handle);
 }
 
+TWO_DRIVERS_TEST(Files, ACreateIsCancelled) {
+  static FileOpening opening;
+  static HANDLE handle;
+  static NTSTATUS status;
+  Two.LowerDriver->MajorFunction[IRP_MJ_CREATE] = HoldCancellable;
+  EXPECT_FALSE(FileCancelOpen(&opening));
+  for (bool late : {false, true}) {
+    PKTHREAD opener = ThreadStart(
+        "opener", [] { status = FileOpen("\\Device\\Low", Account::User, &handle, &opening); });
+    ThreadSettle();
+    if (late) {
+      CompleteWith(TakeHeld(), STATUS_SUCCESS);
+      FileCancelOpen(&opening);
+    } else {
+      EXPECT_TRUE(FileCancelOpen(&opening));
+    }
+    ThreadJoin(opener);
+    EXPECT_EQ(status, late ? STATUS_SUCCESS : STATUS_CANCELLED);
+    EXPECT_EQ(Two.Lower->ReferenceCount, late ? 1 : 0);
+    FileClose(handle);
+  }
+}
+
 TEST(Files, AreServedWithoutTheVerifier) {
   auto play = [] {
     TwoLoad();
