@@ -36,6 +36,7 @@ static void FramePush(DispatchFrame *Frame) {
   PKTHREAD self = ThreadSelf();
   Frame->Outer = self->Dispatching;
   self->Dispatching = Frame;
+  ++self->RoutinesEntered;
   Frame->ActedBefore = self->Acting;
   self->Acting = Frame->Driver;
 }
@@ -209,8 +210,12 @@ static void LeaveDownward(PacketShadow *Shadow, PIRP Irp) {
     StackRulesPassDown(from, Irp);
     from->PassedOn = true;
   }
-  if (from->Number == Irp->CurrentLocation - 1 || (next->Control & InvokeBits) == 0) {
+  bool skipped = from->Number == Irp->CurrentLocation - 1;
+  if (skipped || (next->Control & InvokeBits) == 0) {
     Uncount(from);
+  }
+  if (!skipped) {
+    PacketLeaveLocation(from, Irp);
   }
 }
 
@@ -255,7 +260,7 @@ static void EnterLocation(PacketShadow *Shadow, PDEVICE_OBJECT Device, PIRP Irp,
   Frame->Sending = Shadow->Sendings;
   Frame->Location = at;
   Frame->Entry = location->Entered;
-  Frame->Completed = Frame->Deferred = false;
+  Frame->Completed = Frame->Deferred = Frame->Look.Taken = false;
   // A driver that held the packet marked it and may skip the marked location when it goes on: that
   // mark answers for the driver's own return, not for that of the one below.
   Frame->MarkedBefore = (PacketLocation(Irp, at)->Control & SL_PENDING_RETURNED) != 0;
@@ -280,6 +285,7 @@ static void UnlinkFrame(LocationShadow *Location, const DispatchFrame *Frame) {
 static void JudgeReturn(DispatchFrame *Frame, PIRP Irp, NTSTATUS Returned) {
   PacketShadow *shadow = Frame->Packet;
   Guard guard(RequestMutex);
+  PacketRequireAsLeft(Frame, Irp);
   if (!Frame->Completed) {
     LocationShadow *location = &shadow->Locations[Frame->Location];
     UnlinkFrame(location, Frame);
@@ -356,6 +362,7 @@ static NTSTATUS CheckedCall(PDEVICE_OBJECT Device, PIRP Irp) {
     PowerArrived(Device, next);
   }
   HistoryNote("call", Irp, next->MajorFunction, static_cast<uint64_t>(frame.Location));
+  PacketScrambleOwn(Irp);
   Before before = LookBefore();
   FramePush(&frame);
   NTSTATUS returned = DispatchInScope(Device, Irp);
@@ -364,6 +371,7 @@ static NTSTATUS CheckedCall(PDEVICE_OBJECT Device, PIRP Irp) {
               static_cast<uint64_t>(frame.Location));
   RequireRestored(before, "a dispatch routine", Irp);
   JudgeReturn(&frame, Irp, returned);
+  PacketLookAt(shadow, Irp);
   PacketShadowLet(shadow);
   return frame.Deferred ? STATUS_PENDING : returned;
 }
@@ -453,6 +461,9 @@ static void LeaveLocation(PacketShadow *Shadow, PIRP Irp) {
     frame->Completed = true;
     frame->Marked = Irp->PendingReturned != FALSE;
     frame->Status = Irp->IoStatus.Status;
+  }
+  if (at < Irp->StackCount) {
+    PacketRequireLocationAsLeft(&Shadow->Locations[at + 1], Irp);
   }
   bool unmarked = entered && location->ReturnedPending && !Irp->PendingReturned;
   *location = {};
@@ -557,6 +568,9 @@ void IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     return;
   }
   PacketGoUp(checked, Irp);
+  if (checked) {
+    PacketLookAt(checked, Irp);
+  }
 }
 
 void PacketGoUp(PacketShadow *Checked, PIRP Irp) {

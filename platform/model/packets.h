@@ -33,6 +33,7 @@
 //   packet.no-completion        an own packet sent without a routine for success and for error
 //   packet.pend-not-owned       marked pending by who has not got it
 //   packet.touched-completed    changed by the driver that had completed it (forced pending)
+//   packet.touched-passed-on    changed by a driver that had passed it on or completed it
 //   cancel.lock-held            a cancel routine returned with the cancel spin lock
 //   cancel.not-owner            a cancel routine set by who has not got the packet
 //   cancel.not-completed        cancelled, but not completed in time
@@ -59,6 +60,18 @@ enum class PacketState : uint8_t { Fresh, Held, Completing, Finished, Freed };
 
 struct PacketShadow;
 
+// A packet as it was when it left a driver that still runs.
+struct PacketLook {
+  bool Taken;
+  uint64_t Steps, Switches, Entered;  // while they are the same, only that driver's code has run
+  IO_STATUS_BLOCK Iosb;
+  PMDL Mdl;
+  ULONG Flags;
+  PVOID SystemBuffer, UserBuffer;
+  int Location;  // the holder's
+  IO_STACK_LOCATION Holders;
+};
+
 // A driver routine that is running: on the stack of its caller in the model.
 struct DispatchFrame {
   enum class Kind : uint8_t { Dispatch, Routine, Cancel };
@@ -77,6 +90,7 @@ struct DispatchFrame {
   bool Marked;
   bool Deferred;  // the location's completion was put off: what is above gets STATUS_PENDING
   NTSTATUS Status;
+  PacketLook Look;
 };
 
 struct LocationShadow {
@@ -93,6 +107,8 @@ struct LocationShadow {
   IO_STATUS_BLOCK Came;  // what it carried when it came
   IO_STATUS_BLOCK Back;  // and when it came back from below
   bool Counted;          // at the device, among those that stand there
+  bool IsLeft;           // the packet is at a location below; what it left here is in Left
+  IO_STACK_LOCATION Left;
 };
 
 using PacketFinish = void (*)(PIRP Irp, void *Context);
@@ -158,6 +174,16 @@ void PacketShadowLet(PacketShadow *Shadow);
 // IofCallDriver without its switch point, for who must find the top of a stack and call it at one
 // go.
 NTSTATUS PacketCall(PDEVICE_OBJECT Device, PIRP Irp);
+
+// What became of a packet that a dispatch routine has passed on or completed and that somebody else
+// has got now is looked at when it is out of its hands, and again when that routine returns; its
+// location when the packet comes back to it, too. Under RequestMutex, except the first.
+void PacketLookAt(PacketShadow *Shadow, PIRP Irp);
+void PacketRequireAsLeft(const DispatchFrame *Frame, PIRP Irp);
+void PacketLeaveLocation(LocationShadow *Location, PIRP Irp);
+void PacketRequireLocationAsLeft(LocationShadow *Location, PIRP Irp);
+// Nothing of the packet that is the holder's own outlives a call down.
+void PacketScrambleOwn(PIRP Irp);
 
 // What IofCompleteRequest does with a packet that its holder has let go. Checked is the shadow, or
 // null when the verifier is off.

@@ -49,6 +49,7 @@ struct _KTHREAD {
   unsigned HeldCount;
   HeldLock Held[MostLocksHeld];
   struct DispatchFrame *Dispatching;  // the driver routine it runs for a packet, see packets.h
+  uint64_t RoutinesEntered;           // of drivers, for packets
   PDRIVER_OBJECT Acting;              // the driver whose routine it runs, if that is known
   unsigned PowerDown;                 // dispatch routines for a power-down that it is in
 

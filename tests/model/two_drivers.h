@@ -210,8 +210,9 @@ inline NTSTATUS BeginRead(HANDLE Handle, FileRequest *Request) {
 
 // ---- drivers told in words ----
 
-// The device below that of the routine which is at its words.
+// The device below that of the routine which is at its words, and a location that one noted.
 inline PDEVICE_OBJECT Below;
+inline PIO_STACK_LOCATION Noted;
 
 inline NTSTATUS Forgive(PDEVICE_OBJECT, PIRP Irp, PVOID) {
   Irp->IoStatus.Status = STATUS_SUCCESS;
@@ -265,6 +266,12 @@ inline const std::map<std::string, void (*)(PIRP Irp, NTSTATUS *Status)> Steps =
      [](PIRP Irp, NTSTATUS *) {
        Irp->MdlAddress = IoAllocateMdl(&Held, 1, FALSE, FALSE, nullptr);
      }},
+    {"flags", [](PIRP Irp, NTSTATUS *) { Irp->Flags |= IRP_READ_OPERATION; }},
+    {"note-own", [](PIRP Irp, NTSTATUS *) { Noted = IoGetCurrentIrpStackLocation(Irp); }},
+    {"change-noted", [](PIRP, NTSTATUS *) { Noted->Parameters.Read.Length ^= 1; }},
+    {"context", [](PIRP Irp, NTSTATUS *) { Irp->Tail.Overlay.DriverContext[1] = &Noted; }},
+    {"trust-context",
+     [](PIRP Irp, NTSTATUS *) { NT_ASSERT(Irp->Tail.Overlay.DriverContext[1] == &Noted); }},
     {"say", [](PIRP Irp, NTSTATUS *Status) { Irp->IoStatus.Status = *Status; }},
     {"answer", [](PIRP Irp, NTSTATUS *) { Irp->IoStatus.Information = 1; }},
     {"free", [](PIRP Irp, NTSTATUS *) { IoFreeIrp(Irp); }},
