@@ -24,9 +24,31 @@ static void RequireHolder(PIRP Irp, const char *Service, const char *Rule) {
   }
 }
 
+// The mark goes to the location that is current, which has to be the holder's.
+static void RequireOwnLocation(PIRP Irp) {
+  const PacketShadow *shadow = PacketShadowOf(Irp);
+  const DispatchFrame *caller = ThreadSelf()->Dispatching;
+  Guard guard(RequestMutex);
+  int at = Irp->CurrentLocation;
+  if (at > Irp->StackCount || at != shadow->Location) {
+    VerifierStop("packet.pend-not-owned", Irp,
+                 "IoMarkIrpPending: the current location is %d of %d, the holder's %d", at,
+                 Irp->StackCount, shadow->Location);
+  }
+  bool passedOn = caller && caller->What == DispatchFrame::Kind::Dispatch &&
+                  caller->Packet == shadow && caller->Sending == shadow->Sendings &&
+                  (at < caller->Location ||
+                   (at == caller->Location && shadow->Locations[at].Entered != caller->Entry));
+  if (passedOn) {
+    VerifierStop("packet.pend-not-owned", Irp,
+                 "IoMarkIrpPending: the caller has passed the packet on to location %d", at);
+  }
+}
+
 void KiMarkPendingPoint(PIRP Irp) {
   if (VerifierOn()) {
     RequireHolder(Irp, "IoMarkIrpPending", "packet.pend-not-owned");
+    RequireOwnLocation(Irp);
   }
 }
 
