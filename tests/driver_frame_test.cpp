@@ -148,9 +148,9 @@ TEST(EventLog, LongNamesAreDropped) {
       WorldLoad(&world, options);
       ASSERT_EQ(WorldAdd(&world, options), STATUS_SUCCESS);
       PortExtension *port = WorldPort(&world);
-      ReportPortEvent(world.Driver, port->Header.Device, 0, 7, EVENT_BAD_MODE, STATUS_UNSUCCESSFUL,
+      ReportPortEvent(world.Driver, port->Header.Device, 0, 7, EVENT_INTERNAL, STATUS_UNSUCCESSFUL,
                       port);
-      EXPECT_EQ(EventLogCount(EVENT_BAD_MODE), characters == 76 ? 1u : 0u);
+      EXPECT_EQ(EventLogCount(EVENT_INTERNAL), characters == 76 ? 1u : 0u);
       ReportEvent(world.Driver, nullptr, 0, 0, EVENT_BAD_FRAME, STATUS_UNSUCCESSFUL, L"", ~0u);
       EXPECT_EQ(EventLogCount(EVENT_BAD_FRAME), 0u);
       if (characters == 76) {

@@ -102,6 +102,7 @@ void IoWriteErrorLogEntry(PVOID ElEntry) {
   EventLogEntry entry;
   entry.Code = static_cast<ULONG>(packet->ErrorCode);
   entry.Device = header->Device;
+  entry.MajorFunction = packet->MajorFunctionCode;
   entry.UniqueValue = packet->UniqueErrorValue;
   entry.FinalStatus = packet->FinalStatus;
   entry.StringCount = packet->NumberOfStrings;

@@ -10,6 +10,7 @@
 struct EventLogEntry {
   ULONG Code = 0;
   PDEVICE_OBJECT Device = nullptr;  // null when written for the driver object
+  UCHAR MajorFunction = 0;
   ULONG UniqueValue = 0;
   NTSTATUS FinalStatus = 0;
   USHORT StringCount = 0;

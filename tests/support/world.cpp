@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "driver/entry.h"
+#include "driver/event_log.h"
 #include "driver/trace.h"
 #include "platform/model/cancel_lock.h"
 #include "platform/model/causality.h"
@@ -30,6 +31,7 @@ void WorldLoad(World *World, const WorldOptions &Options) {
   }
   World->PortDriver = DriverLoad("LowerPort", LowerEntry);
   World->Driver = DriverLoad("Vorlix", DriverEntry);
+  EXPECT_EQ(EventLogEntries().back().Code, ULONG{EVENT_DRIVER_LOADED});
   if (Options.Name == DosName::OtherDriver) {
     World->OtherDriver = DriverLoad("OtherPort", LowerEntry);
   }
@@ -94,6 +96,18 @@ NTSTATUS WorldAdd(World *World, const WorldOptions &Options) {
   return Options.Start ? PnpStart(World->Node) : STATUS_SUCCESS;
 }
 
+// No event names a major function, informational ones tell of no failure, and only two have a
+// unique value: an internal one, and the call-down thread's, which has its status there.
+static void CheckEvents() {
+  for (const EventLogEntry &entry : EventLogEntries()) {
+    bool unique = entry.Code == EVENT_INTERNAL || entry.Code == EVENT_NO_THREAD;
+    EXPECT_EQ(entry.MajorFunction, 0) << std::hex << entry.Code;
+    EXPECT_EQ(entry.UniqueValue != 0, unique) << std::hex << entry.Code;
+    EXPECT_TRUE(entry.Code >> 30 != 1 || entry.FinalStatus == STATUS_SUCCESS)
+        << std::hex << entry.Code;
+  }
+}
+
 void WorldEnd(World *World) {
   CloseClient(World);
   CloseZk(World);
@@ -105,8 +119,12 @@ void WorldEnd(World *World) {
        {World->Driver, World->PortDriver, World->OtherDriver, World->RelayDriver}) {
     if (driver != nullptr) {
       DriverUnload(driver);
+      if (driver == World->Driver) {
+        EXPECT_EQ(EventLogEntries().back().Code, ULONG{EVENT_DRIVER_UNLOADED});
+      }
     }
   }
+  CheckEvents();
 }
 
 static void Play(const std::function<void(World *)> &Scenario, const WorldOptions &Options) {
@@ -386,6 +404,7 @@ NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet) {
     return Packet->Iosb.Status;
   }
   Packet->Irp->Cancel = Packet->Cancelled;
+  Packet->Irp->IoStatus.Status = Packet->Carried;
   Packet->Irp->IoStatus.Information = 77;
   Packet->Irp->AssociatedIrp.SystemBuffer = Packet->Bytes.empty() ? nullptr : Packet->Bytes.data();
   PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(Packet->Irp);
