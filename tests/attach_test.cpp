@@ -68,6 +68,8 @@ TEST(Attach, InheritsFlagsFromTheDeviceBelow) {
       EXPECT_NE(filter->Flags & DO_POWER_PAGABLE, 0u);
       PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
       EXPECT_EQ(control->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO), flags & ~DO_EXCLUSIVE);
+      EXPECT_NE(control->Flags & DO_POWER_PAGABLE, 0u);
+      EXPECT_NE(control->Flags & 0x40, 0u);  // what the system sets of a device with a name, stays
       EXPECT_EQ(control->StackSize, filter->StackSize + 1);
     });
   }
@@ -267,11 +269,18 @@ TEST(Attach, FailuresAreReported) {
     FaultPlan Plan;
     ULONG Event;
     bool ForDevice, Named;
+    NTSTATUS Status = STATUS_INSUFFICIENT_RESOURCES;
   };
   const Case cases[] = {
       // The first device is the port's.
       {{FaultDevice, 0, 2, false}, EVENT_NO_FILTER_DEVICE, false, false},
-      {{FaultPool, FourCharacters("ZK19"), 1, false}, EVENT_REFLECTED_PORT, false, false},
+      {{FaultPool, FourCharacters("ZK19"), 1, false},
+       EVENT_REFLECTED_PORT,
+       false,
+       false,
+       STATUS_INVALID_DEVICE_REQUEST},
+      // The name comes after four other values.
+      {{FaultPool, FourCharacters("ZK0B"), 5, false}, EVENT_NO_PORT_NAME, false, false},
       {{FaultPool, FourCharacters("ZK16"), 1, false}, EVENT_NO_CONTROL_DEVICE, true, true},
       {{FaultThread, 0, 1, false}, EVENT_NO_THREAD, true, true},
       {{FaultReference, 0, 1, false}, EVENT_NO_THREAD, true, true},
@@ -282,7 +291,7 @@ TEST(Attach, FailuresAreReported) {
         {},
         [&](World *world) {
           EXPECT_TRUE(FaultDisarm());
-          ASSERT_FALSE(NT_SUCCESS(world->AddStatus));
+          ASSERT_EQ(world->AddStatus, c.Status);
           EXPECT_EQ(EventLogCount(c.Event), 1u);
           EventLogEntry entry = EventLogEntries().back();
           EXPECT_EQ(entry.Code, c.Event);

@@ -23,6 +23,7 @@ static void ExpectRefused(World *World, const std::vector<std::string> &Frames, 
     EXPECT_EQ(StartWrite(World->Zk, &write, Frames[i]), STATUS_INVALID_PARAMETER) << i;
     EXPECT_EQ(write.Iosb.Information, 0u);
     EXPECT_EQ(EventLogCount(Event), i + 1);
+    EXPECT_EQ(EventLogEntries().back().FinalStatus, STATUS_INVALID_PARAMETER);
   }
 }
 
@@ -159,6 +160,7 @@ TEST_P(Controller, RepliesWaitForNormal) {
     Io read;
     EXPECT_EQ(StartRead(world->Zk, &read, 100), STATUS_INVALID_DEVICE_STATE);
     EXPECT_EQ(StartRead(world->Zk, &read, 0), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(read.Iosb.Information, 0u);
     ASSERT_EQ(SendCommand(world, COMMAND_SET_MODE, 12, MODE_NORMAL), STATUS_SUCCESS);
     Frame reply = NextFrame(world);
     EXPECT_EQ(reply.Header.Tag, 11u);
@@ -235,6 +237,13 @@ TEST_P(Controller, DataFramesReachThePort) {
     EXPECT_EQ(FileWait(&write), STATUS_IO_DEVICE_ERROR);
     EXPECT_EQ(NextFrame(world).MessageText(),
               "Error writing buffer to lower sink status 0xc0000185");
+    EXPECT_EQ(StartWrite(world->Zk, &write, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "y")),
+              STATUS_PENDING);
+    EXPECT_TRUE(FileCancel(&write));
+    EXPECT_EQ(FileWait(&write), STATUS_CANCELLED);
+    EXPECT_EQ(NextFrame(world).MessageText(),
+              "Error writing buffer to lower sink status 0xc0000120");
+    EXPECT_EQ(WorldPort(world)->RequestCount, 1);
   });
 }
 

@@ -279,6 +279,11 @@ TEST(Pnp, CancelledQueriesGiveThePortBack) {
     EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
     EXPECT_EQ(PnpQueryStop(world->Node), STATUS_DEVICE_BUSY);
     EXPECT_EQ(PnpCancelStop(world->Node), STATUS_SUCCESS);
+    // The manager asks the child first, which refuses; the filter refuses, too.
+    size_t below = LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_STOP_DEVICE);
+    EXPECT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_STOP_DEVICE),
+              STATUS_DEVICE_BUSY);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_STOP_DEVICE), below);
     Io write;
     EXPECT_EQ(StartWrite(world->Client, &write, "x"), STATUS_SUCCESS);
   });
@@ -441,14 +446,17 @@ TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
     PortExtension *port = WorldPort(world);
     GoNormal(world);
     ASSERT_EQ(PnpSend(port->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS);
-    Io write, second, cancelled, zkRead, command, nobodys;
+    Io write, second, cancelled, zkRead, command;
+    OwnPacket nobodys;
+    nobodys.Carried = STATUS_BUFFER_OVERFLOW;
+    nobodys.Bytes = MakeFrame(FRAME_DATA, 5, 0, "x");
     EXPECT_EQ(StartWrite(world->Client, &write, "later"), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &cancelled, "never"), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &second, ", last"), STATUS_PENDING);
     EXPECT_EQ(StartRead(world->Zk, &zkRead, 100), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Zk, &command, MakeFrame(FRAME_CONTROL, 9, COMMAND_GET_MODE)),
               STATUS_PENDING);
-    EXPECT_EQ(StartWrite(world->Zk, &nobodys, MakeFrame(FRAME_DATA, 5, 0, "x")), STATUS_PENDING);
+    EXPECT_EQ(OwnSend(port->ControlDevice, IRP_MJ_WRITE, &nobodys), STATUS_PENDING);
     EXPECT_EQ(port->RequestCount, 7);
     for (UCHAR major : {IRP_MJ_WRITE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
       OwnPacket late;
@@ -466,7 +474,7 @@ TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
     EXPECT_EQ(FileWait(&second), STATUS_SUCCESS);
     EXPECT_EQ(LowerWritten(&world->Lower), "later, last");
     EXPECT_EQ(FileWait(&command), STATUS_SUCCESS);
-    EXPECT_EQ(FileWait(&nobodys), STATUS_SUCCESS);  // ended with the status it came with
+    EXPECT_EQ(OwnWait(&nobodys), nobodys.Carried);
     EXPECT_EQ(FileWait(&zkRead), STATUS_SUCCESS);
     EXPECT_EQ(DecodeFrame(zkRead).Payload, "later");  // ZK's read stayed ZK's
     EXPECT_EQ(NextFrame(world).Payload, ", last");
@@ -747,6 +755,21 @@ TEST(Pnp, ACloseWithoutAnOpen) {
     EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
     PnpRemove(std::exchange(world->Node, nullptr), true);
     EXPECT_NE(DeviceCount(world->Driver), 0u);
+  });
+}
+
+// On a port that is gone cleanups and closes succeed, whatever they carried, and nothing else does.
+TEST(Pnp, RequestsOfAGonePort) {
+  RunWorld([](World *world) {
+    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
+    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+    PnpRemove(std::exchange(world->Node, nullptr), true);
+    for (UCHAR major : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_WRITE}) {
+      ULONG_PTR information = 77;
+      EXPECT_EQ(SendPacket(control, major, 0, nullptr, &information),
+                major == IRP_MJ_WRITE ? STATUS_DELETE_PENDING : STATUS_SUCCESS);
+      EXPECT_EQ(information, 0u);
+    }
   });
 }
 

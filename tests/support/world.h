@@ -109,6 +109,7 @@ NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Inpu
 // device that nobody has open. Send returns what the driver returned, Wait the final status.
 struct OwnPacket {
   bool Cancelled = false;
+  NTSTATUS Carried = STATUS_SUCCESS;  // when it is sent
   std::string Bytes;
   ULONG ControlCode = 0;
   PFILE_OBJECT File = nullptr;   // whose request it is, when it is one's
