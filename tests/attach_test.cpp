@@ -207,7 +207,7 @@ TEST(ControlDevice, IdentifiersAndNumberedNames) {
       return made ? text : u"failed"s;
     };
     EXPECT_EQ(build({}), u"");
-    EXPECT_EQ(build({"a,b\fc", "d"}), u"a\0b\0c\0d\0\0"s);
+    EXPECT_EQ(build({",a,b\fc", "d"}), u"\0a\0b\0c\0d\0\0"s);
     std::string tooLong(40000, 'x');  // for a counted string
     EXPECT_EQ(build({"one", tooLong.c_str()}), u"failed");
     std::u16string prefix(256, u'x');  // leaves no room for a number

@@ -158,6 +158,10 @@ TEST_P(ClientIo, NormalReadsAreServedFromProxyReads) {
           EXPECT_EQ(StartRead(world->Client, &read, c.Asked), STATUS_PENDING);
           EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, c.Issued);
           EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).FsContext, &lower->OpenContext);
+          ULONG buffered =
+              GetParam() == DO_BUFFERED_IO ? IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER : 0;
+          EXPECT_EQ(WorldPort(world)->Engine.ReadIrp->Flags,
+                    IRP_DEFER_IO_COMPLETION | IRP_READ_OPERATION | IRP_INPUT_OPERATION | buffered);
           LowerFeed(lower, "12345");
           EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
           EXPECT_EQ(read.Text(), "12345");

@@ -302,12 +302,18 @@ TEST(Messages, LengthBound) {
     auto text = [](const std::u16string &Text) { return reinterpret_cast<PCWSTR>(Text.c_str()); };
     EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"%ws", text(longest)), STATUS_SUCCESS);
     Frame frame = NextFrame(world);
+    EXPECT_EQ(frame.Header.Type, static_cast<ULONG>(FRAME_REPORT));
     EXPECT_EQ(frame.Header.Length, 2076u);
     EXPECT_EQ(frame.MessageText(), std::string(1023, 'm'));
     EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"%ws", text(longest + u"m")),
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"%ws", nullptr), STATUS_SUCCESS);
     EXPECT_EQ(NextFrame(world).MessageText(), "(null)");
+    for (ULONG tag : {FourCharacters("ZK0F"), FourCharacters("ZK10")}) {
+      FaultArm({FaultPool, tag, 1, false});
+      EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"lost"), STATUS_INSUFFICIENT_RESOURCES);
+      EXPECT_TRUE(FaultDisarm());
+    }
   });
 }
 

@@ -174,6 +174,7 @@ TEST(Routing, ControlDeviceAnswersForItself) {
     Io io;
     StartControl(world->Zk, &io, CTL_CODE(FILE_DEVICE_SERIAL_PORT, 1, METHOD_BUFFERED, 0));
     EXPECT_EQ(FileWait(&io), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(io.Iosb.Information, 0u);
     EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_DEVICE_CONTROL), 0u);
     PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
     for (UCHAR major : {IRP_MJ_FLUSH_BUFFERS, IRP_MJ_QUERY_INFORMATION, IRP_MJ_SHUTDOWN}) {

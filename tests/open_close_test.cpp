@@ -99,7 +99,8 @@ TEST(OpenClose, AnOpenWaitsBehindTheOneUnderWay) {
 }
 
 // ZK's open and its frames behind a client's open that the port takes its time for: the frame that
-// sets the mode finds ZK's side open, and the one behind it the mode set.
+// sets the mode finds ZK's side open, and those behind it the mode set. However many there are,
+// they need no more stack than one.
 TEST(Serializer, OpensAndFramesKeepTheirOrder) {
   RunWorld([](World *world) {
     LowerPort *lower = &world->Lower;
@@ -108,19 +109,22 @@ TEST(Serializer, OpensAndFramesKeepTheirOrder) {
     ThreadSettle();
     PKTHREAD zk = ThreadStart("zk", [&] { EXPECT_EQ(OpenZk(world), STATUS_SUCCESS); });
     ThreadSettle();
-    OwnPacket frames[2];
+    OwnPacket frames[6];
+    for (OwnPacket &frame : frames) {
+      frame.Bytes = MakeFrame(FRAME_CONTROL, 2, COMMAND_GET_MODE);
+    }
     frames[0].Bytes = MakeFrame(FRAME_CONTROL, 1, COMMAND_SET_MODE, MakeArgument(MODE_NORMAL));
-    frames[1].Bytes = MakeFrame(FRAME_CONTROL, 2, COMMAND_GET_MODE);
     for (OwnPacket &frame : frames) {
       EXPECT_EQ(OwnSend(WorldPort(world)->ControlDevice, IRP_MJ_WRITE, &frame), STATUS_PENDING);
     }
-    EXPECT_EQ(WorldPort(world)->RequestCount, 5);
+    EXPECT_EQ(WorldPort(world)->RequestCount, 9);
     EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE));
     ThreadJoin(client);
     ThreadJoin(zk);
     for (OwnPacket &frame : frames) {
       EXPECT_EQ(OwnWait(&frame), STATUS_SUCCESS);
       EXPECT_EQ(frame.Iosb.Information, frame.Bytes.size());
+      EXPECT_EQ(frame.Stack, frames[0].Stack);
     }
     Frame reply = NextFrame(world);
     EXPECT_EQ(reply.Header.Tag, 1u);

@@ -392,6 +392,23 @@ TEST(Races, RemovalAgainstCommands) {
   ExpectOutcomes(seen, {"success/success", "success/refused", "refused/refused"});
 }
 
+// What was admitted is completed before the removal has gone through.
+TEST(Races, RemovalAgainstACompletion) {
+  auto seen = Outcomes([](World *world) {
+    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+    Io control;
+    control.Context = world;
+    control.OnDone = [](FileRequest *request, void *context) {
+      Must(request->Iosb.Status != STATUS_NOT_SUPPORTED ||
+               static_cast<World *>(context)->Node != nullptr,
+           "a removal that waits for its requests");
+    };
+    RemoveAgainst(world, [&] { StartControl(world->Zk, &control, 0); });
+    return StatusName(FileWait(&control));
+  });
+  ExpectOutcomes(seen, {StatusName(STATUS_NOT_SUPPORTED), "refused"});
+}
+
 TEST(Races, CancelAgainstRemoval) {
   auto seen = Outcomes([](World *world) {
     GoNormal(world, false);

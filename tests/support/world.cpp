@@ -388,6 +388,7 @@ NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Inpu
 static NTSTATUS OwnDone(PDEVICE_OBJECT, PIRP Irp, PVOID Context) {
   auto *packet = static_cast<OwnPacket *>(Context);
   packet->Iosb = Irp->IoStatus;
+  packet->Stack = __builtin_frame_address(0);
   if (packet->AtDone) {
     packet->AtDone();
   }

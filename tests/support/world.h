@@ -117,6 +117,7 @@ struct OwnPacket {
   IO_STATUS_BLOCK Iosb = {};
   PIRP Irp = nullptr;
   KEVENT Done = {};
+  const void *Stack = nullptr;  // where its completion stood
 };
 NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet);
 NTSTATUS OwnWait(OwnPacket *Packet);
