@@ -224,6 +224,7 @@ static ExploreResult ExploreBy(const ExploreOptions &Explore, bool Turns,
   if (result.Orders.size() > 1) {
     printf("  %llu runs, %zu orders\n", static_cast<unsigned long long>(result.Runs),
            result.Orders.size());
+    fflush(stdout);
   }
   EXPECT_FALSE(result.Failure.Stopped) << result.Failure.Text;
   EXPECT_TRUE(result.Exhausted || result.Failure.Stopped) << "gave up after " << result.Runs;
@@ -236,6 +237,11 @@ static ExploreResult ExploreBy(const ExploreOptions &Explore, bool Turns,
 ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions,
                            const WorldOptions &Options) {
   return ExploreBy(AskedFor(Preemptions), true, Scenario, Options);
+}
+
+ExploreResult ExploreWorldAlone(const std::function<void(World *)> &Scenario, unsigned Preemptions,
+                                const WorldOptions &Options) {
+  return ExploreBy(AskedFor(Preemptions), false, Scenario, Options);
 }
 
 ExploreResult ExploreWorldByChance(const char *How, const std::function<void(World *)> &Scenario,

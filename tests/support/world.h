@@ -66,6 +66,9 @@ void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &
 // tells with ExploreSaw how it ended, and a failed expectation ends the exploration.
 ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions = 2,
                            const WorldOptions &Options = {});
+// Without the failing calls (see failing.h).
+ExploreResult ExploreWorldAlone(const std::function<void(World *)> &Scenario, unsigned Preemptions,
+                                const WorldOptions &Options = {});
 // The same under so many schedules drawn by chance, as ExploreRead reads How.
 ExploreResult ExploreWorldByChance(const char *How, const std::function<void(World *)> &Scenario,
                                    const WorldOptions &Options = {});
