@@ -345,21 +345,6 @@ TEST(Races, RemovalAgainstTheGate) {
   ExpectOutcomes(seen, {"refused"});
 }
 
-TEST(Races, CancelOfAQueryAgainstTheGate) {
-  auto seen = Outcomes([](World *world) {
-    OpenClient(world);
-    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
-    PnpSend(filter, IRP_MN_QUERY_REMOVE_DEVICE);
-    Io write;
-    NTSTATUS returned = STATUS_SUCCESS;
-    Against([&] { PnpSend(filter, IRP_MN_CANCEL_REMOVE_DEVICE); },
-            [&] { returned = StartWrite(world->Client, &write, "x"); });
-    EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
-    return std::string(returned == STATUS_PENDING ? "parked" : "passed");
-  });
-  ExpectOutcomes(seen, {"parked", "passed"});
-}
-
 // Closes come at every moment of a removal, and long after it.
 TEST(Races, RemovalAgainstCloses) {
   ExploreWorld([=](World *world) {

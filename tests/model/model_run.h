@@ -6,6 +6,7 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "platform/model/model.h"
 
@@ -53,4 +54,24 @@ inline void ExpectStopped(std::span<const BadRoutine> All) {
     RunReport report = ModelRun({}, bad.Body);
     EXPECT_EQ(report.Rule, bad.Rule) << bad.Name << "\n" << report.Text;
   }
+}
+
+// Each body on a thread of its own; the window, if there is one, is until they have ended.
+inline void Together(std::initializer_list<std::function<void()>> bodies, bool window = true) {
+  std::vector<PKTHREAD> threads;
+  for (const auto &body : bodies) {
+    const char name[] = {static_cast<char>('a' + threads.size()), '\0'};
+    threads.push_back(ThreadStart(name, body));
+  }
+  ExploreWindow(window);
+  for (PKTHREAD thread : threads) {
+    ThreadJoin(thread);
+  }
+  ExploreWindow(false);
+}
+
+inline ExploreResult ExploreAs(const char *how, const std::function<void()> &scenario) {
+  ExploreOptions options;
+  EXPECT_TRUE(ExploreRead(how, &options)) << how;
+  return ModelExplore(options, scenario);
 }

@@ -5,25 +5,6 @@
 #include "platform/model/schedule.h"
 #include "tests/model/two_drivers.h"
 
-static void Together(std::initializer_list<std::function<void()>> bodies) {
-  std::vector<PKTHREAD> threads;
-  for (const auto &body : bodies) {
-    const char name[] = {static_cast<char>('a' + threads.size()), '\0'};
-    threads.push_back(ThreadStart(name, body));
-  }
-  ExploreWindow(true);
-  for (PKTHREAD thread : threads) {
-    ThreadJoin(thread);
-  }
-  ExploreWindow(false);
-}
-
-static ExploreResult ExploreAs(const char *how, const std::function<void()> &scenario) {
-  ExploreOptions options;
-  EXPECT_TRUE(ExploreRead(how, &options)) << how;
-  return ModelExplore(options, scenario);
-}
-
 // --- faults that must be found ------------------------------------------------------------------
 
 constexpr ULONG Tag = 0x796F54;

@@ -7,20 +7,6 @@
 #include "platform/model/shrink.h"
 #include "tests/model/model_run.h"
 
-// Each body on a thread of its own; the window, if there is one, is until they have ended.
-static void Together(std::initializer_list<std::function<void()>> bodies, bool window = true) {
-  std::vector<PKTHREAD> threads;
-  for (const auto &body : bodies) {
-    const char name[] = {static_cast<char>('a' + threads.size()), '\0'};
-    threads.push_back(ThreadStart(name, body));
-  }
-  ExploreWindow(window);
-  for (PKTHREAD thread : threads) {
-    ThreadJoin(thread);
-  }
-  ExploreWindow(false);
-}
-
 static void ExpectParts(const std::string &text, std::initializer_list<const char *> parts) {
   for (const char *part : parts) {
     EXPECT_NE(text.find(part), std::string::npos) << part << " is missing in\n" << text;
@@ -196,12 +182,6 @@ TEST(Replay, AnotherWayIsNoticed) {
 }
 
 // --- policies -----------------------------------------------------------------------------------
-
-static ExploreResult ExploreAs(const char *how, const std::function<void()> &scenario) {
-  ExploreOptions options;
-  EXPECT_TRUE(ExploreRead(how, &options)) << how;
-  return ModelExplore(options, scenario);
-}
 
 TEST(Policies, FindAPlantedRaceAndShowItShort) {
   for (const char *how : {"random runs=100", "pct depth=2 runs=100", "exhaust preemptions=2"}) {

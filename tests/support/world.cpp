@@ -239,11 +239,6 @@ ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigne
   return ExploreBy(AskedFor(Preemptions), true, Scenario, Options);
 }
 
-ExploreResult ExploreWorldAlone(const std::function<void(World *)> &Scenario, unsigned Preemptions,
-                                const WorldOptions &Options) {
-  return ExploreBy(AskedFor(Preemptions), false, Scenario, Options);
-}
-
 ExploreResult ExploreWorldByChance(const char *How, const std::function<void(World *)> &Scenario,
                                    const WorldOptions &Options) {
   ExploreOptions explore = AskedFor(0);

@@ -66,10 +66,7 @@ void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &
 // tells with ExploreSaw how it ended, and a failed expectation ends the exploration.
 ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions = 2,
                            const WorldOptions &Options = {});
-// Without the failing calls (see failing.h).
-ExploreResult ExploreWorldAlone(const std::function<void(World *)> &Scenario, unsigned Preemptions,
-                                const WorldOptions &Options = {});
-// The same under so many schedules drawn by chance, as ExploreRead reads How.
+// Under so many schedules drawn by chance, as ExploreRead reads How; without failing calls.
 ExploreResult ExploreWorldByChance(const char *How, const std::function<void(World *)> &Scenario,
                                    const WorldOptions &Options = {});
 // A failed expectation among these, from the one given on, ends the run like a rule of the
