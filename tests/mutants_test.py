@@ -4,7 +4,7 @@ import pathlib
 import sys
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "mutants"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "measure"))
 
 import mutants  # noqa: E402
 import mutations  # noqa: E402

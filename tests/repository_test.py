@@ -108,7 +108,7 @@ class Sources(unittest.TestCase):
             return sum(1 for path in sources(folders, (".h", ".cpp", ".py", ".sh"))
                        for line in path.read_text().splitlines() if line.strip())
         tests = count(("tests",))
-        everything = count(SOURCES + ("windows", "mutants"))
+        everything = count(SOURCES + ("windows", "measure"))
         share = 100 * tests / everything
         self.assertTrue(24 <= share <= 35, f"tests are {share:.0f}% of {everything} lines")
 

@@ -1,6 +1,8 @@
 // What exploring is worth: small programs whose faults it must find, each kind of switch point with
 // the fault that is missed without it, and the same orders with fewer runs.
+#include <algorithm>
 #include <array>
+#include <ranges>
 
 #include "platform/model/schedule.h"
 #include "tests/model/two_drivers.h"
@@ -302,14 +304,6 @@ static void PlaySmall(const Small &small) {
   ExploreSaw(seen[0] + "/ " + seen[1] + "/ " + seen[2] + "/ " + seen[3]);
 }
 
-static std::vector<std::string> SeenIn(const ExploreResult &result) {
-  std::vector<std::string> seen;
-  for (const auto &[text, outcome] : result.Outcomes) {
-    seen.push_back(text);
-  }
-  return seen;
-}
-
 // Both what the orders are by their prints, and what the parties saw, which knows nothing of
 // prints.
 TEST(Reduction, RunsTheSameOrdersInFewerRuns) {
@@ -346,7 +340,8 @@ TEST(Reduction, RunsTheSameOrdersInFewerRuns) {
       ExploreResult all = ModelExplore(options, [&] { PlaySmall(small); });
       EXPECT_TRUE(reduced.Exhausted && all.Exhausted) << all.Failure.Text;
       EXPECT_EQ(reduced.Orders, all.Orders) << small.Parties[0] << " " << preemptions;
-      EXPECT_EQ(SeenIn(reduced), SeenIn(all)) << small.Parties[0] << " " << preemptions;
+      EXPECT_TRUE(
+          std::ranges::equal(std::views::keys(reduced.Outcomes), std::views::keys(all.Outcomes)));
       EXPECT_GE(reduced.Runs, reduced.Orders.size());
       runs[0] += reduced.Runs;
       runs[1] += all.Runs;

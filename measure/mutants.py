@@ -215,7 +215,7 @@ def main(count, seed, where=""):
     clean = Clean()
     mutants = mutations.all_mutants(clean.texts)
     known = without_equivalent(
-        mutants, read_equivalent((ROOT / "mutants/equivalent.txt").read_text()))
+        mutants, read_equivalent((ROOT / "measure/equivalent.txt").read_text()))
     clean.measure()
     drawn = mutations.draw([m for m in mutants if where in " | ".join(key(m))], int(count), seed)
     print(f"{len(mutants)} mutants, {len(drawn)} drawn by {seed}", flush=True)

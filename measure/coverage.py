@@ -79,7 +79,7 @@ def branches(data):
 
 def read_exceptions():
     known = collections.defaultdict(list)
-    for line in (ROOT / "tests/coverage_exceptions.txt").read_text().splitlines():
+    for line in (ROOT / "measure/coverage_exceptions.txt").read_text().splitlines():
         if line.strip() and not line.startswith("#"):
             # A condition may hold bars itself.
             name, where, rest = (part.strip() for part in line.split(" | ", 2))
