@@ -41,8 +41,9 @@ struct ThreadRunner {
 struct _KTHREAD {
   DISPATCHER_HEADER Header;
   char Name[24];
-  bool System;      // started by PsCreateSystemThread
-  unsigned Number;  // in the order of the run's threads, from 1
+  bool System;           // started by PsCreateSystemThread
+  PDRIVER_OBJECT Maker;  // of a system thread: whose routine called it, if that is known
+  unsigned Number;       // in the order of the run's threads, from 1
 
   // The thread's own.
   KIRQL Irql;

@@ -4,7 +4,10 @@
 #include "platform/model/executor.h"
 #include "platform/model/faults.h"
 #include "platform/model/objects.h"
+#include "platform/model/packets.h"
+#include "platform/model/scheduler.h"
 #include "platform/model/thread_object.h"
+#include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 
 NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID,
@@ -21,7 +24,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
   };
   PKTHREAD thread = ThreadCreate(name, body, FiberBytes);
   thread->System = true;
-  thread->Acting = ThreadSelf()->Acting;
+  thread->Maker = thread->Acting = ThreadSelf()->Acting;
   *ThreadHandle = ObjectOpenHandle(thread, nullptr);
   ThreadLaunch(thread);
   ObjectRelease(thread);
@@ -37,6 +40,32 @@ NTSTATUS PsTerminateSystemThread(NTSTATUS) {
   VerifierRequireNoLocks("PsTerminateSystemThread", nullptr);
   VerifierRequireIrql(PASSIVE_LEVEL, "PsTerminateSystemThread");
   ThreadEnd();
+}
+
+// Frames of others are looked at only where those stand still.
+static bool RunsCodeOf(const _KTHREAD *Thread, PDRIVER_OBJECT Driver) {
+  if (Thread->Maker == Driver) {
+    return true;
+  }
+  if (ThreadsInUse) {
+    return false;
+  }
+  bool runs = Thread->Acting == Driver;
+  for (const DispatchFrame *frame = Thread->Dispatching; frame && !runs; frame = frame->Outer) {
+    runs = frame->Driver == Driver || frame->ActedBefore == Driver;
+  }
+  return runs;
+}
+
+void ThreadsCheckUnloaded(PDRIVER_OBJECT Driver) {
+  Guard guard(DispatcherMutex);
+  for (PLIST_ENTRY entry = ThreadList.Flink; entry != &ThreadList; entry = entry->Flink) {
+    const _KTHREAD *thread = CONTAINING_RECORD(entry, _KTHREAD, AllLink);
+    if (RunsCodeOf(thread, Driver)) {
+      VerifierStop("unload.running", nullptr, "%s is unloaded while \"%s\" runs its code",
+                   DriverText(Driver).c_str(), thread->Name);
+    }
+  }
 }
 
 PKTHREAD KeGetCurrentThread(void) {

@@ -34,6 +34,7 @@ void UnloadRun(PDRIVER_OBJECT Driver) {
 
 void UnloadCheck(PDRIVER_OBJECT Driver) {
   if (VerifierOn()) {
+    ThreadsCheckUnloaded(Driver);
     PacketsCheckUnloaded(Driver);
     MdlsCheckUnloaded(Driver);
     PoolCheckUnloaded(Driver);

@@ -3,6 +3,7 @@
 // The verifier's rules here:
 //
 //   pool.unloading             pool allocated by a driver that is being unloaded
+//   unload.running             its code still runs on some thread when its unload routine returns
 //   leak.pool leak.packet leak.mdl   made by a driver and left at its unload
 #pragma once
 
@@ -37,7 +38,8 @@ void UnloadBoot();
 // The driver's name, for reports.
 std::string DriverText(PDRIVER_OBJECT Driver);
 
-// Parts of UnloadCheck: stop the run when something that the driver made is left.
+// Parts of UnloadCheck: stop the run when something that the driver made is left, or its code runs.
+void ThreadsCheckUnloaded(PDRIVER_OBJECT Driver);
 void PoolCheckUnloaded(PDRIVER_OBJECT Driver);
 void PacketsCheckUnloaded(PDRIVER_OBJECT Driver);
 void MdlsCheckUnloaded(PDRIVER_OBJECT Driver);

@@ -137,6 +137,59 @@ TEST(BadDrivers, WhatIsLeftAtAnUnloadHasAMaker) {
   }
 }
 
+static KEVENT Never;
+
+static void SleepForEver() {
+  KeInitializeEvent(&Never, NotificationEvent, FALSE);
+  WaitForEver(&Never);
+}
+
+static NTSTATUS SleepInEntry(PDRIVER_OBJECT, PUNICODE_STRING) {
+  HANDLE thread;
+  auto body = [](PVOID) { SleepForEver(); };
+  PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, body, nullptr);
+  ZwClose(thread);
+  return STATUS_SUCCESS;
+}
+
+// Unloads the two while a read sleeps somewhere in them.
+static void UnloadMeanwhile(PDRIVER_DISPATCH Upper, PDRIVER_DISPATCH Lower) {
+  OnUpper = Upper;
+  OnLower = Lower;
+  ThreadStart("sender", [] { SendRead(); });
+  ThreadSettle();
+  TwoUnload();
+}
+
+static const BadRoutine RunningDrivers[] = {
+    {"its thread", "unload.running", [] { DriverUnload(DriverLoad("Threaded", SleepInEntry)); }},
+    {"a completion routine", "unload.running",
+     [] {
+       auto upper = [](PDEVICE_OBJECT, PIRP Irp) {
+         IoCopyCurrentIrpStackLocationToNext(Irp);
+         SetRoutine(Irp, [](PDEVICE_OBJECT, PIRP, PVOID) {
+           SleepForEver();
+           return STATUS_SUCCESS;
+         });
+         return IofCallDriver(Two.Lower, Irp);
+       };
+       UnloadMeanwhile(upper, Succeed);
+     }},
+    {"a dispatch routine that has completed its packet", "unload.running",
+     [] {
+       auto upper = [](PDEVICE_OBJECT Device, PIRP Irp) {
+         NTSTATUS status = Succeed(Device, Irp);
+         SleepForEver();
+         return status;
+       };
+       UnloadMeanwhile(upper, Succeed);
+     }},
+};
+
+TEST(BadDrivers, TheirCodeRunsOnAfterTheUnload) {
+  ExpectTwoStopped(RunningDrivers);
+}
+
 // ---- memory and the rest ----
 
 static PWSTR EndlessText() {
