@@ -94,6 +94,7 @@ static PDEVICE_OBJECT MakeDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, DEV
                                  ULONG Characteristics, BOOLEAN Exclusive) {
   DeviceBody *body = static_cast<DeviceBody *>(
       ObjectCreate(ObjectKind::Device, sizeof(DeviceBody) + ExtensionSize, DeviceGone));
+  ObjectKeep(body);
   PDEVICE_OBJECT device = &body->Object;
   device->Type = DeviceObjectType;
   device->Size = static_cast<USHORT>(sizeof(DEVICE_OBJECT) + ExtensionSize);
@@ -137,7 +138,7 @@ static NTSTATUS CreateDevice(PDRIVER_OBJECT Driver, ULONG ExtensionSize, PUNICOD
     }
   }
   if (collides) {
-    ObfDereferenceObject(device);
+    ObjectLetGo(device);
     return STATUS_OBJECT_NAME_COLLISION;
   }
   HistoryNote("device created", device);
@@ -210,7 +211,7 @@ void IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
     unused = LeaveDriverIfUnused(DeviceObject);
   }
   if (unused) {
-    ObfDereferenceObject(DeviceObject);
+    ObjectLetGo(DeviceObject);
   }
 }
 
@@ -323,7 +324,7 @@ void IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
     unused = LeaveDriverIfUnused(TargetDevice);
   }
   if (unused) {
-    ObfDereferenceObject(TargetDevice);
+    ObjectLetGo(TargetDevice);
   }
 }
 
@@ -367,7 +368,7 @@ void DeviceCloseFile(PDEVICE_OBJECT Device, bool FromHandle) {
     }
   }
   if (unused) {
-    ObfDereferenceObject(Device);
+    ObjectLetGo(Device);
   }
   while (waiters) {
     OpensWaiter *waiter = waiters;

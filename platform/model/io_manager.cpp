@@ -39,6 +39,7 @@ PDRIVER_OBJECT DriverMake(const char *Name, PDRIVER_INITIALIZE Entry) {
   }
   DriverBody *body =
       static_cast<DriverBody *>(ObjectCreate(ObjectKind::Driver, sizeof(DriverBody), nullptr));
+  ObjectKeep(body);
   memcpy(body->Name, name.data(), name.size() * sizeof(WCHAR));
   PDRIVER_OBJECT driver = &body->Object;
   driver->Type = DriverType;
@@ -85,7 +86,7 @@ PDRIVER_OBJECT DriverLoad(const std::string &Name, PDRIVER_INITIALIZE Entry, NTS
   if (!NT_SUCCESS(status)) {
     RequireNoDevices(driver, "by an entry routine that failed");
     UnloadCheck(driver);
-    ObfDereferenceObject(driver);
+    ObjectLetGo(driver);
     return nullptr;
   }
   Guard guard(DeviceMutex);
@@ -98,7 +99,7 @@ PDRIVER_OBJECT DriverLoad(const std::string &Name, PDRIVER_INITIALIZE Entry, NTS
 void DriverUnload(PDRIVER_OBJECT Driver) {
   UnloadRun(Driver);
   RequireNoDevices(Driver, "after the unload routine");
-  ObfDereferenceObject(Driver);
+  ObjectLetGo(Driver);
   // What is left of the last driver can belong to nobody else.
   if (VerifierOn() && ObjectCount(ObjectKind::Driver) == 0) {
     RequestArea.Check();

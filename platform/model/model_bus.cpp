@@ -134,7 +134,7 @@ PDEVICE_OBJECT BusMakeDevice(PnpNode *Node) {
 void BusDeleteDevice(PDEVICE_OBJECT Device) {
   IoDeleteDevice(Device);
   if (--BusDevices == 0) {
-    ObfDereferenceObject(BusDriver);
+    ObjectLetGo(BusDriver);
     BusDriver = nullptr;
   }
 }

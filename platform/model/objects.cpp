@@ -29,7 +29,8 @@ struct alignas(16) ObjectHeader {
   bool Dead;    // kept, forbidden, in the graveyard
   bool Hidden;  // not counted
   int64_t References;
-  uint64_t Handles;
+  uint64_t Handles;  // each has a reference
+  uint64_t Kept;     // references of the model's own
   ObjectDelete Delete;
   size_t Bytes;
 };
@@ -173,6 +174,14 @@ int64_t ObjectRelease(void *Object) {
     ObjectHeader *header = Require(Object, "ObDereferenceObject");
     left = --header->References;
     CausalTouch(header, left > 0 ? Access::Add : Access::Write);
+    if (VerifierEnabled && left < static_cast<int64_t>(header->Kept + header->Handles)) {
+      VerifierStop(
+          "object.over-dereferenced", Object,
+          "ObDereferenceObject: the %s object at %p has %lld references left, and %llu are "
+          "the system's",
+          KindText(header->Kind), Object, static_cast<long long>(left),
+          static_cast<unsigned long long>(header->Kept + header->Handles));
+    }
     if (left > 0 || header->Dying) {
       return left;
     }
@@ -194,6 +203,19 @@ LONG_PTR ObfDereferenceObject(PVOID Object) {
   // The object may be gone by now; only its address is used.
   SwitchPoint(SwitchReason::Dereferenced, Object);
   return left;
+}
+
+void ObjectKeep(void *Body) {
+  Guard guard(objectMutex);
+  ++Require(Body, "ObjectKeep")->Kept;
+}
+
+void ObjectLetGo(void *Body) {
+  {
+    Guard guard(objectMutex);
+    --Require(Body, "ObjectLetGo")->Kept;
+  }
+  ObfDereferenceObject(Body);
 }
 
 // --- handles -----------------------------------------------------------------------------------

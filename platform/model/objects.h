@@ -18,6 +18,10 @@ bool ObjectIs(const void *Body, ObjectKind Kind);
 int64_t ObjectReferences(const void *Body);
 // Drops a reference and returns how many are left, at one go: no other thread runs in between.
 int64_t ObjectRelease(void *Body);
+// One of the references is the model's own from now on; it is given back by ObjectLetGo alone, and
+// who drops it by ObDereferenceObject is stopped.
+void ObjectKeep(void *Body);
+void ObjectLetGo(void *Body);
 
 // A handle holds a reference of its own. OnLastHandle (may be null) is called by ZwClose when the
 // object's last handle is closed, before that handle's reference is dropped (file cleanup).

@@ -345,6 +345,7 @@ static PKTHREAD ThreadMake(const char *name, std::function<void()> body) {
 PKTHREAD ThreadCreate(const char *Name, std::function<void()> Body, size_t StackBytes) {
   PKTHREAD thread = ThreadMake(Name, std::move(Body));
   ObfReferenceObject(thread);
+  ObjectKeep(thread);
   CausalFork(thread);
   Guard guard(DispatcherMutex);
   InsertTailList(&ThreadList, &thread->AllLink);
@@ -390,7 +391,7 @@ void ThreadEnd() {
   memcpy(&exit, &self->Runner->Exit, sizeof exit);
   // The object may go with its last reference; nothing below belongs to it.
   CurrentThread = nullptr;
-  ObjectRelease(self);
+  ObjectLetGo(self);
   if (!ThreadsInUse) {
     PKTHREAD next = ChooseNext();
     next->State = ThreadState::Running;

@@ -6,6 +6,7 @@
 #include "platform/model/mdl.h"
 #include "platform/model/packets.h"
 #include "platform/model/paged_pool.h"
+#include "platform/model/registry_keys.h"
 #include "tests/model/two_drivers.h"
 
 static constexpr ULONG Tag = FourCharacters("Test");
@@ -188,6 +189,56 @@ static const BadRoutine RunningDrivers[] = {
 
 TEST(BadDrivers, TheirCodeRunsOnAfterTheUnload) {
   ExpectTwoStopped(RunningDrivers);
+}
+
+// ---- a reference dropped once too often ----
+
+static const BadRoutine OverDereferencers[] = {
+    {"a driver's", "object.over-dereferenced",
+     [] {
+       ObDereferenceObject(Two.UpperDriver);
+       TwoUnload();
+     }},
+    {"a device's", "object.over-dereferenced", [] { ObDereferenceObject(Two.Lower); }},
+    {"an open device's", "object.over-dereferenced",
+     [] {
+       HANDLE handle = OpenLow();
+       ObDereferenceObject(Two.Lower);
+       FileClose(handle);
+     }},
+    {"a deleted device's", "object.dead",
+     [] {
+       IoDetachDevice(Two.Lower);
+       IoDeleteDevice(Two.Upper);
+       ObDereferenceObject(Two.Upper);
+     }},
+    {"deletes a device that has gone", "device.not-live",
+     [] {
+       IoDetachDevice(Two.Lower);
+       IoDeleteDevice(Two.Upper);
+       IoDeleteDevice(Two.Upper);
+     }},
+    {"a file's", "object.over-dereferenced", [] { ObDereferenceObject(FileObject(OpenLow())); }},
+    {"a running thread's", "object.over-dereferenced",
+     [] {
+       PKTHREAD thread = ThreadStart("sleeper", SleepForEver);
+       ObDereferenceObject(thread);
+       ObDereferenceObject(thread);
+     }},
+    {"that of a key's handle", "object.over-dereferenced",
+     [] {
+       HANDLE key;
+       PVOID body;
+       RegistryAddKey("\\Key", {});
+       RegistryOpenKey("\\Key", &key);
+       ObReferenceObjectByHandle(key, 0, nullptr, KernelMode, &body, nullptr);
+       ObDereferenceObject(body);
+       ObDereferenceObject(body);
+     }},
+};
+
+TEST(BadDrivers, OverDereference) {
+  ExpectTwoStopped(OverDereferencers);
 }
 
 // ---- memory and the rest ----
