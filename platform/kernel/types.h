@@ -81,7 +81,15 @@ typedef struct _IO_STATUS_BLOCK {
   ULONG_PTR Information;
 } IO_STATUS_BLOCK, *PIO_STATUS_BLOCK;
 
-typedef struct _OBJECT_ATTRIBUTES OBJECT_ATTRIBUTES, *POBJECT_ATTRIBUTES;
+typedef struct _OBJECT_ATTRIBUTES {
+  ULONG Length;
+  HANDLE RootDirectory;
+  PUNICODE_STRING ObjectName;
+  ULONG Attributes;
+  PVOID SecurityDescriptor;
+  PVOID SecurityQualityOfService;
+} OBJECT_ATTRIBUTES, *POBJECT_ATTRIBUTES;
+#define OBJ_KERNEL_HANDLE 0x00000200L
 typedef struct _CLIENT_ID CLIENT_ID, *PCLIENT_ID;
 typedef struct _OBJECT_TYPE *POBJECT_TYPE;
 typedef struct _KTHREAD *PKTHREAD, *PETHREAD;

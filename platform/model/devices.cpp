@@ -433,13 +433,15 @@ void DeviceShutWhenUnused(const PDEVICE_OBJECT *Bottoms, size_t Count) {
 
 CallbackScope CallbackBegin() {
   PKTHREAD self = ThreadSelf();
-  CallbackScope scope = {KeGetCurrentIrql(), VerifierLocksHeld(), self->Dispatching};
+  CallbackScope scope = {KeGetCurrentIrql(), VerifierLocksHeld(), self->Dispatching, self->OfUser};
   self->Dispatching = nullptr;
+  self->OfUser = false;
   return scope;
 }
 
 void CallbackEnd(const CallbackScope &Scope, const char *What) {
   ThreadSelf()->Dispatching = Scope.Frames;
+  ThreadSelf()->OfUser = Scope.OfUser;
   if (!VerifierOn()) {
     return;
   }

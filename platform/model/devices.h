@@ -95,11 +95,13 @@ bool DeviceShutUnlessOpen(const PDEVICE_OBJECT *Bottoms, size_t Count);
 // Waits for the last of these file objects to go, and shuts the doors in the same step.
 void DeviceShutWhenUnused(const PDEVICE_OBJECT *Bottoms, size_t Count);
 
-// Around a call of a driver's routine: stops when IRQL or locks differ after it.
+// Around a call of a driver's routine, which is made in the system's process: stops when IRQL or
+// locks differ after it.
 struct CallbackScope {
   KIRQL Irql;
   unsigned Locks;
   struct DispatchFrame *Frames;
+  bool OfUser;
 };
 CallbackScope CallbackBegin();
 void CallbackEnd(const CallbackScope &Scope, const char *What);

@@ -139,6 +139,7 @@ static NTSTATUS OpenByName(const std::string &Name, bool LocalSystem, bool FromH
 }
 
 NTSTATUS FileOpen(const std::string &Name, Account Who, HANDLE *Handle, FileOpening *Opening) {
+  InProcess process(true);
   *Handle = nullptr;
   FileBody *body;
   NTSTATUS status =
@@ -155,6 +156,7 @@ bool FileCancelOpen(FileOpening *Opening) {
 }
 
 void FileClose(HANDLE Handle) {
+  InProcess process(true);
   if (Handle) {
     ZwClose(Handle);
   }
@@ -431,6 +433,7 @@ static void FillRequest(FileIo *Io, PIRP Irp, FileBody *Body, ULONG DeviceFlags)
 
 NTSTATUS FileSend(HANDLE Handle, FileRequest *Request) {
   VerifierRequireIrql(PASSIVE_LEVEL, "FileSend");
+  InProcess process(true);
   KeInitializeEvent(&Request->Event, NotificationEvent, FALSE);
   Request->Iosb = {};
   Request->Returned = STATUS_PENDING;

@@ -15,6 +15,7 @@
 #include "platform/model/locks.h"
 #include "platform/model/objects_internal.h"
 #include "platform/model/scheduler.h"
+#include "platform/model/thread_object.h"
 #include "platform/model/verifier.h"
 #include "platform/model/verifier_state.h"
 
@@ -38,6 +39,7 @@ struct alignas(16) ObjectHeader {
 struct HandleEntry {
   void *Body;
   ObjectLastHandle OnLastHandle;
+  bool Kernel;
 };
 
 static ModelMutex objectMutex;
@@ -223,16 +225,17 @@ void ObjectLetGo(void *Body) {
 // A value is never given out twice.
 static HandleEntry *FindHandle(HANDLE handle) {
   auto found = handles.find(reinterpret_cast<uint64_t>(handle));
-  return found == handles.end() ? nullptr : &found->second;
+  bool good = found != handles.end() && (found->second.Kernel || !ThreadSelf()->OfUser);
+  return good ? &found->second : nullptr;
 }
 
-HANDLE ObjectOpenHandle(void *Body, ObjectLastHandle OnLastHandle) {
+HANDLE ObjectOpenHandle(void *Body, ObjectLastHandle OnLastHandle, bool Kernel) {
   Guard guard(objectMutex);
   ObjectHeader *header = Require(Body, "ObjectOpenHandle");
   ++header->References;
   ++header->Handles;
   lastHandle += 4;
-  handles[lastHandle] = {Body, OnLastHandle};
+  handles[lastHandle] = {Body, OnLastHandle, Kernel};
   return reinterpret_cast<HANDLE>(lastHandle);
 }
 

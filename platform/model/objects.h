@@ -26,7 +26,8 @@ void ObjectLetGo(void *Body);
 // A handle holds a reference of its own. OnLastHandle (may be null) is called by ZwClose when the
 // object's last handle is closed, before that handle's reference is dropped (file cleanup).
 using ObjectLastHandle = void (*)(void *Body);
-HANDLE ObjectOpenHandle(void *Body, ObjectLastHandle OnLastHandle);
+// A kernel handle is good in every process, another one only in the system's.
+HANDLE ObjectOpenHandle(void *Body, ObjectLastHandle OnLastHandle, bool Kernel = true);
 // The body behind a handle, not referenced; null for a bad handle.
 void *ObjectFromHandle(HANDLE Handle, ObjectKind Kind);
 uint64_t ObjectHandleCount(const void *Body);

@@ -52,6 +52,7 @@ struct _KTHREAD {
   struct DispatchFrame *Dispatching;  // the driver routine it runs for a packet, see packets.h
   uint64_t RoutinesEntered;           // of drivers, for packets
   PDRIVER_OBJECT Acting;              // the driver whose routine it runs, if that is known
+  bool OfUser;                        // it runs in a user's process, not in the system's
   unsigned PowerDown;                 // dispatch routines for a power-down that it is in
 
   // Guarded by DispatcherMutex.
@@ -80,6 +81,21 @@ extern _KTHREAD HostThread;
 inline PKTHREAD ThreadSelf() {
   return CurrentThread ? CurrentThread : &HostThread;
 }
+
+// In whose process the thread runs meanwhile. A stopped run may leave it for good.
+struct InProcess {
+  explicit InProcess(bool OfUser) : Thread(ThreadSelf()), Before(Thread->OfUser) {
+    Thread->OfUser = OfUser;
+  }
+  ~InProcess() {
+    Thread->OfUser = Before;
+  }
+  InProcess(const InProcess &) = delete;
+  InProcess &operator=(const InProcess &) = delete;
+
+  PKTHREAD Thread;
+  bool Before;
+};
 
 // A new thread at PASSIVE_LEVEL that can run at once. The caller holds one reference, the running
 // thread another one.

@@ -10,9 +10,22 @@
 #include "platform/model/unload.h"
 #include "platform/model/verifier.h"
 
-NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID,
-                              PKSTART_ROUTINE StartRoutine, PVOID StartContext) {
+// A handle that is none of the kernel's stands in the table of the process that happens to run:
+// whose user's it is may close it, or open it to something else.
+static bool KernelHandleWanted(const OBJECT_ATTRIBUTES *Attributes) {
+  bool kernel = Attributes && (Attributes->Attributes & OBJ_KERNEL_HANDLE);
+  if (!kernel && ThreadSelf()->OfUser && VerifierOn()) {
+    VerifierStop("handle.of-user", nullptr,
+                 "PsCreateSystemThread without OBJ_KERNEL_HANDLE in a user's process");
+  }
+  return kernel;
+}
+
+NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES ObjectAttributes,
+                              HANDLE, PCLIENT_ID, PKSTART_ROUTINE StartRoutine,
+                              PVOID StartContext) {
   VerifierRequireIrql(PASSIVE_LEVEL, "PsCreateSystemThread");
+  bool kernel = KernelHandleWanted(ObjectAttributes);
   if (FaultHere(FaultThread)) {
     return STATUS_INSUFFICIENT_RESOURCES;
   }
@@ -25,7 +38,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
   PKTHREAD thread = ThreadCreate(name, body, FiberBytes);
   thread->System = true;
   thread->Maker = thread->Acting = ThreadSelf()->Acting;
-  *ThreadHandle = ObjectOpenHandle(thread, nullptr);
+  *ThreadHandle = ObjectOpenHandle(thread, nullptr, kernel);
   ThreadLaunch(thread);
   ObjectRelease(thread);
   // The new thread may run before its creator goes on.

@@ -40,6 +40,7 @@
 //   pool.overrun              written before or after a block
 //   pool.use-after-free       written after the free
 //   object.dead               a deleted object used or released again
+//   handle.of-user            a thread's handle made for whichever user's process runs
 //   object.over-dereferenced  a reference of the system's dropped
 //   object.foreign            not an object
 //   handle.bad                not an open handle

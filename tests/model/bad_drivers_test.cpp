@@ -191,6 +191,61 @@ TEST(BadDrivers, TheirCodeRunsOnAfterTheUnload) {
   ExpectTwoStopped(RunningDrivers);
 }
 
+// ---- handles in the wrong process ----
+
+static HANDLE MakeThread(ULONG Attributes) {
+  OBJECT_ATTRIBUTES attributes = {};
+  attributes.Length = sizeof attributes;
+  attributes.Attributes = Attributes;
+  HANDLE thread;
+  PsCreateSystemThread(
+      &thread, THREAD_ALL_ACCESS, &attributes, nullptr, nullptr, [](PVOID) {}, nullptr);
+  return thread;
+}
+
+static NTSTATUS MakeAndClose(PDEVICE_OBJECT Device, PIRP Irp) {
+  ZwClose(MakeThread(OBJ_KERNEL_HANDLE));
+  return Succeed(Device, Irp);
+}
+
+// A read of a user's.
+static void ReadBy(PDRIVER_DISPATCH Dispatch) {
+  std::vector<uint8_t> bytes;
+  OnLower = Dispatch;
+  HANDLE handle = OpenLow();
+  FileRead(handle, 1, &bytes);
+  FileClose(handle);
+}
+
+static HANDLE SystemsThread;
+
+static const BadRoutine HandleDrivers[] = {
+    {"makes a thread in a user's process", "handle.of-user",
+     [] {
+       ReadBy([](PDEVICE_OBJECT Device, PIRP Irp) {
+         MakeThread(0);
+         return Succeed(Device, Irp);
+       });
+     }},
+    {"closes there what it made in the system's", "handle.bad",
+     [] {
+       SystemsThread = MakeThread(0);
+       ReadBy([](PDEVICE_OBJECT Device, PIRP Irp) {
+         ZwClose(SystemsThread);
+         return Succeed(Device, Irp);
+       });
+     }},
+};
+
+TEST(BadDrivers, HandlesInTheWrongProcess) {
+  ExpectTwoStopped(HandleDrivers);
+  ExpectTwoClean([] {
+    ReadBy(MakeAndClose);
+    ZwClose(MakeThread(0));
+    ThreadSettle();
+  });
+}
+
 // ---- a reference dropped once too often ----
 
 static const BadRoutine OverDereferencers[] = {
