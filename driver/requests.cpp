@@ -97,10 +97,9 @@ void ReleaseRequest(PDEVICE_OBJECT Device, PIRP Irp) {
 }
 
 // A removal waits for the completion, so the reference goes after it. By then the handle that kept
-// the devices may be closed, on a port that was removed before; the filter device is kept here, for
-// the release to find its port.
-NTSTATUS CompleteRefused(PDEVICE_OBJECT Device, PIRP Irp) {
-  NTSTATUS status = Irp->IoStatus.Status;
+// the devices may be closed, on a port that was removed before: what is refused, and Plug and Play
+// requests, come even then. The filter device is kept here, for the release to find its port.
+void CompleteAdmitted(PDEVICE_OBJECT Device, PIRP Irp) {
   PortExtension *port = PortOf(Device);
   PDEVICE_OBJECT filter = port->Header.Device;
   ObReferenceObject(filter);
@@ -109,20 +108,16 @@ NTSTATUS CompleteRefused(PDEVICE_OBJECT Device, PIRP Irp) {
   ReleasePort(port);
   DropFilterHold(held);
   ObDereferenceObject(filter);
+}
+
+NTSTATUS CompleteRefused(PDEVICE_OBJECT Device, PIRP Irp) {
+  NTSTATUS status = Irp->IoStatus.Status;
+  CompleteAdmitted(Device, Irp);
   return status;
 }
 
 NTSTATUS CompleteOnGonePort(PDEVICE_OBJECT Device, PIRP Irp) {
-  Irp->IoStatus.Status = STATUS_SUCCESS;
-  Irp->IoStatus.Information = 0;
-  return CompleteRefused(Device, Irp);
-}
-
-void CompleteAdmitted(PDEVICE_OBJECT Device, PIRP Irp) {
-  PDEVICE_OBJECT held = TakeFilterHold(Device, Irp);
-  IofCompleteRequest(Irp, IO_NO_INCREMENT);
-  ReleaseRequest(Device, Irp);
-  DropFilterHold(held);
+  return CompleteRequest(Device, Irp, STATUS_SUCCESS, 0);
 }
 
 NTSTATUS CompleteRequest(PDEVICE_OBJECT Device, PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {

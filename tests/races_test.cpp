@@ -518,30 +518,35 @@ TEST(Races, ZksCloseAgainstQueryAndRemoval) {
 }
 
 // The port has long been removed; ZK's handle is the last thing that keeps its record, and may be
-// closed as soon as the request that is refused is complete.
+// closed as soon as a late request is complete. One of Plug and Play is answered even then.
 TEST(Races, ALateRequestAgainstTheLastClose) {
-  ExploreWorld([](World *world) {
-    GoNormal(world, false);
-    PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
-    PnpRemove(world->Node, true);
-    world->Node = nullptr;
-    if (world->Zk == nullptr) {
-      return;
-    }
-    OwnPacket write;
-    KEVENT complete;
-    KeInitializeEvent(&complete, NotificationEvent, FALSE);
-    write.AtDone = [&] { KeSetEvent(&complete, IO_NO_INCREMENT, FALSE); };
-    Against(
-        [&] {
-          KeWaitForSingleObject(&complete, Executive, KernelMode, FALSE, nullptr);
-          CloseZk(world);
-        },
-        [&] {
-          OwnSend(control, IRP_MJ_WRITE, &write);
-          KeSetEvent(&complete, IO_NO_INCREMENT, FALSE);  // when there was no packet to send
-        });
-    EXPECT_EQ(OwnWait(&write), STATUS_DELETE_PENDING);
-    EXPECT_EQ(DeviceCount(world->Driver), 0u);
-  });
+  for (UCHAR major : {IRP_MJ_WRITE, IRP_MJ_PNP}) {
+    SCOPED_TRACE(int{major});
+    ExploreWorld([=](World *world) {
+      GoNormal(world, false);
+      PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
+      PnpRemove(world->Node, true);
+      world->Node = nullptr;
+      if (world->Zk == nullptr) {
+        return;
+      }
+      OwnPacket late;
+      late.Minor = major == IRP_MJ_PNP ? IRP_MN_QUERY_STOP_DEVICE : 0;
+      KEVENT complete;
+      KeInitializeEvent(&complete, NotificationEvent, FALSE);
+      late.AtDone = [&] { KeSetEvent(&complete, IO_NO_INCREMENT, FALSE); };
+      Against(
+          [&] {
+            KeWaitForSingleObject(&complete, Executive, KernelMode, FALSE, nullptr);
+            CloseZk(world);
+          },
+          [&] {
+            OwnSend(control, major, &late);
+            KeSetEvent(&complete, IO_NO_INCREMENT, FALSE);  // when there was no packet to send
+          });
+      NTSTATUS refusal = major == IRP_MJ_PNP ? STATUS_DEVICE_BUSY : STATUS_DELETE_PENDING;
+      EXPECT_EQ(OwnWait(&late), refusal);
+      EXPECT_EQ(DeviceCount(world->Driver), 0u);
+    });
+  }
 }

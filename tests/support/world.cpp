@@ -411,6 +411,7 @@ NTSTATUS OwnSend(PDEVICE_OBJECT Device, UCHAR Major, OwnPacket *Packet) {
   Packet->Irp->AssociatedIrp.SystemBuffer = Packet->Bytes.empty() ? nullptr : Packet->Bytes.data();
   PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(Packet->Irp);
   stack->MajorFunction = Major;
+  stack->MinorFunction = Packet->Minor;
   stack->FileObject = Packet->File;
   if (Major == IRP_MJ_DEVICE_CONTROL) {
     stack->Parameters.DeviceIoControl.IoControlCode = Packet->ControlCode;

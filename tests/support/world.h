@@ -112,6 +112,7 @@ struct OwnPacket {
   NTSTATUS Carried = STATUS_SUCCESS;  // when it is sent
   std::string Bytes;
   ULONG ControlCode = 0;
+  UCHAR Minor = 0;
   PFILE_OBJECT File = nullptr;   // whose request it is, when it is one's
   std::function<void()> AtDone;  // inside of the completion
   IO_STATUS_BLOCK Iosb = {};
