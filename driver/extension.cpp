@@ -24,6 +24,7 @@ void InitializePort(PortExtension *Port, PDEVICE_OBJECT FilterDevice,
   KeInitializeEvent(&Port->PowerEvent, SynchronizationEvent, FALSE);
   PipeInitialize(&Port->ClientPipe, PIPE_UNFRAMED, FilterDevice);
   PipeInitialize(&Port->ZkPipe, PIPE_FRAMED | PIPE_READER_SUCCESS, FilterDevice);
+  ProxyReadPrepare(&Port->Engine, FilterDevice);
   Port->Mode = MODE_IDLE;
   KeInitializeSpinLock(&Port->ClientLock);
   InitializeListHead(&Port->ParkedRequests);

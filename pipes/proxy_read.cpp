@@ -19,13 +19,7 @@ static void TraceEngine(ULONG Code, ProxyReadEngine *Engine, const volatile void
   TraceEvent(TRACE_CLASS, Code, TracePointer(Engine), TracePointer(Argument2), Argument3);
 }
 
-NTSTATUS ProxyReadInitialize(ProxyReadEngine *Engine, PDEVICE_OBJECT FilterDevice,
-                             CCHAR StackSize) {
-  PIRP irp = IoAllocateIrp(StackSize, FALSE);
-  if (irp == nullptr) {
-    return STATUS_INSUFFICIENT_RESOURCES;
-  }
-  // Before the thread starts, which reports to the engine when it cannot go on.
+void ProxyReadPrepare(ProxyReadEngine *Engine, PDEVICE_OBJECT FilterDevice) {
   KeInitializeSpinLock(&Engine->Lock);
   KeInitializeEvent(&Engine->StopEvent, SynchronizationEvent, FALSE);
   Engine->Device = FilterDevice;
@@ -34,8 +28,20 @@ NTSTATUS ProxyReadInitialize(ProxyReadEngine *Engine, PDEVICE_OBJECT FilterDevic
   InitializeListHead(&Engine->ZkRequests);
   Engine->CurrentRequest = nullptr;
   Engine->ReadBuffer = nullptr;
-  Engine->ReadIrp = irp;
+  Engine->ReadIrp = nullptr;
   Engine->EngineState = ENGINE_IDLE;
+  KeReleaseSpinLock(&Engine->Lock, irql);
+}
+
+NTSTATUS ProxyReadInitialize(ProxyReadEngine *Engine, PDEVICE_OBJECT FilterDevice,
+                             CCHAR StackSize) {
+  PIRP irp = IoAllocateIrp(StackSize, FALSE);
+  if (irp == nullptr) {
+    return STATUS_INSUFFICIENT_RESOURCES;
+  }
+  // Before the thread starts, which reports to the engine when it cannot go on.
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Engine->Lock);
+  Engine->ReadIrp = irp;
   KeReleaseSpinLock(&Engine->Lock, irql);
 
   NTSTATUS status = CallDownInitialize(FilterDevice, &PortOf(FilterDevice)->CallDown);

@@ -54,6 +54,10 @@ struct ProxyReadEngine {
   BOOLEAN RestartWhenStopped GUARDED_BY(Lock);  // a restart came while ENGINE_STOPPING
 };
 
+// Before the filter device is attached: cleanups of older handles come as soon as it is, and
+// discard.
+void ProxyReadPrepare(ProxyReadEngine *Engine, PDEVICE_OBJECT FilterDevice);
+
 // Makes the packet and starts the port's call-down thread. PASSIVE_LEVEL.
 NTSTATUS ProxyReadInitialize(ProxyReadEngine *Engine, PDEVICE_OBJECT FilterDevice, CCHAR StackSize);
 
