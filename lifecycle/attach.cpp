@@ -3,6 +3,7 @@
 #include "driver/event_log.h"
 #include "driver/extension.h"
 #include "driver/pool_tags.h"
+#include "driver/requests.h"
 #include "lifecycle/control_device.h"
 #include "lifecycle/port_config.h"
 #include "lifecycle/port_interfaces.h"
@@ -98,6 +99,19 @@ freeNames:
   return status;
 }
 
+// Requests of handles that are older than the filter device, and power requests, may be inside.
+// They use nothing of what the set-up made and has undone by now; but those that are counted come
+// back to the device.
+static void TakeBack(PortExtension *Port) {
+  PDEVICE_OBJECT filter = Port->Header.Device;
+  ChangeAdmission(Port, ADMISSION_REMOVED, 0);
+  MarkPortGone(Port);
+  IoDetachDevice(Port->Header.LowerDevice);
+  WaitForIdle(filter);
+  PowerDetached(Port);
+  IoDeleteDevice(filter);
+}
+
 NTSTATUS AddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDevice) {
   ReportEvent(DriverObject, nullptr, 0, 0, EVENT_ATTACHING, STATUS_SUCCESS, nullptr, 0);
   PDEVICE_OBJECT top = TopOfStack(PhysicalDevice);
@@ -123,9 +137,7 @@ NTSTATUS AddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDevice) {
   InheritFlags(filter, port->Header.LowerDevice);
   status = SetUpPort(DriverObject, port);
   if (!NT_SUCCESS(status)) {
-    IoDetachDevice(port->Header.LowerDevice);
-    PowerDetached(port);
-    IoDeleteDevice(filter);
+    TakeBack(port);
     return status;
   }
   filter->Flags |= DO_POWER_PAGABLE;

@@ -1,6 +1,9 @@
 // Attaching: which ports are refused, what a port's key says, the control device, and unwinding.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <set>
+
 #include "driver/entry.h"
 #include "driver/event_log.h"
 #include "lifecycle/control_device.h"
@@ -337,4 +340,47 @@ TEST(Attach, UnwindsWhereverItFails) {
     ASSERT_LT(nth, 200u);
   }
   EXPECT_GT(failures, 10u);
+}
+
+// The filter device of the port that is being added; it is over the port's for a while.
+static PDEVICE_OBJECT FilterOver(World *World, const LowerPort *Port) {
+  PDEVICE_OBJECT device = World->PortDriver->DeviceObject;
+  while (device != nullptr && device != Port->Device) {
+    device = device->NextDevice;
+  }
+  return device != nullptr ? device->AttachedDevice : nullptr;
+}
+
+// A handle may be open on the port's device, and power changes, when the filter device comes over
+// it. Another port has the control device's link: the attach fails, and then the port's device
+// goes, too. What is inside comes back all the same.
+TEST(AttachRaces, AFailureAgainstARequestInside) {
+  static const std::map<UCHAR, std::set<std::string>> cases = {
+      {IRP_MJ_POWER, {"gone", "refused"}},
+      {IRP_MJ_FLUSH_BUFFERS, {"success", "refused"}},
+      {IRP_MJ_CLEANUP, {"success"}},
+      {IRP_MJ_CLOSE, {StatusName(STATUS_ACCESS_DENIED), "success"}},
+  };
+  for (const auto &[major, outcomes] : cases) {
+    SCOPED_TRACE(int{major});
+    auto scenario = [&](World *world) {
+      World second;
+      second.Driver = world->Driver;
+      second.PortDriver = world->PortDriver;
+      second.Lower.Name = "COM4";
+      second.Lower.Result[IRP_MJ_POWER] = STATUS_DEVICE_NOT_CONNECTED;
+      WorldOptions options;
+      options.Values["PortName"] = RegistryText("COM3");
+      Against([&] { EXPECT_NE(WorldAdd(&second, options), STATUS_SUCCESS); },
+              [&] {
+                if (PDEVICE_OBJECT filter = FilterOver(world, &second.Lower)) {
+                  ObReferenceObject(filter);
+                  UCHAR minor = major == IRP_MJ_POWER ? IRP_MN_QUERY_POWER : 0;
+                  ExploreSaw(SendPacket(filter, major, minor, nullptr));
+                  ObDereferenceObject(filter);
+                }
+              });
+    };
+    EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), outcomes);
+  }
 }

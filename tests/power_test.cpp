@@ -330,36 +330,6 @@ TEST(PowerRaces, RemovalAgainstARequestOnItsWayDown) {
   }
 }
 
-// The same under an attach that fails: another port has the control device's link. A filter device
-// is over the port's for a while, and then the port's goes, too.
-TEST(PowerRaces, AFailedAttachAgainstARequestOnItsWayDown) {
-  auto scenario = [](World *world) {
-    World second;
-    second.Driver = world->Driver;
-    second.PortDriver = world->PortDriver;
-    second.Lower.Name = "COM4";
-    second.Lower.Result[IRP_MJ_POWER] = STATUS_DEVICE_NOT_CONNECTED;
-    WorldOptions options;
-    options.Values["PortName"] = RegistryText("COM3");
-    Against([&] { EXPECT_NE(WorldAdd(&second, options), STATUS_SUCCESS); },
-            [&] {
-              PDEVICE_OBJECT port = world->PortDriver->DeviceObject;
-              while (port != nullptr && port != second.Lower.Device) {
-                port = port->NextDevice;
-              }
-              PDEVICE_OBJECT filter = port != nullptr ? port->AttachedDevice : nullptr;
-              if (filter == nullptr) {
-                return;
-              }
-              ObReferenceObject(filter);
-              ExploreSaw(SendFill(filter, IRP_MN_QUERY_POWER, SystemPowerState,
-                                  PowerSystemSleeping3, nullptr, STATUS_NOT_SUPPORTED));
-              ObDereferenceObject(filter);
-            });
-  };
-  EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), (std::set<std::string>{"gone", "refused"}));
-}
-
 // --- Devices without power ------------------------------------------------------------------
 
 struct OwnRow {
