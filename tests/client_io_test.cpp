@@ -303,6 +303,7 @@ TEST_P(ClientIo, TheLockParksAndUnlockReleasesInOrder) {
     EXPECT_EQ(StartControl(world->Client, &neither, Neither), STATUS_NOT_SUPPORTED);
     EXPECT_TRUE(FileCancel(&cancelled));
     EXPECT_EQ(FileWait(&cancelled), STATUS_CANCELLED);
+    EXPECT_EQ(cancelled.Iosb.Information, 0u);
     EXPECT_EQ(LowerWritten(lower), "");
     // ZK's own bytes still reach the port.
     Io data;

@@ -100,6 +100,20 @@ TEST(DriverFrame, ReportsLoadAndUnloadForTheDriver) {
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
 
+// Without memory tracing is off, whatever an earlier ring left.
+TEST(TraceRing, WithoutMemory) {
+  RunReport report = ModelRun({}, [] {
+    FaultArm({FaultPool, FourCharacters("Sevx"), 1, false});
+    PDRIVER_OBJECT driver = DriverLoad("Vorlix", DriverEntry);
+    EXPECT_TRUE(FaultDisarm());
+    Trace.Cursor = Trace.Last = nullptr;
+    TraceEvent(TRACE_CLASS, TraceCode("US00"), 0, 0, 0);
+    EXPECT_EQ(Trace.Cursor, nullptr);
+    DriverUnload(driver);
+  });
+  EXPECT_FALSE(report.Stopped) << report.Text;
+}
+
 TEST(TraceRing, FillsDownwardAndWrapsAround) {
   RunReport report = ModelRun({}, [] {
     PDRIVER_OBJECT driver = DriverLoad("Vorlix", DriverEntry);
