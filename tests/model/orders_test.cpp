@@ -2,7 +2,6 @@
 // the fault that is missed without it, and the same orders with fewer runs.
 #include <algorithm>
 #include <array>
-#include <ranges>
 
 #include "platform/model/schedule.h"
 #include "tests/model/two_drivers.h"
@@ -340,8 +339,9 @@ TEST(Reduction, RunsTheSameOrdersInFewerRuns) {
       ExploreResult all = ModelExplore(options, [&] { PlaySmall(small); });
       EXPECT_TRUE(reduced.Exhausted && all.Exhausted) << all.Failure.Text;
       EXPECT_EQ(reduced.Orders, all.Orders) << small.Parties[0] << " " << preemptions;
-      EXPECT_TRUE(
-          std::ranges::equal(std::views::keys(reduced.Outcomes), std::views::keys(all.Outcomes)));
+      EXPECT_TRUE(std::equal(reduced.Outcomes.begin(), reduced.Outcomes.end(), all.Outcomes.begin(),
+                             all.Outcomes.end(),
+                             [](auto &one, auto &other) { return one.first == other.first; }));
       EXPECT_GE(reduced.Runs, reduced.Orders.size());
       runs[0] += reduced.Runs;
       runs[1] += all.Runs;
