@@ -10,6 +10,8 @@
 #include "lifecycle/device_name.h"
 #include "lifecycle/multi_string.h"
 #include "lifecycle/port_config.h"
+#include "platform/model/causality.h"
+#include "platform/model/devices.h"
 #include "tests/support/world.h"
 
 static RegistryValue Bytes(std::initializer_list<uint8_t> Data) {
@@ -344,6 +346,7 @@ TEST(Attach, UnwindsWhereverItFails) {
 
 // The filter device of the port that is being added; it is over the port's for a while.
 static PDEVICE_OBJECT FilterOver(World *World, const LowerPort *Port) {
+  CausalTouch(&DeviceMutex, Access::Read);  // it looks without a service
   PDEVICE_OBJECT device = World->PortDriver->DeviceObject;
   while (device != nullptr && device != Port->Device) {
     device = device->NextDevice;

@@ -214,7 +214,8 @@ static void Want(const Place &place) {
 
 // The step that the thread was preempted before is over.
 static void JudgePreemption(Follower *self) {
-  if (self->PreemptedAt > lastCease) {
+  // Once the window is closed there is no later point to be preempted at.
+  if (self->PreemptedAt > lastCease && windowOpen) {
     Want(self->Now);  // who might have gone on in its place is not told by what follows here
     ScheduleCut();
   }
@@ -241,9 +242,10 @@ void CausalPoint(PKTHREAD Thread, int Choice, bool Chosen) {
   if (!Chosen) {
     JudgePreemption(self);
   }
-  self->Now.Choice = Choice;
-  if (Chosen) {
-    self->Now.Block = Choice;
+  // Behind the window the last point inside stands for all that follow.
+  if (windowOpen || Choice >= 0) {
+    self->Now.Choice = Choice;
+    self->Now.Block = Chosen ? Choice : self->Now.Block;
   }
   if (self->Behind.size() <= self->Steps) {
     self->Behind.resize(self->Steps + 1, self->Now);
