@@ -1,6 +1,8 @@
 // Attaching: which ports are refused, what a port's key says, the control device, and unwinding.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <set>
 
@@ -384,6 +386,10 @@ TEST(AttachRaces, AFailureAgainstARequestInside) {
                 }
               });
     };
-    EXPECT_EQ(OutcomesOf(ExploreWorld(scenario, 2)), outcomes);
+    std::set<std::string> seen = OutcomesOf(ExploreWorld(scenario, 2));
+    EXPECT_TRUE(std::includes(outcomes.begin(), outcomes.end(), seen.begin(), seen.end()));
+    // Some need both preemptions, which a slow build does not make.
+    bool shallow = getenv("VORLIX_PREEMPTIONS") != nullptr || getenv("VORLIX_EXPLORE") != nullptr;
+    EXPECT_TRUE(shallow || seen == outcomes) << seen.size() << " of " << outcomes.size();
   }
 }
