@@ -366,7 +366,9 @@ TEST(AttachRaces, AFailureAgainstARequestInside) {
       {IRP_MJ_CLEANUP, {"success"}},
       {IRP_MJ_CLOSE, {StatusName(STATUS_ACCESS_DENIED), "success"}},
   };
-  for (const auto &[major, outcomes] : cases) {
+  for (const auto &entry : cases) {
+    UCHAR major = entry.first;
+    const std::set<std::string> &outcomes = entry.second;
     SCOPED_TRACE(int{major});
     auto scenario = [&](World *world) {
       World second;
