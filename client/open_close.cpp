@@ -187,11 +187,11 @@ static NTSTATUS FinishDecided(RequestSerializer *Serializer, PIRP Irp) {
 // that was, and its driver finds in the file object what it left in the other one.
 static PDEVICE_OBJECT TargetOf(PDEVICE_OBJECT Device, PIRP Irp) {
   PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
-  PVOID context;
-  PDEVICE_OBJECT opened = LoadLowerOpen(PortOf(Device), &context);
-  if (stack->MajorFunction == IRP_MJ_CREATE || opened == nullptr) {
+  if (stack->MajorFunction == IRP_MJ_CREATE) {
     return LowerDeviceOf(Device);
   }
+  PVOID context;
+  PDEVICE_OBJECT opened = LoadLowerOpen(PortOf(Device), &context);
   if (context != nullptr) {
     WritePointerRelease(&stack->FileObject->FsContext, context);
   }
@@ -265,7 +265,7 @@ static BOOLEAN WasOpenedBelow(PDEVICE_OBJECT Device, PIRP Irp) {
   PFILE_OBJECT file = IoGetCurrentIrpStackLocation(Irp)->FileObject;
   PVOID open = ReadPointerAcquire(reinterpret_cast<PVOID const volatile *>(&header->OpenFile));
   return static_cast<BOOLEAN>(ReadULongAcquire(&header->OpenState) == OPEN_STATE_BYPASS ||
-                              (file != nullptr && file != open && file->DeviceObject != Device));
+                              (file != open && file->DeviceObject != Device));
 }
 
 NTSTATUS DispatchClose(PDEVICE_OBJECT Device, PIRP Irp) {

@@ -376,6 +376,22 @@ TEST(Auxiliary, WaitingReadsAreHandedToThePort) {
       DO_DIRECT_IO, RelayPlace::BelowTheFilter);
 }
 
+// By the device's own name, and answered with an informational success: no open, but a handle,
+// whose close is ours.
+TEST(Auxiliary, ItsOwnHandleOfAnInformationalSuccess) {
+  RunDetected([](World *world) {
+    world->Outside.Result[IRP_MJ_CREATE] = STATUS_OBJECT_NAME_EXISTS;
+    HANDLE own = nullptr;
+    EXPECT_EQ(FileOpen("\\Device\\VORLIXE1", Account::User, &own), STATUS_SUCCESS);
+    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
+    Forget(&world->Outside);
+    FileClose(own);
+    EXPECT_EQ(Trace(&world->Outside), "");
+    ASSERT_NE(Auxiliary(world), nullptr);
+    EXPECT_EQ(HeaderOf(Auxiliary(world))->FilterHolds, 0);
+  });
+}
+
 // A client on the port's own stack, one on the auxiliary device, and ZK: three opens of one port,
 // of which the first goes down. The engine asks the auxiliary device only.
 TEST(Auxiliary, ThreeOpens) {
