@@ -47,7 +47,7 @@ struct Group {
 
 struct Object {
   const volatile void *Name;
-  uint64_t Run;
+  uint64_t Following;
   Group Last;
   Group Former;  // whom all of Last come after
   // Of a lock: who gave it back last, in which of its steps, and when somebody last found it taken.
@@ -60,7 +60,7 @@ struct Object {
 bool CausalOn;
 static bool wanted;  // a window that opens is to be followed
 static bool windowOpen;
-static uint64_t runs;
+static uint64_t followings;  // begun: what is known of threads and objects is of one of them
 static unsigned threads;
 static uint64_t print;
 static uint64_t steps;      // of all threads
@@ -83,7 +83,7 @@ void CausalBegin(bool Follow) {
   commuting = nullptr;
   windowSeen = false;
   print = 0;
-  ++runs;
+  ++followings;
 }
 
 uint64_t CausalPrint() {
@@ -117,7 +117,7 @@ static Follower *Enter(PKTHREAD thread, uint64_t name) {
   }
   Follower *follower = &followers[threads];
   thread->Follower = threads++;
-  thread->FollowedRun = runs;
+  thread->Following = followings;
   memset(follower->Before, 0, sizeof follower->Before);
   follower->Chain = Mix(name);
   follower->Steps = 0;
@@ -129,11 +129,12 @@ static Follower *Enter(PKTHREAD thread, uint64_t name) {
 }
 
 static Follower *Of(PKTHREAD thread) {
-  return thread->FollowedRun == runs ? &followers[thread->Follower] : Enter(thread, thread->Number);
+  return thread->Following == followings ? &followers[thread->Follower]
+                                         : Enter(thread, thread->Number);
 }
 
 static void Join(uint32_t *clock, const uint32_t *other) {
-  for (unsigned i = 0; i < MostThreads; ++i) {
+  for (unsigned i = 0; i < threads; ++i) {
     clock[i] = std::max(clock[i], other[i]);
   }
 }
@@ -198,6 +199,10 @@ void CausalJoinAll() {
     all += &followers[i] == self ? 0 : Mix(followers[i].Chain);
   }
   Step(self, all);
+  if (!windowOpen) {
+    CausalOn = false;  // nothing from here on could have come before anything in the window
+    ++followings;
+  }
 }
 
 void CausalPreempt(PKTHREAD Thread) {
@@ -256,16 +261,16 @@ void CausalPoint(PKTHREAD Thread, int Choice, bool Chosen) {
 
 static Object *Find(const volatile void *name) {
   size_t at = Mix(reinterpret_cast<uintptr_t>(name)) % Places;
-  while (objects[at].Run == runs && objects[at].Name != name) {
+  while (objects[at].Following == followings && objects[at].Name != name) {
     at = (at + 1) % Places;
   }
   Object *object = &objects[at];
-  if (object->Run != runs) {
+  if (object->Following != followings) {
     if (inUse.size() == MostObjects) {
       GiveUp();
       return nullptr;
     }
-    object->Run = runs;
+    object->Following = followings;
     object->Name = name;
     object->Last.Members = object->Former.Members = 0;
     object->Giver = nullptr;
@@ -387,7 +392,8 @@ void CausalCeaseTaken(const volatile void *Low, size_t Bytes) {
   }
   lastCease = steps;
   const volatile char *low = static_cast<const volatile char *>(Low);
-  for (Object *object : inUse) {
+  for (size_t i = 0; Bytes > 0 && i < inUse.size(); ++i) {
+    Object *object = inUse[i];
     const volatile char *at = static_cast<const volatile char *>(object->Name);
     if (at >= low && at < low + Bytes && object->Last.Members != 0) {
       Come(self, object, Access::Write);

@@ -67,7 +67,7 @@ struct _KTHREAD {
 
   PKSPIN_LOCK WantedLock;  // fibers only: the held lock that it waits for
   uint64_t Priority;       // fibers only, when priorities decide
-  uint64_t FollowedRun;    // fibers only: the run in which it has the number below; see causality.h
+  uint64_t Following;      // fibers only: when it has the number below; see causality.h
   unsigned Follower;
 
   Fiber Context;

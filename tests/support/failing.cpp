@@ -145,6 +145,7 @@ static void PlayTurn(Turn *Turn, testing::TestPartResultArray *Failures) {
   uint64_t before = FaultCount(FaultEverything);
   (*Turn->Scenario)(&world);
   ExploreWindow(false);
+  ThreadSettle();
   Turn->Calls = FaultCount(FaultEverything) - before;
   Turn->Delivered |= FaultDisarm();
   Turn->InWindow |= FaultInWindow();

@@ -133,6 +133,7 @@ static void Play(const std::function<void(World *)> &Scenario, const WorldOption
   EXPECT_EQ(WorldAdd(&world, Options), STATUS_SUCCESS);
   Scenario(&world);
   ExploreWindow(false);
+  ThreadSettle();  // what follows is not among what is explored
   WorldEnd(&world);
 }
 
