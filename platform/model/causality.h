@@ -21,8 +21,8 @@ enum class Access : uint8_t { Read, Add, Write };
 // Whether the run is being followed.
 extern bool CausalOn;
 
-// A run is about to begin; Follow it from the opening of its first window until, behind the last one,
-// somebody goes on after all others have come to a halt.
+// A run is about to begin; Follow it from the opening of its first window until, behind the last
+// one, somebody goes on after all others have come to a halt.
 void CausalBegin(bool Follow);
 void CausalWindow(bool Open);
 // Of what happened in the windows; when the run was followed to the end of the last one.

@@ -10,6 +10,7 @@
 // The scenarios are shared out among so many processes.
 constexpr uint64_t Shares = 2;
 // A scenario that does the same thousands of times is played with about so many of its calls.
+// VORLIX_TURNS sets another number, and plays each turn under one schedule only.
 constexpr uint64_t MostCalls = 300;
 constexpr unsigned MostPatience = 64;
 
@@ -157,6 +158,12 @@ static void PlayTurn(Turn *Turn, testing::TestPartResultArray *Failures) {
   StopAtFailure(*Failures, judged);
 }
 
+// VORLIX_TURNS; 0 when it is not set.
+static uint64_t AskedTurns() {
+  const char *asked = getenv("VORLIX_TURNS");
+  return asked != nullptr ? std::max<uint64_t>(strtoull(asked, nullptr, 10), 1) : 0;
+}
+
 static std::string TurnName(const Turn *Turn) {
   return std::to_string(Turn->Nth) + (Turn->AndAllAfter ? "+" : "");
 }
@@ -170,8 +177,9 @@ static std::string PlayTurns(Turn *Turn, unsigned Preemptions, const char *Repla
   options.Preemptions = Preemptions;
   Turn->Anew = Preemptions == 0;
   auto play = [&] { PlayTurn(Turn, &failures); };
-  RunReport report = Replay != nullptr ? ModelRun(ReplayOptions(Replay), play)
-                                       : ModelExplore(options, play).Failure;
+  bool once = Replay != nullptr || AskedTurns() != 0;
+  RunReport report =
+      once ? ModelRun(ReplayOptions(Replay), play) : ModelExplore(options, play).Failure;
   return report.Stopped ? "VORLIX_FAIL=" + TurnName(Turn) + "\n" + report.Text : "";
 }
 
@@ -192,13 +200,14 @@ static std::string PlayShare(uint64_t Share, const std::function<void(World *)> 
   failing = true;
   Turn plain = {&Scenario, &Options};
   std::string failed = PlayTurns(&plain, 0);
-  uint64_t stride = plain.Calls / MostCalls + 1;
+  uint64_t asked = AskedTurns();
+  uint64_t stride = plain.Calls / (asked != 0 ? asked : MostCalls) + 1;
   for (uint64_t nth = 1 + Share * stride; failed.empty(); nth += Shares * stride) {
     bool delivered = false;
     for (bool after : {false, true}) {
       Turn turn = {&Scenario, &Options, nth, after, plain.Works};
       failed += failed.empty() ? PlayTurns(&turn, 0) : "";
-      if (failed.empty() && turn.InWindow && !after && Preemptions > 0) {
+      if (failed.empty() && turn.InWindow && !after && Preemptions > 0 && asked == 0) {
         failed = PlayTurns(&turn, Preemptions);
       }
       delivered |= turn.Delivered;
