@@ -99,7 +99,6 @@ void DeviceShutWhenUnused(const PDEVICE_OBJECT *Bottoms, size_t Count);
 // locks differ after it.
 struct CallbackScope {
   KIRQL Irql;
-  unsigned Locks;
   struct DispatchFrame *Frames;
   bool OfUser;
 };

@@ -1,11 +1,13 @@
 #include "platform/model/verifier.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "platform/model/executor.h"
@@ -103,6 +105,20 @@ static std::string Evidence(const void *object) {
   return text + "replay: " + ScheduleText() + '\n';
 }
 
+// VORLIX_STOPS names a file to which each place that stops a run or warns is added, by its rule,
+// its text and what was said, so that those which no test has ever seen can be told
+// (tests/stops_test.py).
+static void RecordPlace(const char *Rule, const char *Text, const std::string &Said) {
+  const char *path = getenv("VORLIX_STOPS");
+  if (!path) {
+    return;
+  }
+  int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+  dprintf(file, "%s\t%.*s\t%s\n", Rule, static_cast<int>(strcspn(Text, "\n")), Text,
+          Said.substr(0, Said.find('\n')).c_str());
+  close(file);
+}
+
 [[noreturn]] static void Leave() {
   if (RunActive && !ThreadsInUse) {
     SchedulerAbandon();
@@ -124,8 +140,10 @@ void VerifierStop(const char *Rule, const void *Object, const char *Format, ...)
   va_start(args, Format);
   report.Stopped = true;
   report.Rule = Rule;
-  report.Text = report.Rule + ": " + FormatV(Format, args) + '\n' + Evidence(Object);
+  std::string text = FormatV(Format, args);
   va_end(args);
+  RecordPlace(Rule, Format, text);
+  report.Text = report.Rule + ": " + text + '\n' + Evidence(Object);
   TsanIgnoreEnd();
   Leave();
 }
@@ -208,6 +226,10 @@ void VerifierWarn(const char *Rule) {
     }
   }
   warnings.push_back({Rule, 1});
+  static std::set<std::string> recorded;
+  if (recorded.insert(Rule).second) {
+    RecordPlace("warning", Rule, "");
+  }
 }
 
 uint64_t VerifierWarnings(const char *Rule) {

@@ -403,12 +403,98 @@ static const BadRoutine OtherDrivers[] = {
        IO_ERROR_LOG_PACKET packet = {};
        IoWriteErrorLogEntry(&packet);
      }},
+    {"a device for no driver", "device.not-live",
+     [] {
+       PDEVICE_OBJECT device;
+       IoCreateDevice(reinterpret_cast<PDRIVER_OBJECT>(Two.Lower), 0, nullptr, 0, 0, FALSE,
+                      &device);
+     }},
+    {"releases a semaphore no times", "semaphore.bad-arguments",
+     [] {
+       KSEMAPHORE semaphore;
+       KeInitializeSemaphore(&semaphore, 0, 1);
+       KeReleaseSemaphore(&semaphore, 0, 0, FALSE);
+     }},
+    {"strings within its dump data", "event-log.string",
+     [] {
+       auto *entry = static_cast<PIO_ERROR_LOG_PACKET>(
+           IoAllocateErrorLogEntry(Two.Lower, ERROR_LOG_MAXIMUM_SIZE));
+       entry->NumberOfStrings = 1;
+       IoWriteErrorLogEntry(entry);
+     }},
+    {"gives back what is no lock", "lock.uninitialized",
+     [] {
+       KSPIN_LOCK lock = {0x1234};
+       IrqlRaise(DISPATCH_LEVEL);
+       KeReleaseSpinLockFromDpcLevel(&lock);
+     }},
+    {"frees what is no MDL", "mdl.unknown",
+     [] {
+       static ULONG_PTR nothing[64];
+       IoFreeMdl(reinterpret_cast<PMDL>(nothing + 32));
+     }},
+    {"builds an MDL twice", "mdl.already-mapped",
+     [] {
+       PVOID pool;
+       MmBuildMdlForNonPagedPool(NonpagedMdl(8, &pool));
+     }},
+    {"a partial MDL of pages that nobody has locked", "mdl.not-locked",
+     [] {
+       PMDL mdl = IoAllocateMdl(&Left, 1, FALSE, FALSE, nullptr);
+       IoBuildPartialMdl(mdl, IoAllocateMdl(&Left, 1, FALSE, FALSE, nullptr), &Left, 1);
+     }},
+    {"deletes a device that somebody waits in", "dispatcher.freed-waited",
+     [] {
+       auto *event = static_cast<PKEVENT>(Two.Upper->DeviceExtension);
+       KeInitializeEvent(event, NotificationEvent, FALSE);
+       ThreadStart("waiter", [event] { WaitForEver(event); });
+       ThreadSettle();
+       IoDetachDevice(Two.Lower);
+       IoDeleteDevice(Two.Upper);
+     }},
+    {"comes back from its entry at another IRQL", "irql.not-restored",
+     [] {
+       DriverLoad("raised", [](PDRIVER_OBJECT, PUNICODE_STRING) {
+         IrqlRaise(DISPATCH_LEVEL);
+         return STATUS_SUCCESS;
+       });
+     }},
+    {"keeps a lock behind its entry", "irql.not-restored",
+     [] {
+       DriverLoad("locked", [](PDRIVER_OBJECT, PUNICODE_STRING) {
+         KIRQL irql;
+         IoAcquireCancelSpinLock(&irql);
+         return STATUS_SUCCESS;
+       });
+     }},
+    {"references by no handle", "handle.bad",
+     [] {
+       PVOID object;
+       ObReferenceObjectByHandle(nullptr, 0, nullptr, KernelMode, &object, nullptr);
+     }},
+    {"waits for no handle", "handle.bad", [] { ZwWaitForSingleObject(nullptr, FALSE, nullptr); }},
+    {"reports no power state", "bugcheck",
+     [] { PoSetPowerState(Two.Lower, static_cast<POWER_STATE_TYPE>(2), {}); }},
     {"asserts what does not hold", "assertion", [] { NT_ASSERT(Tag == 0); }},
     {"breaks into a debugger", "break", [] { DbgBreakPoint(); }},
 };
 
 TEST(BadDrivers, Others) {
   ExpectTwoStopped(OtherDrivers);
+}
+
+// The model itself cannot go on, whether it looks for faults or not.
+TEST(BadDrivers, StoppedWithoutTheVerifier) {
+  ExpectTwoStopped("no stack location", "bugcheck",
+                   [] {
+                     Tell("down", "complete");
+                     PIRP irp = IoAllocateIrp(1, FALSE);
+                     AimRead(irp);
+                     IofCallDriver(Two.Upper, irp);
+                   },
+                   {.Verifier = false});
+  ExpectTwoStopped("own packet not kept", "bugcheck",
+                   [] { PlayOwn("skip down", "complete", LetGo); }, {.Verifier = false});
 }
 
 TEST(BadDrivers, WaitOutsideOfAThread) {
@@ -546,6 +632,9 @@ TEST(BadDrivers, ForcedPendingFindsWhoTrustsTheAnswer) {
        "copy keep down success complete", "complete"},
       {"writes into what it has completed", "packet.touched-completed", "copy let-go down",
        "complete answer"},
+      {"marks what it has completed", "packet.pend-not-owned", "copy let-go down", "complete mark"},
+      {"passes on what is being completed", "packet.forward-completed", "copy let-go down",
+       "complete down"},
   };
   ExpectTwoStopped(pairs, {.Forced = {.Pending = true}});
   ExpectTwoClean([] { Play(pairs[0].Upper, pairs[0].Lower); });

@@ -272,6 +272,32 @@ static const BadRoutine BadDrivers[] = {
        IoSetCancelRoutine(irp, NoRoutine);
        IoFreeIrp(irp);
      }},
+    {"own packet reused with a cancel routine", "packet.cancel-routine-set",
+     [] {
+       PIRP irp = IoAllocateIrp(1, FALSE);
+       IoSetCancelRoutine(irp, NoRoutine);
+       IoReuseIrp(irp, STATUS_SUCCESS);
+     }},
+    {"own packet cancellable before it is sent", "packet.bad-stack",
+     [] {
+       PIRP irp = IoAllocateIrp(1, FALSE);
+       IoSetCancelRoutine(irp, NoRoutine);
+       IoCancelIrp(irp);
+     }},
+    {"own packet completed before it is sent", "packet.not-owner",
+     [] { IofCompleteRequest(IoAllocateIrp(1, FALSE), IO_NO_INCREMENT); }},
+    {"starts the next power request for a read", "power.next",
+     [] { Play("next-power skip down", "complete"); }},
+    {"marks what it has passed on to itself", "packet.pend-not-owned",
+     [] {
+       OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
+         OnLower = HoldIt;
+         PassDown(Device, Irp);
+         IoMarkIrpPending(Irp);
+         return STATUS_PENDING;
+       };
+       SendRead();
+     }},
     {"own packet freed twice", "packet.double-free", [] { IoFreeIrp(Freed()); }},
     {"freed packet cancelled", "packet.freed", [] { IoCancelIrp(Freed()); }},
     {"own packet left", "leak.packet",

@@ -430,6 +430,15 @@ static void LiveWith(PDRIVER_DISPATCH BadFilter, PDRIVER_DISPATCH BadFunction = 
   PnpRemove(node);
 }
 
+template <UCHAR Minor>
+static NTSTATUS AskTheChild(PDEVICE_OBJECT Device, PIRP Irp) {
+  if (!Is(Irp, Minor)) {
+    return STATUS_MORE_PROCESSING_REQUIRED;
+  }
+  IoSkipCurrentIrpStackLocation(Irp);
+  return IofCallDriver(ExtensionOf(Device)->Child, Irp);
+}
+
 // What the filter does with one minor function; the others it treats as it should.
 struct BadFilter {
   const char *Name;
@@ -586,6 +595,13 @@ static const BadRoutine BadDrivers[] = {
          Irp->IoStatus = state ? IO_STATUS_BLOCK{{STATUS_SUCCESS}, 0x7FFF0000} : Irp->IoStatus;
          return state ? SendDown(Device, Irp) : STATUS_MORE_PROCESSING_REQUIRED;
        });
+     }},
+    {"has its child start in its place", "pnp.not-forwarded",
+     [] { LiveWith(nullptr, AskTheChild<IRP_MN_START_DEVICE>); }},
+    {"has its child stop in its place", "pnp.must-succeed",
+     [] {
+       Refused = IRP_MN_STOP_DEVICE;
+       LiveWith(nullptr, AskTheChild<IRP_MN_STOP_DEVICE>);
      }},
     {"stays attached", "device.not-detached",
      [] {

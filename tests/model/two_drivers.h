@@ -156,7 +156,7 @@ inline NTSTATUS UpperEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
   for (PDRIVER_DISPATCH &dispatch : Driver->MajorFunction) {
     dispatch = UpperDispatch;
   }
-  return IoCreateDevice(Driver, 16, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &Two.Upper);
+  return IoCreateDevice(Driver, sizeof(KEVENT), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &Two.Upper);
 }
 
 inline void Buffer(ULONG Way) {
