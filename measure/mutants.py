@@ -33,7 +33,7 @@ COPY = PLACE / "source"
 WORKERS = 2
 # As the tests' own list says.
 TESTS = "-Lives.*Threads:WholeLife.*EverySwitchPoint:*PartyTable*"
-PAGED = "-*Races.*:Lives.*Threads:WholeLife.*:Forced.*"
+PAGED = "-*Races.*:Lives.*Threads:WholeLife.*:Forced.*:*PartyTable*"
 THREADS = "Lives.*Threads"
 STAGES = (0.03, 0.3, 1e9)  # seconds that a test takes in the clean driver
 NOT_COMPILED, SAME, CAUGHT, HUNG, ANALYSIS, RACED, SURVIVED = (

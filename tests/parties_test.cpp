@@ -191,7 +191,7 @@ static void PlayParty(World *world, Played *played, const Party *party, bool ope
   if (side == Side::Client) {
     BeginClient(world, played);
   } else if (side == Side::Zk) {
-    BeginZk(world, played, true);
+    BeginZk(world, played, false);
   }
   party->Play(world, played);
   if (side == Side::Client) {
