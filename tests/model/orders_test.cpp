@@ -81,6 +81,115 @@ TEST(Exploring, FindsWhatIsUsedOnceTooOftenOrDecidedInTwoSteps) {
   }
 }
 
+// --- faults that take three ---------------------------------------------------------------------
+
+// The last reference is dropped, but before its holder has told so another came and went, and told
+// in its place: who waited for that takes everything away under the first.
+static void ToldByAnother() {
+  LONG references = 2;
+  PVOID port = ExAllocatePoolWithTag(NonPagedPoolNx, 1, Tag);
+  KEVENT idle;
+  KeInitializeEvent(&idle, SynchronizationEvent, FALSE);
+  auto drop = [&](bool first) {
+    if (InterlockedDecrement(&references) == 0) {
+      if (first && !port) {
+        KeBugCheckModel("told when nobody is there any more");
+      }
+      KeSetEvent(&idle, IO_NO_INCREMENT, FALSE);
+    }
+  };
+  Together({[&] { drop(true); },
+            [&] {
+              InterlockedIncrement(&references);
+              drop(false);
+            },
+            [&] {
+              if (InterlockedDecrement(&references) != 0) {
+                WaitForEver(&idle);
+              }
+              ExFreePoolWithTag(std::exchange(port, nullptr), Tag);
+            }});
+}
+
+// Who was told that there is something takes it without a second look; somebody else has it, who
+// would have brought it back.
+static void TakenWithoutASecondLook() {
+  KSPIN_LOCK lock;
+  KEVENT some;
+  int count = 0;
+  bool waiting = false;
+  KeInitializeSpinLock(&lock);
+  KeInitializeEvent(&some, SynchronizationEvent, FALSE);
+  auto locked = [&](auto step) {
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&lock);
+    bool result = step();
+    KeReleaseSpinLock(&lock, irql);
+    return result;
+  };
+  auto put = [&] {
+    bool tell = locked([&] {
+      ++count;
+      return waiting;
+    });
+    if (tell) {
+      KeSetEvent(&some, IO_NO_INCREMENT, FALSE);
+    }
+  };
+  Together({[&] {
+              if (locked([&] { return waiting = count == 0; })) {
+                WaitForEver(&some);
+              }
+              if (locked([&] { return --count < 0; })) {
+                KeBugCheckModel("taken twice");
+              }
+            },
+            [&] {
+              if (locked([&] { return count > 0 && count-- > 0; })) {
+                put();
+              }
+            },
+            put});
+}
+
+// Each has one of three and wants the next.
+static void ThreeInACircle() {
+  KSEMAPHORE forks[3];
+  for (KSEMAPHORE &fork : forks) {
+    KeInitializeSemaphore(&fork, 1, 1);
+  }
+  auto dine = [&](unsigned seat) {
+    WaitForEver(&forks[seat]);
+    WaitForEver(&forks[(seat + 1) % 3]);
+    KeReleaseSemaphore(&forks[(seat + 1) % 3], IO_NO_INCREMENT, 1, FALSE);
+    KeReleaseSemaphore(&forks[seat], IO_NO_INCREMENT, 1, FALSE);
+  };
+  Together({[&] { dine(0); }, [&] { dine(1); }, [&] { dine(2); }});
+}
+
+TEST(Exploring, PrioritiesByChanceFindWhatTakesThree) {
+  struct {
+    const char *Name;
+    void (*Scenario)();
+    const char *Rule;
+  } const toys[] = {{"told by another", ToldByAnother, "bugcheck"},
+                    {"taken without a second look", TakenWithoutASecondLook, "bugcheck"},
+                    {"three in a circle", ThreeInACircle, "deadlock"}};
+  for (const auto &toy : toys) {
+    uint64_t runs = 0;
+    for (int seed = 1; seed <= 30; ++seed) {
+      ExploreResult result =
+          ExploreAs(("pct depth=3 runs=1000 seed=" + std::to_string(seed)).c_str(), toy.Scenario);
+      EXPECT_EQ(result.Failure.Rule, toy.Rule) << toy.Name << ", seed " << seed;
+      runs += result.Runs;
+    }
+    printf("  %s: found by 30 seeds in %llu runs\n", toy.Name,
+           static_cast<unsigned long long>(runs));
+    for (const char *how : {"exhaust preemptions=2", "exhaust preemptions=2 reduce=0"}) {
+      EXPECT_EQ(ExploreAs(how, toy.Scenario).Failure.Rule, toy.Rule) << toy.Name << ", " << how;
+    }
+  }
+}
+
 // --- what each kind of point is for -------------------------------------------------------------
 
 // One party's state around what it does at a point.
