@@ -392,13 +392,19 @@ void CausalCeaseTaken(const volatile void *Low, size_t Bytes) {
   }
   lastCease = steps;
   const volatile char *low = static_cast<const volatile char *>(Low);
+  // By address: in which order they were first met is nobody's choice.
+  std::vector<Object *> within;
   for (size_t i = 0; Bytes > 0 && i < inUse.size(); ++i) {
-    Object *object = inUse[i];
-    const volatile char *at = static_cast<const volatile char *>(object->Name);
-    if (at >= low && at < low + Bytes && object->Last.Members != 0) {
-      Come(self, object, Access::Write);
-      object->Last.Members = object->Former.Members = 0;
+    const volatile char *at = static_cast<const volatile char *>(inUse[i]->Name);
+    if (at >= low && at < low + Bytes && inUse[i]->Last.Members != 0) {
+      within.push_back(inUse[i]);
     }
+  }
+  std::sort(within.begin(), within.end(),
+            [](const Object *one, const Object *other) { return one->Name < other->Name; });
+  for (Object *object : within) {
+    Come(self, object, Access::Write);
+    object->Last.Members = object->Former.Members = 0;
   }
   for (unsigned i = 0; i < threads; ++i) {
     const Follower &other = followers[i];
