@@ -1,6 +1,6 @@
 // The driver under harsher conditions: whatever the port completes at once comes back later, paged
 // pool is closed at DISPATCH_LEVEL, one call in sixteen fails, and what is outstanding is cancelled
-// at every switch point.
+// at every switch point. And what it means for a port to complete by DPC.
 #include <gtest/gtest.h>
 
 #include "tests/support/world.h"
@@ -135,6 +135,36 @@ TEST(Forced, OneCallInSixteenFails) {
     RunOptions options = Randomly(seed);
     options.Forced.Pending = seed % 5 == 0;
     PlayForced(options, seed % 4 < 2 ? DO_BUFFERED_IO : DO_DIRECT_IO, seed % 3 == 0, 6);
+  }
+}
+
+// --- Completed at DISPATCH_LEVEL ------------------------------------------------------------
+
+// A completion routine calls what only PASSIVE_LEVEL may. It is stopped when it has to be ready for
+// a DPC.
+static void CompleteIntoAPassiveCall(Behaviour Below, bool ByDpc) {
+  World world;
+  WorldLoad(&world);
+  world.Lower.ByDpc = ByDpc;
+  world.Lower.How[IRP_MJ_WRITE] = Below;
+  ASSERT_EQ(WorldAdd(&world), STATUS_SUCCESS);
+  OwnPacket packet;
+  packet.AtDone = [=, sender = KeGetCurrentThread()] {
+    EXPECT_EQ(KeGetCurrentThread() != sender, ByDpc && Below == Behaviour::Pend);
+    ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 1, 'T'), 'T');
+  };
+  OwnSend(world.Lower.Device, IRP_MJ_WRITE, &packet);
+  LowerFinish(&world.Lower, IRP_MJ_WRITE);
+  OwnWait(&packet);
+  WorldEnd(&world);
+}
+
+TEST(Forced, CompletedByDpc) {
+  for (Behaviour below : {Behaviour::Inline, Behaviour::Pend}) {
+    for (bool byDpc : {false, true}) {
+      RunReport report = ModelRun({}, [=] { CompleteIntoAPassiveCall(below, byDpc); });
+      EXPECT_EQ(report.Rule, byDpc ? "irql.too-high" : "") << report.Text;
+    }
   }
 }
 

@@ -158,6 +158,7 @@ static void RiseAboveAPendingPort(World *World, NTSTATUS Result) {
   ASSERT_EQ(PnpSetDevicePower(Filter(World), PowerDeviceD3), STATUS_SUCCESS);
   lower->How[IRP_MJ_POWER] = Behaviour::Pend;
   lower->AtDispatchLevel = Result == STATUS_SUCCESS;
+  lower->ByDpc = false;  // while that ran, the next one would go on
   Steps(World);
   PowerRequest rise = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD0);
   PowerRequest next = Request(IRP_MN_SET_POWER, DevicePowerState, PowerDeviceD2);

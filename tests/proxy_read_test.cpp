@@ -144,6 +144,7 @@ TEST(ProxyRead, AStopOnTheCallDownThread) {
   options.FailsInTurn = false;  // a read may then end on a thread that would wait for itself
   RunWorld(
       [](World *world) {
+        world->Lower.ByDpc = false;  // nobody writes at DISPATCH_LEVEL
         GoNormal(world, false);
         Answer answer{world, {}};
         std::vector<Io> reads = StartReads(world->Zk, 4, 64);
@@ -314,6 +315,7 @@ TEST(ProxyRead, WithoutACallDownThread) {
     RunWorld([=](World *world) {
       LowerPort *lower = &world->Lower;
       PortExtension *port = WorldPort(world);
+      lower->ByDpc = false;  // while that ran, the thread would send what is posted
       GoNormal(world);
       std::vector<Io> reads = StartReads(world->Client, 3, 1);
       ThreadSettle();  // the thread waits

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 #include "platform/model/causality.h"
 #include "platform/model/irql.h"
 
+bool LowersByDpc;
 static LowerPort *Next;
 
 // The order in which things reach a port matters, so the schedules are told of it.
@@ -105,8 +107,7 @@ static bool Record(LowerPort *Port, PIRP Irp) {
 }
 
 // Returns the status: a read whose buffer cannot be had fails.
-static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::string &Bytes,
-                         bool AtDispatchLevel) {
+static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::string &Bytes) {
   PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
   bool counted = stack->MajorFunction != IRP_MJ_PNP;
   ULONG_PTR information = 0;
@@ -130,13 +131,9 @@ static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::
   if (stack->MajorFunction == IRP_MJ_POWER) {
     PoStartNextPowerIrp(Irp);
   }
-  if (AtDispatchLevel) {
-    KIRQL irql = IrqlRaise(DISPATCH_LEVEL);
-    IofCompleteRequest(Irp, IO_NO_INCREMENT);
-    IrqlLower(irql);
-  } else {
-    IofCompleteRequest(Irp, IO_NO_INCREMENT);
-  }
+  KIRQL irql = IrqlRaise(Port->ByDpc && counted ? DISPATCH_LEVEL : KeGetCurrentIrql());
+  IofCompleteRequest(Irp, IO_NO_INCREMENT);
+  IrqlLower(irql);
   if (counted) {
     Leave(Port);
   }
@@ -146,7 +143,23 @@ static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::
 static void CancelHeld(PDEVICE_OBJECT Device, PIRP Irp) {
   RemoveEntryList(&Irp->Tail.Overlay.ListEntry);
   IoReleaseCancelSpinLock(Irp->CancelIrql);
-  Complete(PortOfDevice(Device), Irp, STATUS_CANCELLED, "", false);
+  Complete(PortOfDevice(Device), Irp, STATUS_CANCELLED, "");
+}
+
+// Ends a held request. A DPC runs in whichever thread it meets: another than the caller, unless he
+// may not wait for it.
+static void EndHeld(const LowerPort *Port, const std::function<void()> &End) {
+  auto raised = [&] {
+    bool raises = Port->AtDispatchLevel || Port->ByDpc;
+    KIRQL irql = IrqlRaise(raises ? DISPATCH_LEVEL : KeGetCurrentIrql());
+    End();
+    IrqlLower(irql);
+  };
+  if (Port->ByDpc && KeGetCurrentIrql() == PASSIVE_LEVEL) {
+    ThreadJoin(ThreadStart("dpc", raised));
+  } else {
+    raised();
+  }
 }
 
 static NTSTATUS Hold(LowerPort *Port, PIRP Irp, bool Cancellable) {
@@ -157,7 +170,7 @@ static NTSTATUS Hold(LowerPort *Port, PIRP Irp, bool Cancellable) {
                                                   : STATUS_SUCCESS;
   if (refusal != STATUS_SUCCESS) {
     IoReleaseCancelSpinLock(irql);
-    Complete(Port, Irp, refusal, "", false);
+    Complete(Port, Irp, refusal, "");
     return refusal;
   }
   IoMarkIrpPending(Irp);
@@ -200,7 +213,7 @@ static NTSTATUS ServeQueuedRead(LowerPort *Port, PIRP Irp) {
     LowerFeed(Port, "");  // what came in before the read was held
     return status;
   }
-  return Complete(Port, Irp, STATUS_SUCCESS, bytes, false);
+  return Complete(Port, Irp, STATUS_SUCCESS, bytes);
 }
 
 // A cleanup or close does not fail.
@@ -212,10 +225,10 @@ static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
   LowerPort *port = PortOfDevice(Device);
   UCHAR major = IoGetCurrentIrpStackLocation(Irp)->MajorFunction;
   if (!Enter(port)) {
-    return Complete(port, Irp, STATUS_DELETE_PENDING, "", false);
+    return Complete(port, Irp, STATUS_DELETE_PENDING, "");
   }
   if (FailsHere(major) || !Record(port, Irp)) {
-    return Complete(port, Irp, STATUS_INSUFFICIENT_RESOURCES, "", false);
+    return Complete(port, Irp, STATUS_INSUFFICIENT_RESOURCES, "");
   }
   switch (port->How[major]) {
   case Behaviour::Pend:
@@ -226,7 +239,7 @@ static NTSTATUS LowerDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
     return ServeQueuedRead(port, Irp);
   default: {
     NTSTATUS status = port->Result[major];
-    Complete(port, Irp, status, "", false);
+    Complete(port, Irp, status, "");
     return status;
   }
   }
@@ -243,7 +256,7 @@ static NTSTATUS PassPowerDown(LowerPort *Port, PIRP Irp) {
 static NTSTATUS LowerPower(PDEVICE_OBJECT Device, PIRP Irp) {
   LowerPort *port = PortOfDevice(Device);
   if (!Enter(port)) {
-    return Complete(port, Irp, STATUS_DELETE_PENDING, "", false);
+    return Complete(port, Irp, STATUS_DELETE_PENDING, "");
   }
   Record(port, Irp);
   if (port->How[IRP_MJ_POWER] != Behaviour::Inline) {
@@ -254,7 +267,7 @@ static NTSTATUS LowerPower(PDEVICE_OBJECT Device, PIRP Irp) {
   NTSTATUS failure =
       known && FaultHere(FaultLower) ? STATUS_INSUFFICIENT_RESOURCES : port->Result[IRP_MJ_POWER];
   if (failure != STATUS_SUCCESS) {
-    Complete(port, Irp, failure, "", false);
+    Complete(port, Irp, failure, "");
     return failure;
   }
   return PassPowerDown(port, Irp);
@@ -277,17 +290,19 @@ static NTSTATUS PassDown(LowerPort *Port, PIRP Irp) {
 }
 
 // What is still held ends here; opens and closes that are held, and what is being completed on
-// another thread, are waited for: a driver that goes keeps nothing.
+// another thread, are waited for: a driver that goes keeps nothing. No DPC runs for what it ends.
 static void EndRequests(LowerPort *Port) {
   KIRQL irql;
   IoAcquireCancelSpinLock(&irql);
   Port->Removed = true;
   IoReleaseCancelSpinLock(irql);
+  irql = IrqlRaise(Port->ByDpc ? DISPATCH_LEVEL : KeGetCurrentIrql());
   for (UCHAR major :
        {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_DEVICE_CONTROL, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_POWER}) {
     while (LowerFinish(Port, major, STATUS_DEVICE_NOT_CONNECTED)) {
     }
   }
+  IrqlLower(irql);
   AwaitNoRequests(Port);
 }
 
@@ -320,7 +335,7 @@ static NTSTATUS HandlePnp(LowerPort *Port, PIRP Irp) {
     return Remove(Port, Irp);
   }
   if (minor == IRP_MN_START_DEVICE && Port->StartResult != STATUS_SUCCESS) {
-    Complete(Port, Irp, Port->StartResult, "", false);
+    Complete(Port, Irp, Port->StartResult, "");
     return Port->StartResult;
   }
   if (minor != IRP_MN_QUERY_CAPABILITIES && minor != IRP_MN_QUERY_DEVICE_RELATIONS) {
@@ -477,11 +492,9 @@ bool LowerFinish(LowerPort *Port, UCHAR Major, NTSTATUS Status, const std::strin
   if (Major == IRP_MJ_PNP) {
     HandlePnp(Port, irp);
   } else if (Major == IRP_MJ_POWER && NT_SUCCESS(Status)) {
-    KIRQL irql = IrqlRaise(Port->AtDispatchLevel ? DISPATCH_LEVEL : KeGetCurrentIrql());
-    PassPowerDown(Port, irp);
-    IrqlLower(irql);
+    EndHeld(Port, [=] { PassPowerDown(Port, irp); });
   } else {
-    Complete(Port, irp, Status, Bytes, Port->AtDispatchLevel);
+    EndHeld(Port, [&] { Complete(Port, irp, Status, Bytes); });
   }
   return true;
 }
@@ -506,7 +519,7 @@ void LowerFeed(LowerPort *Port, const std::string &Bytes) {
     if (bytes.empty() && length != 0) {
       Hold(Port, irp, true);
     } else {
-      Complete(Port, irp, STATUS_SUCCESS, bytes, Port->AtDispatchLevel);
+      EndHeld(Port, [&] { Complete(Port, irp, STATUS_SUCCESS, bytes); });
     }
   }
 }

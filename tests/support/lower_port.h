@@ -29,6 +29,9 @@ struct LowerSeen {
   bool Cancel;  // the request arrived cancelled
 };
 
+// What LowerPort::ByDpc is to begin with.
+extern bool LowersByDpc;
+
 struct LowerPort {
   PDEVICE_OBJECT Device = nullptr;
   PDEVICE_OBJECT Lower = nullptr;
@@ -46,7 +49,10 @@ struct LowerPort {
   NTSTATUS Result[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};  // of inline completions
   NTSTATUS StartResult = STATUS_SUCCESS;
   bool AtDispatchLevel = false;  // completes held requests there
-  ULONG_PTR ClaimedRead = 0;     // when not 0, the Information of reads, whatever they brought
+  // Completes all but Plug and Play at DISPATCH_LEVEL, and what it held in a thread of its own, for
+  // which a caller at PASSIVE_LEVEL waits.
+  bool ByDpc = LowersByDpc;
+  ULONG_PTR ClaimedRead = 0;  // when not 0, the Information of reads, whatever they brought
 
   std::mutex Mutex;  // of these; never held across a call into the kernel
   std::vector<LowerSeen> Seen;

@@ -16,10 +16,11 @@
 #include "tests/support/failing.h"
 
 // VORLIX_FORCE puts every run under harsher conditions: "paged" closes paged pool at
-// DISPATCH_LEVEL.
+// DISPATCH_LEVEL, "dpc" has the port complete there.
 [[maybe_unused]] static const bool forced = [] {
   const char *what = getenv("VORLIX_FORCE");
   ForceAlways({.PagedPool = what != nullptr && strstr(what, "paged") != nullptr});
+  LowersByDpc = what != nullptr && strstr(what, "dpc") != nullptr;
   return true;
 }();
 
