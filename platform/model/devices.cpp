@@ -433,7 +433,7 @@ void DeviceShutWhenUnused(const PDEVICE_OBJECT *Bottoms, size_t Count) {
 
 CallbackScope CallbackBegin() {
   PKTHREAD self = ThreadSelf();
-  CallbackScope scope = {KeGetCurrentIrql(), self->Dispatching, self->OfUser};
+  CallbackScope scope = {KeGetCurrentIrql(), self->Dispatching, self->OfUser, StackEnterDriver()};
   self->Dispatching = nullptr;
   self->OfUser = false;
   return scope;
@@ -442,6 +442,7 @@ CallbackScope CallbackBegin() {
 void CallbackEnd(const CallbackScope &Scope, const char *What) {
   ThreadSelf()->Dispatching = Scope.Frames;
   ThreadSelf()->OfUser = Scope.OfUser;
+  StackRestore(Scope.Stack);
   // Called at PASSIVE_LEVEL: a lock that is kept keeps the IRQL, too.
   if (VerifierOn() && KeGetCurrentIrql() != Scope.Irql) {
     VerifierStop("irql.not-restored", nullptr, "%s was called at IRQL %d and came back at %d", What,

@@ -26,6 +26,7 @@
 
 #include "platform/kernel.h"
 #include "platform/model/guard.h"
+#include "platform/model/stack_depth.h"
 
 struct PnpNode;
 struct PowerRequest;
@@ -101,6 +102,7 @@ struct CallbackScope {
   KIRQL Irql;
   struct DispatchFrame *Frames;
   bool OfUser;
+  StackUse Stack;
 };
 CallbackScope CallbackBegin();
 void CallbackEnd(const CallbackScope &Scope, const char *What);

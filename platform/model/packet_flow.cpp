@@ -11,6 +11,7 @@
 #include "platform/model/objects.h"
 #include "platform/model/packets.h"
 #include "platform/model/power.h"
+#include "platform/model/stack_depth.h"
 #include "platform/model/stack_rules.h"
 #include "platform/model/thread_object.h"
 #include "platform/model/verifier.h"
@@ -39,10 +40,12 @@ static void FramePush(DispatchFrame *Frame) {
   ++self->RoutinesEntered;
   Frame->ActedBefore = self->Acting;
   self->Acting = Frame->Driver;
+  Frame->StackBefore = StackEnterDriver();
 }
 
 static void FramePop(DispatchFrame *Frame) {
   PKTHREAD self = ThreadSelf();
+  StackRestore(Frame->StackBefore);
   self->Dispatching = Frame->Outer;
   self->Acting = Frame->ActedBefore;
 }
@@ -377,6 +380,7 @@ static NTSTATUS CheckedCall(PDEVICE_OBJECT Device, PIRP Irp) {
 }
 
 NTSTATUS PacketCall(PDEVICE_OBJECT Device, PIRP Irp) {
+  InModel scope;
   if (VerifierOn()) {
     return CheckedCall(Device, Irp);
   }
@@ -561,6 +565,7 @@ static void FinishPacket(PacketShadow *Shadow, PIRP Irp) {
 
 void IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
   UNREFERENCED_PARAMETER(PriorityBoost);
+  InModel scope;
   SwitchPoint(SwitchReason::Complete, Irp);
   CausalCease(Irp, 0);
   PacketShadow *checked = VerifierOn() ? BeginCompletion(Irp) : nullptr;
@@ -627,6 +632,7 @@ static void CallCancelRoutine(PDRIVER_CANCEL Routine, PIRP Irp, const Before &Wa
 }
 
 BOOLEAN IoCancelIrp(PIRP Irp) {
+  InModel scope;
   VerifierRequireIrql(DISPATCH_LEVEL, "IoCancelIrp");
   HistoryNote("cancel", Irp);
   if (VerifierOn()) {

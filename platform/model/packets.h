@@ -52,6 +52,7 @@
 #include "platform/kernel.h"
 #include "platform/model/devices.h"
 #include "platform/model/guard.h"
+#include "platform/model/stack_depth.h"
 
 // Fresh -> Held (sent) -> Held (passed on, or taken back by a completion routine) -> Completing ->
 // Finished -> Freed. A packet taken back at the top, or reused, is Fresh again. While a completion
@@ -85,6 +86,7 @@ struct DispatchFrame {
   unsigned Entry;  // the how manieth to enter there: who skips a location shares it
   Kind What;
   PDRIVER_OBJECT ActedBefore;  // the thread's Acting before the call
+  StackUse StackBefore;        // likewise
   bool MarkedBefore;           // the location carried the pending mark when the routine was entered
   bool Completed;              // the location was completed; what follows is of that moment
   bool Marked;

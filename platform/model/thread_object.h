@@ -9,6 +9,7 @@
 
 #include "platform/kernel.h"
 #include "platform/model/fibers.h"
+#include "platform/model/stack_depth.h"
 
 // Ready -> Running -> Ready (preempted, yielding), Waiting, Settling or Ended; Waiting and Settling
 // -> Ready. The thread executor knows no Ready: who is woken runs.
@@ -54,6 +55,7 @@ struct _KTHREAD {
   PDRIVER_OBJECT Acting;              // the driver whose routine it runs, if that is known
   bool OfUser;                        // it runs in a user's process, not in the system's
   unsigned PowerDown;                 // dispatch routines for a power-down that it is in
+  StackUse Stack;                     // what drivers use of its stack
 
   // Guarded by DispatcherMutex.
   ThreadState State;

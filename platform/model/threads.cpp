@@ -6,6 +6,7 @@
 #include "platform/model/objects.h"
 #include "platform/model/packets.h"
 #include "platform/model/scheduler.h"
+#include "platform/model/stack_depth.h"
 #include "platform/model/thread_object.h"
 #include "platform/model/unload.h"
 #include "platform/model/verifier.h"
@@ -32,6 +33,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES Ob
   char name[24];
   snprintf(name, sizeof name, "system %u", static_cast<unsigned>(FaultCount(FaultThread)));
   auto body = [StartRoutine, StartContext] {
+    StackEnterDriver();
     StartRoutine(StartContext);
     PsTerminateSystemThread(STATUS_SUCCESS);
   };

@@ -16,6 +16,7 @@
 #include "platform/model/report.h"
 #include "platform/model/schedule.h"
 #include "platform/model/scheduler.h"
+#include "platform/model/stack_depth.h"
 #include "platform/model/verifier_state.h"
 
 bool VerifierEnabled;
@@ -195,6 +196,7 @@ void VerifierRequireIrql(KIRQL Highest, const char *Service) {
   if (!VerifierEnabled) {
     return;
   }
+  StackRequire();
   PKTHREAD self = ThreadSelf();
   if (self->Irql > Highest) {
     VerifierStop("irql.too-high", nullptr, "%s at IRQL %u; it allows %u at most", Service,

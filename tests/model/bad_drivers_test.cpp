@@ -7,6 +7,7 @@
 #include "platform/model/packets.h"
 #include "platform/model/paged_pool.h"
 #include "platform/model/registry_keys.h"
+#include "platform/model/stack_depth.h"
 #include "tests/model/two_drivers.h"
 
 static constexpr ULONG Tag = FourCharacters("Test");
@@ -684,6 +685,75 @@ TEST(BadDrivers, CancelledAtEverySwitchPoint) {
   EXPECT_GT(good.Runs, 3u);
   EXPECT_EQ(CancelEverywhere(HoldBlindly).Failure.Rule, "cancel.not-completed");
   EXPECT_EQ(CancelEverywhere(HoldIt).Failure.Rule, "cancel.not-completed");
+}
+
+// ---- stack ----
+
+// Calls with so much on the stack.
+template <size_t Bytes>
+static void Above(void (*Service)()) {
+  char room[Bytes];
+  volatile char *used = room;
+  *used = 1;
+  Service();
+  *used = 2;
+}
+
+static unsigned Deeper;
+
+static void CallDown() {
+  PIRP irp = OwnRead();
+  if (Deeper > 0) {
+    --Deeper;
+    IofCallDriver(Two.Upper, irp);
+  }
+  IoFreeIrp(irp);
+}
+
+template <size_t Bytes>
+static void SendDeep(unsigned Times) {
+  Deeper = Times - 1;
+  OnUpper = [](PDEVICE_OBJECT Device, PIRP Irp) {
+    Above<Bytes>(CallDown);
+    return Succeed(Device, Irp);
+  };
+  SendRead();
+}
+
+static const BadRoutine DeepDrivers[] = {
+    {"13 KiB in a call", "stack.too-deep", [] { SendDeep<13 * 1024>(1); }},
+    {"13 KiB in a thread", "stack.too-deep",
+     [] {
+       HANDLE thread;
+       PsCreateSystemThread(
+           &thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr,
+           [](PVOID) { Above<13 * 1024>(CallDown); }, nullptr);
+       ThreadSettle();
+     }},
+    {"13 KiB in an unload routine", "stack.too-deep",
+     [] {
+       Two.UpperDriver->DriverUnload = [](PDRIVER_OBJECT) { Above<13 * 1024>(CallDown); };
+       TwoUnload();
+     }},
+    {"2 KiB in each of seven calls", "stack.too-deep", [] { SendDeep<2048>(7); }},
+};
+
+TEST(BadDrivers, StackOfAChainOfCalls) {
+  if (!StackMeasured) {
+    GTEST_SKIP() << "frames are larger in this build";
+  }
+  ExpectTwoStopped(DeepDrivers);
+  ExpectTwoClean([] {
+    SendDeep<10 * 1024>(1);
+    SendDeep<2048>(5);
+    // A user's own stack is no driver's.
+    OnUpper = PassDown;
+    HANDLE handle = OpenLow();
+    Request.OnDone = [](FileRequest *, void *) { Above<16 * 1024>(CallDown); };
+    BeginRead(handle, &Request);
+    Request.OnDone = nullptr;
+    FileClose(handle);
+  });
 }
 
 // ---- low resources at random ----
