@@ -2,9 +2,9 @@
 
 Of all changes that mutations.py knows, N are drawn by SEED. Each is compiled from a copy of the
 driver's sources, linked and tested as ./test quick tests the driver, quick tests first, up to the
-first that fails. The build is the release one: it catches what the sanitized one catches, in a
-tenth of the time. What survives is given to clang's lock analysis and to real threads under
-ThreadSanitizer, as ./test has them. A change that makes no difference stands in equivalent.txt with
+first that fails. The build is the release one, which takes a tenth of the time of the sanitized one.
+What survives is given to clang's lock analysis, to real threads under ThreadSanitizer and to the
+sanitized build without explorations, as ./test has them. A change that makes no difference stands in equivalent.txt with
 the reason; it is not tried, and an entry that fits nothing any more is an error.
 Usage: mutants.py N SEED [WHERE], the last only from changes whose description holds that text.
 """
@@ -35,6 +35,7 @@ WORKERS = 2
 TESTS = "-Lives.*Threads:WholeLife.*EverySwitchPoint:*PartyTable*"
 PAGED = "-*Races.*:Lives.*Threads:WholeLife.*:Forced.*:*PartyTable*"
 THREADS = "Lives.*Threads"
+SANITIZED = "-*Races.*:Lives.*Threads:WholeLife.*:Serializer.ALong*:*StayFlat*:*PartyTable*"
 STAGES = (0.03, 0.3, 1e9)  # seconds that a test takes in the clean driver
 NOT_COMPILED, SAME, CAUGHT, HUNG, ANALYSIS, RACED, SURVIVED = (
     "does not compile", "same code", "caught", "hung", "caught by the lock analysis",
@@ -120,7 +121,7 @@ class Clean:
             shutil.copytree(ROOT / folder, COPY / folder)
         self.texts = {str(path.relative_to(COPY)): path.read_text()
                       for folder in DRIVER for path in sorted((COPY / folder).iterdir())}
-        self.release, self.tsan = Build("release"), Build("tsan")
+        self.release, self.tsan, self.debug = Build("release"), Build("tsan"), Build("debug")
 
     def dependents(self, header):
         """The sources that include it, over others or not."""
@@ -201,7 +202,10 @@ def attempt(clean, mutant, place):
     if None in objects(clean.tsan, after, "-Wthread-safety", "-Wthread-safety-beta", "-Werror"):
         return ANALYSIS
     program = clean.tsan.link(place, objects(clean.tsan, after))
-    return SURVIVED if play(program, THREADS, 60) == 0 else RACED
+    if play(program, THREADS, 60) != 0:
+        return RACED
+    program = clean.debug.link(place, objects(clean.debug, after))
+    return SURVIVED if play(program, SANITIZED, 300) == 0 else CAUGHT
 
 
 def show(clean, mutant):

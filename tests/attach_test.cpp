@@ -73,6 +73,7 @@ TEST(Attach, InheritsFlagsFromTheDeviceBelow) {
       EXPECT_EQ(filter->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO | DO_EXCLUSIVE), flags);
       EXPECT_EQ(filter->Flags & DO_DEVICE_INITIALIZING, 0u);
       EXPECT_NE(filter->Flags & DO_POWER_PAGABLE, 0u);
+      EXPECT_EQ(filter->Characteristics, 0u);
       PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
       EXPECT_EQ(control->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO), flags & ~DO_EXCLUSIVE);
       EXPECT_NE(control->Flags & DO_POWER_PAGABLE, 0u);

@@ -291,6 +291,21 @@ TEST_P(Controller, MessagesByLevel) {
   });
 }
 
+TEST(PortMode, TheSameModeAgainDisturbsNoRead) {
+  RunWorld([](World *world) {
+    GoNormal(world);
+    Io read;
+    StartRead(world->Client, &read, 4);
+    size_t seen = world->Lower.Seen.size();
+    ASSERT_EQ(SendCommand(world, COMMAND_SET_MODE, 0, MODE_NORMAL), STATUS_SUCCESS);
+    NextFrame(world);
+    EXPECT_EQ(world->Lower.Seen.size(), seen);
+    LowerFeed(&world->Lower, "read");
+    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+    EXPECT_EQ(read.Text(), "read");
+  });
+}
+
 // The longest text is 1,023 characters; a longer one is not sent at all.
 TEST(Messages, LengthBound) {
   RunWorld([](World *world) {
@@ -309,6 +324,10 @@ TEST(Messages, LengthBound) {
               STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"%ws", nullptr), STATUS_SUCCESS);
     EXPECT_EQ(NextFrame(world).MessageText(), "(null)");
+    Io waiting;
+    StartRead(world->Zk, &waiting, 64);
+    EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"soon"), STATUS_SUCCESS);
+    EXPECT_EQ(DecodeFrame(waiting).MessageText(), "soon");
     for (ULONG tag : {FourCharacters("ZK0F"), FourCharacters("ZK10")}) {
       FaultArm({FaultPool, tag, 1, false});
       EXPECT_EQ(SendZkMessage(device, MESSAGE_ERROR, L"lost"), STATUS_INSUFFICIENT_RESOURCES);

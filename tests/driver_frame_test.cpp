@@ -151,9 +151,10 @@ TEST(EventLog, TextsThatMayNotEnd) {
   EXPECT_EQ(TextLength(nullptr, 8, &bytes), STATUS_INVALID_PARAMETER);
 }
 
-// The largest entry is 240 bytes: 48 and a name of 95 characters with its terminator.
+// The largest entry is 240 bytes: 48 and a name of 95 characters with its terminator. The size of
+// one with 200 of 'N' would be 232 in the byte that names it.
 TEST(EventLog, LongNamesAreDropped) {
-  for (size_t characters : {76u, 77u}) {
+  for (size_t characters : {76u, 77u, 200u}) {
     WorldOptions options;
     options.Values["PortName"] = RegistryText(std::string(characters, 'N'));
     RunReport report = ModelRun({}, [&] {

@@ -285,7 +285,15 @@ void KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
                        State ? 1 : 0);
 }
 
-LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) {
+// Who sets Wait comes back raised, with the dispatcher's lock, and has to wait at once.
+static void RequireNoPromise(const void *object, BOOLEAN wait, const char *service) {
+  if (wait && VerifierOn()) {
+    VerifierStop("wait.bad-arguments", object, "%s with Wait set", service);
+  }
+}
+
+LONG KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN Wait) {
+  RequireNoPromise(Event, Wait, "KeSetEvent");
   SwitchPoint(SwitchReason::Signal, Event);
   CheckHeader(&Event->Header, true, false, "KeSetEvent");
   HistoryNote("set event", Event);
@@ -332,7 +340,8 @@ void KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit) {
   Semaphore->Limit = Limit;
 }
 
-LONG KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOLEAN) {
+LONG KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOLEAN Wait) {
+  RequireNoPromise(Semaphore, Wait, "KeReleaseSemaphore");
   SwitchPoint(SwitchReason::Signal, Semaphore);
   CheckHeader(&Semaphore->Header, false, true, "KeReleaseSemaphore");
   if (Adjustment <= 0) {

@@ -204,7 +204,6 @@ PVOID MmMapLockedPagesSpecifyCache(PMDL Mdl, KPROCESSOR_MODE AccessMode,
   UNREFERENCED_PARAMETER(AccessMode);
   UNREFERENCED_PARAMETER(CacheType);
   UNREFERENCED_PARAMETER(RequestedAddress);
-  UNREFERENCED_PARAMETER(Priority);
   VerifierRequireIrql(DISPATCH_LEVEL, "MmMapLockedPagesSpecifyCache");
   RequireLive(Mdl, "MmMapLockedPagesSpecifyCache");
   if (VerifierOn() && (Mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL))) {
@@ -212,6 +211,9 @@ PVOID MmMapLockedPagesSpecifyCache(PMDL Mdl, KPROCESSOR_MODE AccessMode,
   }
   if (VerifierOn() && !(Mdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_PARTIAL))) {
     VerifierStop("mdl.not-locked", Mdl, "MmMapLockedPagesSpecifyCache of pages not locked");
+  }
+  if (VerifierOn() && !(Priority & MdlMappingNoExecute)) {
+    VerifierStop("mdl.executable", Mdl, "mapped so that it could be executed");
   }
   if (FaultHere(FaultMapping)) {
     if (BugCheckOnFailure) {

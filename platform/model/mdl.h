@@ -9,6 +9,7 @@
 //   mdl.paged             built for nonpaged pool over paged pool
 //   mdl.not-locked        mapped, or used as a source, with pages neither locked nor nonpaged
 //   mdl.already-mapped    mapped again
+//   mdl.executable        mapped without MdlMappingNoExecute
 //   mdl.pool-freed        pool freed that an MDL of a packet under way describes
 //   mdl.outside           a partial MDL for bytes that its source does not describe
 //   mdl.target-too-small  a partial MDL that was allocated for fewer pages

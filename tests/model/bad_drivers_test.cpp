@@ -364,6 +364,18 @@ static const BadRoutine OtherDrivers[] = {
        IoFreeMdl(mdl);
        MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, 0);
      }},
+    {"maps what could be executed", "mdl.executable",
+     [] {
+       static char bytes[8];
+       PMDL mdl = MdlMakeLocked(bytes, sizeof bytes);
+       MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority);
+     }},
+    {"promises to wait", "wait.bad-arguments",
+     [] {
+       KEVENT event;
+       KeInitializeEvent(&event, NotificationEvent, FALSE);
+       KeSetEvent(&event, IO_NO_INCREMENT, TRUE);
+     }},
     {"frees the MDL of a user's locked pages", "mdl.freed-locked",
      [] {
        static char bytes[8];

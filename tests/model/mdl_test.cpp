@@ -28,7 +28,8 @@ MODEL_TEST(Mdl, NonPagedPoolAndPartial) {
 }
 
 static PVOID Map(PMDL Mdl) {
-  return MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, nullptr, FALSE, 0);
+  return MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, nullptr, FALSE,
+                                      MdlMappingNoExecute);
 }
 
 // A user's pages: mapped on demand, a partial MDL over them has a mapping of its own.
@@ -108,7 +109,8 @@ static const BadRoutine BadUses[] = {
        Buffer(DO_DIRECT_IO);
        OnLower = [](PDEVICE_OBJECT Device, PIRP Irp) {
          FaultArm({.Kinds = FaultMapping});
-         MmMapLockedPagesSpecifyCache(Irp->MdlAddress, KernelMode, MmCached, nullptr, TRUE, 0);
+         MmMapLockedPagesSpecifyCache(Irp->MdlAddress, KernelMode, MmCached, nullptr, TRUE,
+                                      MdlMappingNoExecute);
          return Succeed(Device, Irp);
        };
        FileWrite(OpenLow(), {1});

@@ -40,7 +40,7 @@ static char *BufferOf(PIRP Irp) {
     return static_cast<char *>(mdl->MappedSystemVa);
   }
   return static_cast<char *>(
-      MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority));
+      MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority | MdlMappingNoExecute));
 }
 
 // A removal waits for every request but those of Plug and Play, until it has been completed or, of
