@@ -32,6 +32,7 @@ static void Attach(const WorldOptions &Options, const std::function<void(World *
     WorldAdd(&world, Options);
     Look(&world);
     WorldEnd(&world);
+    EXPECT_EQ(EventLogCount(EVENT_INTERNAL), 0u);  // its thread has ended as it should
   });
   EXPECT_FALSE(report.Stopped) << report.Text;
 }

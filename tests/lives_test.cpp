@@ -39,6 +39,16 @@ static void Client(World *World, Seen *Seen, uint64_t Seed) {
   }
 }
 
+// Requests that the driver only keeps on a list while they are below; of two threads.
+static void Flush(World *World) {
+  for (int i = 0; i < Rounds; ++i) {
+    FileRequest flush;
+    flush.Major = IRP_MJ_FLUSH_BUFFERS;
+    FileSend(World->Client, &flush);
+    EXPECT_EQ(FileWait(&flush), STATUS_SUCCESS);
+  }
+}
+
 static void Port(World *World, std::string *Fed) {
   for (int i = 0; i < Rounds; ++i) {
     std::string text = "p" + std::to_string(i) + ";";
@@ -114,6 +124,8 @@ static void BusyLife(uint64_t Seed, ULONG Buffering) {
       ThreadStart("client", [&] { Client(&world, &client, Seed); }),
       ThreadStart("port", [&] { Port(&world, &fed); }),
       ThreadStart("steer", [&] { Steer(&world, &steering, Seed + 1); }),
+      ThreadStart("flush", [&] { Flush(&world); }),
+      ThreadStart("flush too", [&] { Flush(&world); }),
   };
   PKTHREAD watcher = ThreadStart("watch", [&] { Watch(&world, &watching); });
   for (PKTHREAD thread : threads) {
