@@ -39,8 +39,8 @@ static char *BufferOf(PIRP Irp) {
   if ((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) != 0) {
     return static_cast<char *>(mdl->MappedSystemVa);
   }
-  return static_cast<char *>(
-      MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority | MdlMappingNoExecute));
+  return static_cast<char *>(MmMapLockedPagesSpecifyCache(
+      mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority | MdlMappingNoExecute));
 }
 
 // A removal waits for every request but those of Plug and Play, until it has been completed or, of
