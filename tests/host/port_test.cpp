@@ -16,8 +16,6 @@
 #include "host/tty_watch.h"
 #include "platform/model/model.h"
 
-// ---- The driver ----
-
 static KEVENT Entered;  // the driver is in a request of kind Minor
 static KEVENT Go;
 static UCHAR Minor;
@@ -63,8 +61,6 @@ static NTSTATUS GateEntry(PDRIVER_OBJECT Driver, PUNICODE_STRING) {
   Driver->MajorFunction[IRP_MJ_PNP] = Pnp;
   return STATUS_SUCCESS;
 }
-
-// ---- The world ----
 
 struct World {
   std::string Directory;

@@ -69,8 +69,6 @@ TWO_DRIVERS_TEST(Devices, AttachGoesToTheTop) {
   IoDeleteDevice(third);
 }
 
-// ---- interfaces ----
-
 static const GUID SomeClass = {0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 8}};
 
 TWO_DRIVERS_TEST(Devices, InterfaceStates) {
@@ -99,12 +97,18 @@ TWO_DRIVERS_TEST(Devices, InterfaceStates) {
   RtlFreeUnicodeString(&link);
 }
 
-// ---- what the verifier stops ----
-
 static PDEVICE_OBJECT MakeDeleted() {
   PDEVICE_OBJECT device = Make("\\Device\\X");
   IoDeleteDevice(device);
   return device;
+}
+
+static void WriteStringAt(USHORT Offset) {
+  auto *entry = static_cast<PIO_ERROR_LOG_PACKET>(IoAllocateErrorLogEntry(Two.Lower, 48));
+  entry->NumberOfStrings = 1;
+  entry->StringOffset = Offset;
+  memset(&entry->DumpData[1], 'x', 4);
+  IoWriteErrorLogEntry(entry);
 }
 
 static const BadRoutine BadDrivers[] = {
@@ -154,14 +158,8 @@ static const BadRoutine BadDrivers[] = {
      }},
     {"event for a dead device", "event-log.object",
      [] { IoAllocateErrorLogEntry(MakeDeleted(), 64); }},
-    {"event string without an end", "event-log.string",
-     [] {
-       auto *entry = static_cast<PIO_ERROR_LOG_PACKET>(IoAllocateErrorLogEntry(Two.Lower, 48));
-       entry->NumberOfStrings = 1;
-       entry->StringOffset = 44;
-       memset(&entry->DumpData[1], 'x', 4);
-       IoWriteErrorLogEntry(entry);
-     }},
+    {"event string without an end", "event-log.string", [] { WriteStringAt(44); }},
+    {"event string within the dump data", "event-log.string", [] { WriteStringAt(0); }},
 };
 
 TEST(Devices, BadDriversAreStopped) {

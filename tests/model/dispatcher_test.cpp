@@ -150,7 +150,8 @@ MODEL_TEST(Clock, MovesOnlyWhenEverybodyWaits) {
 TEST(Clock, RealTimeoutComesDue) {
   for (ExecutorKind executor : {ExecutorKind::Fibers, ExecutorKind::Threads}) {
     ExpectClean(
-        [] {
+        [executor] {
+          EXPECT_EQ(ExecutorInUse(), executor);
           KEVENT never;
           KeInitializeEvent(&never, NotificationEvent, FALSE);
           int64_t start = Now();
@@ -161,13 +162,16 @@ TEST(Clock, RealTimeoutComesDue) {
   }
 }
 
+static void ReleaseOneOf(LONG count, LONG limit, LONG times) {
+  KSEMAPHORE semaphore;
+  KeInitializeSemaphore(&semaphore, count, limit);
+  KeReleaseSemaphore(&semaphore, 0, times, FALSE);
+}
+
 static const BadRoutine badRoutines[] = {
-    {"released above the limit", "semaphore.limit",
-     [] {
-       KSEMAPHORE semaphore;
-       KeInitializeSemaphore(&semaphore, 1, 2);
-       KeReleaseSemaphore(&semaphore, 0, 2, FALSE);
-     }},
+    {"released above the limit", "semaphore.limit", [] { ReleaseOneOf(1, 2, 2); }},
+    {"released no times", "semaphore.bad-arguments", [] { ReleaseOneOf(0, 1, 0); }},
+    {"made above its limit", "semaphore.bad-arguments", [] { ReleaseOneOf(2, 1, 1); }},
     {"never initialised", "dispatcher.uninitialized",
      [] {
        KEVENT event = {};

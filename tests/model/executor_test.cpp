@@ -3,23 +3,6 @@
 
 #include "tests/model/two_drivers.h"
 
-TEST(Executor, RunsThreadsWithNamesOfTheirOwn) {
-  for (ExecutorKind executor : {ExecutorKind::Fibers, ExecutorKind::Threads}) {
-    ExpectClean(
-        [executor] {
-          EXPECT_EQ(ExecutorInUse(), executor);
-          EXPECT_STREQ(ThreadName(KeGetCurrentThread()), "main");
-          PKTHREAD self = nullptr;
-          PKTHREAD thread = ThreadStart("worker", [&] { self = KeGetCurrentThread(); });
-          EXPECT_STREQ(ThreadName(thread), "worker");
-          EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
-          EXPECT_EQ(self, thread);
-          ThreadJoin(thread);
-        },
-        {.Executor = executor});
-  }
-}
-
 MODEL_TEST(Executor, SettleWaitsForAllThatCanGoOn) {
   KSEMAPHORE ping;
   KSEMAPHORE pong;
@@ -86,12 +69,8 @@ static void WorkerMain(PVOID context) {
 }
 
 static HANDLE WorkerStart(Worker *worker) {
-  HANDLE handle;
   KeInitializeEvent(&worker->Go, NotificationEvent, FALSE);
-  EXPECT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, WorkerMain,
-                                 worker),
-            STATUS_SUCCESS);
-  return handle;
+  return SystemThread(WorkerMain, worker);
 }
 
 MODEL_TEST(SystemThreads, TerminateAndAreWaitable) {
@@ -124,10 +103,8 @@ TEST(SystemThreads, MayRunBeforeTheirCreatorGoesOn) {
   ExploreResult result = ModelExplore({}, [&] {
     static bool ran;
     ran = false;
-    HANDLE handle;
     ExploreWindow(true);
-    PsCreateSystemThread(
-        &handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, [](PVOID) { ran = true; }, nullptr);
+    HANDLE handle = SystemThread([](PVOID) { ran = true; });
     before |= ran;
     ExploreWindow(false);
     ZwClose(handle);
@@ -165,11 +142,6 @@ TEST(Executor, AStoppedRunLeavesTheNextOneClean) {
 
 TEST(Stress, ThreadsStopByAborting) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(ModelRun({.Executor = ExecutorKind::Threads},
-                        [] {
-                          KEVENT never;
-                          KeInitializeEvent(&never, NotificationEvent, FALSE);
-                          WaitForEver(&never);
-                        }),
+  EXPECT_DEATH(ModelRun({.Executor = ExecutorKind::Threads}, SleepForEver),
                "kernel model stopped: deadlock");
 }

@@ -202,8 +202,6 @@ TWO_DRIVERS_TEST(Files, OnlyTheGrantedOpenASecuredDevice) {
   IoDeleteDevice(device);
 }
 
-// ---- buffers ----
-
 static const char Text[] = "abcd";
 
 // Reads fill, writes check; by whichever way the bytes come.
@@ -301,8 +299,6 @@ TWO_DRIVERS_TEST(Files, DeviceControlByItsMethod) {
   FileClose(handle);
 }
 
-// ---- cancel ----
-
 TWO_DRIVERS_TEST(Files, CancelOneAndAll) {
   OnLower = HoldCancellable;
   HANDLE handle = OpenLow();
@@ -359,8 +355,6 @@ TEST(Files, AreServedWithoutTheVerifier) {
   };
   ExpectClean(play, {.Verifier = false});
 }
-
-// ---- what the verifier stops ----
 
 static const BadRoutine BadDrivers[] = {
     {"more bytes than room", "packet.information",

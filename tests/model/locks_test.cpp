@@ -12,13 +12,6 @@ static void InitializeLocks() {
   KeInitializeSpinLock(&three);
 }
 
-static void TakeBoth(PKSPIN_LOCK first, PKSPIN_LOCK second) {
-  KIRQL outer = KeAcquireSpinLockRaiseToDpc(first);
-  KIRQL inner = KeAcquireSpinLockRaiseToDpc(second);
-  KeReleaseSpinLock(second, inner);
-  KeReleaseSpinLock(first, outer);
-}
-
 static void WaitForNothing() {
   KEVENT event;
   KeInitializeEvent(&event, NotificationEvent, TRUE);
@@ -43,18 +36,14 @@ MODEL_TEST(Locks, RaiseAndRestoreExactly) {
   EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
 }
 
+static void TakeBothRelease(PKSPIN_LOCK lock) {
+  KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
+  KeAcquireSpinLockRaiseToDpc(&two);
+  KeReleaseSpinLock(lock, outer);
+}
+
 static const BadRoutine badRoutines[] = {
-    {"recursion", "lock.recursion",
-     [] {
-       KeAcquireSpinLockRaiseToDpc(&one);
-       KeAcquireSpinLockRaiseToDpc(&one);
-     }},
-    {"cancel lock recursion", "lock.recursion",
-     [] {
-       KIRQL irql;
-       IoAcquireCancelSpinLock(&irql);
-       IoAcquireCancelSpinLock(&irql);
-     }},
+    {"recursion", "lock.recursion", [] { TakeBoth(&one, &one); }},
     {"never initialised", "lock.uninitialized",
      [] {
        KSPIN_LOCK fresh = {0};
@@ -86,17 +75,8 @@ static const BadRoutine badRoutines[] = {
     {"DPC-level acquisition at passive level", "irql.too-low",
      [] { KeAcquireSpinLockAtDpcLevel(&one); }},
     {"inner lock released with the outer's level", "irql.wrong-restore",
-     [] {
-       KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
-       KeAcquireSpinLockRaiseToDpc(&two);
-       KeReleaseSpinLock(&two, outer);
-     }},
-    {"outer lock released first", "irql.dropped-under-lock",
-     [] {
-       KIRQL outer = KeAcquireSpinLockRaiseToDpc(&one);
-       KeAcquireSpinLockRaiseToDpc(&two);
-       KeReleaseSpinLock(&one, outer);
-     }},
+     [] { TakeBothRelease(&two); }},
+    {"outer lock released first", "irql.dropped-under-lock", [] { TakeBothRelease(&one); }},
     {"learned order turned round", "lock.order-cycle",
      [] {
        TakeBoth(&one, &two);
@@ -144,9 +124,7 @@ static const BadRoutine badRoutines[] = {
      [] { PsTerminateSystemThread(STATUS_SUCCESS); }},
     {"thread ends with a lock", "lock.held-across",
      [] {
-       HANDLE thread;
-       auto body = [](PVOID) { KeAcquireSpinLockRaiseToDpc(&one); };
-       PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, body, nullptr);
+       SystemThread([](PVOID) { KeAcquireSpinLockRaiseToDpc(&one); });
        ThreadSettle();
      }},
 };
@@ -185,11 +163,7 @@ TEST(Locks, ExcludeEachOtherInEverySchedule) {
       --inside;
       KeReleaseSpinLock(&one, irql);
     };
-    PKTHREAD threads[] = {ThreadStart("a", body), ThreadStart("b", body), ThreadStart("c", body)};
-    ExploreWindow(true);
-    for (PKTHREAD thread : threads) {
-      ThreadJoin(thread);
-    }
+    Together({body, body, body});
     EXPECT_EQ(total, 3);
   });
   EXPECT_TRUE(result.Exhausted) << result.Failure.Text;

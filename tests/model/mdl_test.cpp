@@ -1,3 +1,4 @@
+#include "platform/model/mdl.h"
 #include "tests/model/two_drivers.h"
 
 static const ULONG Tag = FourCharacters("Test");
@@ -59,19 +60,42 @@ TWO_DRIVERS_TEST(Mdl, UserPagesAreMappedAndMayFail) {
   FileClose(handle);
 }
 
-static char Bytes[PAGE_SIZE];
+static char Bytes[3 * PAGE_SIZE];
 
 static PMDL MdlOf(ULONG Count) {
   return IoAllocateMdl(Bytes, Count, FALSE, FALSE, nullptr);
 }
 
+static PMDL Built(PMDL Mdl) {
+  MmBuildMdlForNonPagedPool(Mdl);
+  return Mdl;
+}
+
+static PMDL Freed() {
+  PMDL mdl = MdlOf(8);
+  IoFreeMdl(mdl);
+  return mdl;
+}
+
+// With a packet that pends.
+static PMDL SentWith(PMDL Mdl) {
+  OnLower = HoldIt;
+  PIRP irp = OwnRead();
+  irp->MdlAddress = Mdl;
+  IofCallDriver(Two.Upper, irp);
+  return Mdl;
+}
+
 static const BadRoutine BadUses[] = {
-    {"freed twice", "mdl.double-free",
-     [] {
-       PMDL mdl = MdlOf(8);
-       IoFreeMdl(mdl);
-       IoFreeMdl(mdl);
-     }},
+    {"freed twice", "mdl.double-free", [] { IoFreeMdl(Freed()); }},
+    {"mapped when freed", "mdl.unknown", [] { Map(Freed()); }},
+    {"no MDL freed", "mdl.unknown", [] { IoFreeMdl(reinterpret_cast<PMDL>(Bytes + PAGE_SIZE)); }},
+    {"a user's locked pages freed", "mdl.freed-locked", [] { IoFreeMdl(MdlMakeLocked(Bytes, 8)); }},
+    {"built twice", "mdl.already-mapped", [] { Built(Built(MdlOf(8))); }},
+    {"partial of what nobody has locked", "mdl.not-locked",
+     [] { IoBuildPartialMdl(MdlOf(1), MdlOf(1), Bytes, 1); }},
+    {"partial of more pages than it has room for", "mdl.target-too-small",
+     [] { IoBuildPartialMdl(Built(MdlOf(sizeof Bytes)), MdlOf(1), Bytes, 0); }},
     {"left", "leak.mdl",
      [] {
        MdlOf(1);
@@ -82,27 +106,16 @@ static const BadRoutine BadUses[] = {
        PVOID paged = ExAllocatePoolWithTag(PagedPool, 8, Tag);
        MmBuildMdlForNonPagedPool(IoAllocateMdl(paged, 8, FALSE, FALSE, nullptr));
      }},
-    {"mapped though nonpaged", "mdl.already-mapped",
-     [] {
-       PMDL mdl = MdlOf(8);
-       MmBuildMdlForNonPagedPool(mdl);
-       Map(mdl);
-     }},
+    {"mapped though nonpaged", "mdl.already-mapped", [] { Map(Built(MdlOf(8))); }},
     {"mapped without locked pages", "mdl.not-locked", [] { Map(MdlOf(8)); }},
     {"partial outside of the source", "mdl.outside",
+     [] { IoBuildPartialMdl(Built(MdlOf(8)), MdlOf(16), Bytes + 4, 5); }},
+    {"freed under a packet", "mdl.in-use", [] { IoFreeMdl(SentWith(Built(MdlOf(8)))); }},
+    {"its pool freed under a packet", "mdl.pool-freed",
      [] {
-       PMDL source = MdlOf(8);
-       MmBuildMdlForNonPagedPool(source);
-       IoBuildPartialMdl(source, MdlOf(16), Bytes + 4, 5);
-     }},
-    {"freed under a packet", "mdl.in-use",
-     [] {
-       OnLower = HoldIt;
-       PIRP irp = OwnRead();
-       PMDL mdl = IoAllocateMdl(Bytes, 8, FALSE, FALSE, irp);
-       MmBuildMdlForNonPagedPool(mdl);
-       IofCallDriver(Two.Upper, irp);
-       IoFreeMdl(mdl);
+       PVOID pool = ExAllocatePoolWithTag(NonPagedPoolNx, 8, Tag);
+       SentWith(Built(IoAllocateMdl(pool, 8, FALSE, FALSE, nullptr)));
+       ExFreePoolWithTag(pool, Tag);
      }},
     {"mapping that may not fail", "bugcheck",
      [] {

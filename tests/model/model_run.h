@@ -42,6 +42,25 @@ inline NTSTATUS WaitForEver(PVOID Object) {
   return KeWaitForSingleObject(Object, Executive, KernelMode, FALSE, nullptr);
 }
 
+inline void SleepForEver() {
+  KEVENT never;
+  KeInitializeEvent(&never, NotificationEvent, FALSE);
+  WaitForEver(&never);
+}
+
+inline HANDLE SystemThread(PKSTART_ROUTINE Body, PVOID Context = nullptr) {
+  HANDLE thread = nullptr;
+  PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, Body, Context);
+  return thread;
+}
+
+inline void TakeBoth(PKSPIN_LOCK First, PKSPIN_LOCK Second) {
+  KIRQL outer = KeAcquireSpinLockRaiseToDpc(First);
+  KIRQL inner = KeAcquireSpinLockRaiseToDpc(Second);
+  KeReleaseSpinLock(Second, inner);
+  KeReleaseSpinLock(First, outer);
+}
+
 // A small driver fault and the rule that must stop it.
 struct BadRoutine {
   const char *Name;

@@ -41,12 +41,6 @@ static const BadRoutine badRoutines[] = {
        ObDereferenceObject(body);
        ObDereferenceObject(body);
      }},
-    {"reference of a dead object", "object.dead",
-     [] {
-       void *body = NewObject();
-       ObDereferenceObject(body);
-       ObReferenceObject(body);
-     }},
     {"no object", "object.foreign",
      [] {
        int something = 0;

@@ -12,8 +12,6 @@ static NTSTATUS NoteAndKeep(PDEVICE_OBJECT Device, PIRP Irp, PVOID) {
   return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// ---- completion ----
-
 TEST(Packets, RoutinesAreCalledByTheirBits) {
   struct BitsCase {
     NTSTATUS Status;
@@ -89,8 +87,6 @@ TWO_DRIVERS_TEST(Packets, MarkMayComeAfterTheReturn) {
   ThreadJoin(sender);
 }
 
-// ---- own packets ----
-
 TWO_DRIVERS_TEST(Packets, OwnPacketComesBackAndIsReused) {
   PIRP irp = OwnRead(NoteAndKeep);
   irp->UserBuffer = &Two;
@@ -120,8 +116,6 @@ TWO_DRIVERS_TEST(Packets, OwnPacketComesBackAndIsReused) {
   IoFreeIrp(irp);
   EXPECT_EQ(PacketCount(), 0u);
 }
-
-// ---- cancel ----
 
 TWO_DRIVERS_TEST(Packets, CancelTakesTheRoutineOnce) {
   OnLower = HoldCancellable;
@@ -154,8 +148,6 @@ TWO_DRIVERS_TEST(Packets, CancelByHandFromAnotherDriver) {
   EXPECT_EQ(SendRead(), STATUS_CANCELLED);
   EXPECT_EQ(CancelCalls, 1u);
 }
-
-// ---- what the verifier stops ----
 
 static const BadPair BadPairs[] = {
     {"completes twice", "packet.double-completion", "skip down", "complete end-again"},
@@ -211,6 +203,12 @@ static void PlayAndCompleteLater(const char *Upper, const char *Lower) {
   CompleteWith(Held, STATUS_SUCCESS);
 }
 
+static PIRP Cancellable() {
+  PIRP irp = IoAllocateIrp(1, FALSE);
+  IoSetCancelRoutine(irp, NoRoutine);
+  return irp;
+}
+
 static PIRP Freed() {
   PIRP irp = IoAllocateIrp(1, FALSE);
   IoFreeIrp(irp);
@@ -232,13 +230,7 @@ static const BadRoutine BadDrivers[] = {
      [] { PlayOwn("copy-all down", "complete"); }},
     {"takes a location of a packet that it was given", "packet.bad-stack",
      [] { PlayOwn("advance down", "complete"); }},
-    {"no stack location", "packet.no-stack",
-     [] {
-       Tell("down", "complete");
-       PIRP irp = IoAllocateIrp(1, FALSE);
-       AimRead(irp);
-       IofCallDriver(Two.Upper, irp);
-     }},
+    {"no stack location", "packet.no-stack", SendWithoutALocation},
     {"passes on what is no packet", "packet.unknown",
      [] {
        static struct {
@@ -267,23 +259,11 @@ static const BadRoutine BadDrivers[] = {
     {"own packet reused in flight", "packet.reuse-in-flight",
      [] { IoReuseIrp(PlayOwn("skip down", "hold"), STATUS_SUCCESS); }},
     {"own packet freed with a cancel routine", "packet.cancel-routine-set",
-     [] {
-       PIRP irp = IoAllocateIrp(1, FALSE);
-       IoSetCancelRoutine(irp, NoRoutine);
-       IoFreeIrp(irp);
-     }},
+     [] { IoFreeIrp(Cancellable()); }},
     {"own packet reused with a cancel routine", "packet.cancel-routine-set",
-     [] {
-       PIRP irp = IoAllocateIrp(1, FALSE);
-       IoSetCancelRoutine(irp, NoRoutine);
-       IoReuseIrp(irp, STATUS_SUCCESS);
-     }},
+     [] { IoReuseIrp(Cancellable(), STATUS_SUCCESS); }},
     {"own packet cancellable before it is sent", "packet.bad-stack",
-     [] {
-       PIRP irp = IoAllocateIrp(1, FALSE);
-       IoSetCancelRoutine(irp, NoRoutine);
-       IoCancelIrp(irp);
-     }},
+     [] { IoCancelIrp(Cancellable()); }},
     {"own packet completed before it is sent", "packet.not-owner",
      [] { IofCompleteRequest(IoAllocateIrp(1, FALSE), IO_NO_INCREMENT); }},
     {"starts the next power request for a read", "power.next",

@@ -400,8 +400,6 @@ PORT_TEST(FailuresLeaveNothing) {
   PnpRemove(node);
 }
 
-// ---- what the verifier stops ----
-
 static bool Is(PIRP Irp, UCHAR Minor) {
   return IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Minor;
 }

@@ -98,13 +98,6 @@ TEST(Pool, StrayWritesAreStopped) {
   }
 }
 
-MODEL_TEST(Pool, QuarantineIsBounded) {
-  for (int i = 0; i < 5000; ++i) {
-    ExFreePoolWithTag(Allocate(static_cast<SIZE_T>(1 + i)), TagA);
-  }
-  EXPECT_EQ(PoolCount(TagA).Allocations, 5000u);
-}
-
 MODEL_TEST(Pool, FreedBlocksAreReusedAtOnceOnDemand) {
   char *late = Allocate(64);
   ExFreePoolWithTag(late, TagA);

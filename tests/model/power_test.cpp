@@ -195,8 +195,6 @@ MODEL_TEST(Power, OddRequestsAndAnswers) {
   ObDereferenceObject(pdo);
 }
 
-// ---- what the verifier stops ----
-
 struct BadFilter {
   const char *Name;
   const char *Rule;

@@ -316,6 +316,14 @@ inline PIRP PlayOwn(const char *Upper, const char *Lower, PIO_COMPLETION_ROUTINE
   return irp;
 }
 
+// The lower driver has none left.
+inline void SendWithoutALocation() {
+  Tell("down", "complete");
+  PIRP irp = IoAllocateIrp(1, FALSE);
+  AimRead(irp);
+  IofCallDriver(Two.Upper, irp);
+}
+
 // What the two do with a read, and the rule that must stop it.
 struct BadPair {
   const char *Name;
