@@ -43,13 +43,21 @@ class RigTest(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.directory = directory.name
         os.chmod(self.directory, 0o755)
+        self.hosts = []
+
+    def tearDown(self):
+        for host in self.hosts:
+            if host.status is None:
+                self.assertEqual(host.stop(), 0, host.errors)
 
     def enter(self, party):
         self.addCleanup(party.close)
         return party
 
     def host(self, ports, options=()):
-        return self.enter(rig.Host(self.loop, HOST, self.directory, ports, ("--verify", *options)))
+        self.hosts.append(self.enter(
+            rig.Host(self.loop, HOST, self.directory, ports, ("--verify", *options))))
+        return self.hosts[-1]
 
     def ready_host(self, ports):
         host = self.host(ports)
@@ -115,10 +123,6 @@ class PortTest(RigTest):
         super().setUp()
         self.device = self.enter(rig.Device(self.loop))
         self.port_host = self.ready_host([(self.device.path, "COM3")])
-
-    def tearDown(self):
-        if self.port_host.status is None:
-            self.assertEqual(self.port_host.stop(), 0, self.port_host.errors)
 
     def client(self, name="COM3", **more):
         return self.enter(rig.Client(self.loop, self.port_host.client_path(name), **more))

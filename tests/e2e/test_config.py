@@ -65,7 +65,6 @@ class Config(support.RigTest):
             self.until(lambda: controller.seen("lower") == some_bytes(200), "the whole view")
             self.assertEqual(max(len(event["data"]) // 2 for event in controller.of_kind("report")
                                  if event["tag"] == "lower"), limit)
-        self.assertEqual(host.stop(), 0)
 
     def test_ports_come_go_and_change_beside_one_that_stays(self):
         ttys = {name: self.plug(name) for name in ("a", "b", "c", "d")}
@@ -110,7 +109,6 @@ class Config(support.RigTest):
             self.greet(client, device)
             self.assertEqual(host.times_ready(name), 1)
             self.assertEqual(controller.quit(), 0)
-        self.assertEqual(host.stop(), 0)
 
     def test_tty_or_name_that_cannot_be_had_yet(self):
         tty, other = self.plug(), self.plug("other")
@@ -139,7 +137,6 @@ class Config(support.RigTest):
         self.reload(host, there)
         self.until_said(host, "COM4: removed")
         self.assertEqual(host.times_ready("COM3"), 1)
-        self.assertEqual(host.stop(), 0)
 
     def test_last_content_wins(self):
         tty = self.plug()
@@ -158,7 +155,6 @@ class Config(support.RigTest):
         self.talk(host, tty.device, "COM5")
         self.assertEqual([name for name in sorted(os.listdir(self.directory)) if "COM" in name],
                          [".COM5.lock", "COM5", "VORLIX_COM5"])
-        self.assertEqual(host.stop(), 0)
 
     def test_end_in_the_middle_of_a_change(self):
         tty, other = self.plug(), self.plug("other")
@@ -180,7 +176,6 @@ class Config(support.RigTest):
         host.signal(signal.SIGHUP)
         self.until_said(host, "SIGHUP is ignored: there is no --config to read again")
         self.talk(host, tty.device)
-        self.assertEqual(host.stop(), 0)
 
     def wrong_files(self, tty, other):
         """What is wrong, and what is said of it. The command line has COM3 on tty."""
@@ -233,7 +228,6 @@ class Config(support.RigTest):
         self.assertEqual(host.lines, [
             f"ready {name} {host.client_path(name)} {host.control_path(name)}"
             for name in ("COM3", "COM4")])
-        self.assertEqual(host.stop(), 0)
 
     def test_wrong_file_at_the_start_is_wrong_use(self):
         self.write({"port": "/dev/x", "name": ""})

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <numeric>
@@ -262,16 +261,6 @@ TEST(SerialDriver, ControlsSetTheLineAndRefuseWhatItCannotDo) {
     ASSERT_EQ(STATUS_SUCCESS, FileOpen("\\DosDevices\\COM3", Account::User, &W->Port));
     ASSERT_EQ(0, LineRead(W->Device, &line));
     EXPECT_EQ(115200u, line.Speed);
-  });
-}
-
-TEST(SerialDriver, TtyOfAnotherProgramIsRefused) {
-  Play([](World *W) {
-    FileClose(std::exchange(W->Port, nullptr));
-    ASSERT_EQ(0, flock(W->Slave, LOCK_EX | LOCK_NB));
-    EXPECT_EQ(STATUS_SHARING_VIOLATION, FileOpen("\\DosDevices\\COM3", Account::User, &W->Port));
-    flock(W->Slave, LOCK_UN);
-    EXPECT_EQ(STATUS_SUCCESS, FileOpen("\\DosDevices\\COM3", Account::User, &W->Port));
   });
 }
 

@@ -1,17 +1,9 @@
 #include "tests/model/two_drivers.h"
 
-static constexpr int64_t Second = 10'000'000;
-
 static int64_t Now() {
   LARGE_INTEGER now;
   KeQuerySystemTime(&now);
   return now.QuadPart;
-}
-
-static NTSTATUS WaitFor(PVOID object, int64_t timeout) {
-  LARGE_INTEGER due;
-  due.QuadPart = timeout;
-  return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &due);
 }
 
 static NTSTATUS WaitMany(ULONG count, PVOID objects[], WAIT_TYPE type, int64_t timeout) {

@@ -4,30 +4,23 @@
 #include "tests/model/two_drivers.h"
 
 MODEL_TEST(Executor, SettleWaitsForAllThatCanGoOn) {
-  KSEMAPHORE ping;
-  KSEMAPHORE pong;
-  KeInitializeSemaphore(&ping, 0, 1);
-  KeInitializeSemaphore(&pong, 0, 1);
+  KSEMAPHORE turns[2];
+  KeInitializeSemaphore(&turns[0], 1, 1);
+  KeInitializeSemaphore(&turns[1], 0, 1);
   int rounds = 0;
-  PKTHREAD a = ThreadStart("a", [&] {
+  auto body = [&](int me) {
     for (int i = 0; i < 100; ++i) {
-      KeReleaseSemaphore(&ping, 0, 1, FALSE);
-      WaitForEver(&pong);
-    }
-    WaitForEver(&pong);
-  });
-  PKTHREAD b = ThreadStart("b", [&] {
-    for (int i = 0; i < 100; ++i) {
-      WaitForEver(&ping);
+      WaitForEver(&turns[me]);
       ++rounds;
-      KeReleaseSemaphore(&pong, 0, 1, FALSE);
+      KeReleaseSemaphore(&turns[1 - me], 0, 1, FALSE);
     }
-  });
+  };
+  PKTHREAD a = ThreadStart("a", [&] { body(0); });
+  PKTHREAD b = ThreadStart("b", [&] { body(1); });
   ThreadSettle();
-  KeReleaseSemaphore(&pong, 0, 1, FALSE);
+  EXPECT_EQ(rounds, 200);
   ThreadJoin(a);
   ThreadJoin(b);
-  EXPECT_EQ(rounds, 100);
 }
 
 // Who waits for a deadlock comes after those who settle and those who wait for the clock.
@@ -40,9 +33,7 @@ MODEL_TEST(Executor, ADeadlockMayBeResolved) {
     order += "rescue ";
     KeSetEvent(&event, 0, FALSE);
   });
-  LARGE_INTEGER soon;
-  soon.QuadPart = -10'000'000;
-  KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &soon);
+  WaitFor(&event, -Second);
   ThreadSettle();
   order += "settled ";
   EXPECT_EQ(WaitForEver(&event), STATUS_SUCCESS);
@@ -81,8 +72,7 @@ MODEL_TEST(SystemThreads, TerminateAndAreWaitable) {
       ObReferenceObjectByHandle(handle, THREAD_ALL_ACCESS, nullptr, KernelMode, &thread, nullptr),
       STATUS_SUCCESS);
   ZwClose(handle);
-  LARGE_INTEGER now = {};
-  EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, &now), STATUS_TIMEOUT);
+  EXPECT_EQ(WaitFor(thread, 0), STATUS_TIMEOUT);
   KeSetEvent(&worker.Go, IO_NO_INCREMENT, FALSE);
   EXPECT_EQ(WaitForEver(thread), STATUS_SUCCESS);
   EXPECT_EQ(worker.Steps, 1);
@@ -117,8 +107,7 @@ MODEL_TEST(Executor, LastWaitsEndWithTheClock) {
   PKTHREAD thread = ThreadStart("sleeper", [] {
     KEVENT never;
     KeInitializeEvent(&never, NotificationEvent, FALSE);
-    LARGE_INTEGER due = {.QuadPart = -10'000'000};
-    KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &due);
+    WaitFor(&never, -Second);
   });
   ObDereferenceObject(thread);  // nobody joins it
 }

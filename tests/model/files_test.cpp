@@ -229,10 +229,8 @@ static NTSTATUS Transfer(PDEVICE_OBJECT Device, PIRP Irp) {
 
 TEST(Files, BufferingFollowsTheTopDevice) {
   for (ULONG flags : {DO_BUFFERED_IO, DO_DIRECT_IO, 0}) {
-    static ULONG buffering;
-    buffering = flags;
-    ExpectTwoClean([] {
-      Buffer(buffering);
+    ExpectTwoClean([flags] {
+      Buffer(flags);
       OnLower = Transfer;
       HANDLE handle = OpenLow();
       std::vector<uint8_t> bytes;

@@ -42,6 +42,13 @@ inline NTSTATUS WaitForEver(PVOID Object) {
   return KeWaitForSingleObject(Object, Executive, KernelMode, FALSE, nullptr);
 }
 
+constexpr int64_t Second = 10'000'000;
+
+inline NTSTATUS WaitFor(PVOID Object, int64_t Timeout) {
+  LARGE_INTEGER due = {.QuadPart = Timeout};
+  return KeWaitForSingleObject(Object, Executive, KernelMode, FALSE, &due);
+}
+
 inline void SleepForEver() {
   KEVENT never;
   KeInitializeEvent(&never, NotificationEvent, FALSE);
@@ -54,10 +61,10 @@ inline HANDLE SystemThread(PKSTART_ROUTINE Body, PVOID Context = nullptr) {
   return thread;
 }
 
-inline void TakeBoth(PKSPIN_LOCK First, PKSPIN_LOCK Second) {
+inline void TakeBoth(PKSPIN_LOCK First, PKSPIN_LOCK Last) {
   KIRQL outer = KeAcquireSpinLockRaiseToDpc(First);
-  KIRQL inner = KeAcquireSpinLockRaiseToDpc(Second);
-  KeReleaseSpinLock(Second, inner);
+  KIRQL inner = KeAcquireSpinLockRaiseToDpc(Last);
+  KeReleaseSpinLock(Last, inner);
   KeReleaseSpinLock(First, outer);
 }
 

@@ -59,20 +59,15 @@ TEST(Packets, RoutinesAreCalledByTheirBits) {
 // Returned is what the verifier found consistent with the pending mark that reached the top.
 TEST(Packets, PendingTravelsUpward) {
   for (const char *upper : {"skip down", "copy down", "copy let-go down"}) {
-    static const char *current;
-    current = upper;
-    ExpectTwoClean([] {
-      Tell(current, "hold");
+    ExpectTwoClean([upper] {
+      Tell(upper, "hold");
       HANDLE handle = OpenLow();
       FileRequest request;
-      request.Buffer.resize(4);
-      EXPECT_EQ(FileSend(handle, &request), STATUS_PENDING);
+      EXPECT_EQ(BeginRead(handle, &request), STATUS_PENDING);
       EXPECT_FALSE(FileDone(&request));
-      memcpy(Held->AssociatedIrp.SystemBuffer, "abcd", 4);
-      CompleteWith(Held, STATUS_SUCCESS, 3);
+      CompleteWith(Held, STATUS_SUCCESS, 1);
       EXPECT_EQ(FileWait(&request), STATUS_SUCCESS);
       EXPECT_EQ(request.Returned, STATUS_PENDING);
-      EXPECT_EQ(memcmp(request.Buffer.data(), "abc", 4), 0);
       FileClose(handle);
     });
   }

@@ -12,9 +12,10 @@ static NTSTATUS FilterAddStatus;
 static UCHAR Refused;      // minor function that the child refuses
 static UCHAR PortRefuses;  // and the port
 static bool ReportChild;
-static PDRIVER_DISPATCH FilterPnp;
-static PDRIVER_DISPATCH FunctionFirst;  // tried before the function driver's own; may pass
-static NTSTATUS (*OnChild)(PIRP Irp);   // takes the place of the child's own answers
+using Dispatch = std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)>;
+static Dispatch FilterPnp;
+static Dispatch FunctionFirst;                 // tried before the function driver's own; may pass
+static std::function<NTSTATUS(PIRP)> OnChild;  // takes the place of the child's own answers
 
 static void Note(const char *Who, PIRP Irp) {
   static const std::map<UCHAR, const char *> names = {
@@ -318,9 +319,9 @@ PORT_TEST(RemovalWaitsForHandlesUnlessForced) {
   EXPECT_EQ(DeviceCount(Function), 0u);
 }
 
-// What is opened while a driver has a minor function in its hands.
-static UCHAR Meanwhile;
-static std::string Opened;
+static bool Is(PIRP Irp, UCHAR Minor) {
+  return IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Minor;
+}
 
 static std::string TryOpens() {
   std::string names;
@@ -331,13 +332,6 @@ static std::string TryOpens() {
     FileClose(handle);
   }
   return names;
-}
-
-static NTSTATUS OpenMeanwhile(PDEVICE_OBJECT, PIRP Irp) {
-  if (IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Meanwhile) {
-    Opened = TryOpens();
-  }
-  return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
 PORT_TEST(NobodyOpensWhatIsBeingRemoved) {
@@ -354,14 +348,17 @@ PORT_TEST(NobodyOpensWhatIsBeingRemoved) {
          PnpRemove(Node);
        }},
   };
-  FunctionFirst = OpenMeanwhile;
   for (const auto &way : ways) {
     PnpNode *node = AddStarted();
     EXPECT_EQ(TryOpens(), "open open ");
-    Meanwhile = way.Minor;
-    Opened.clear();
+    std::string opened;
+    FunctionFirst = [&](PDEVICE_OBJECT, PIRP Irp) {
+      opened = Is(Irp, way.Minor) ? TryOpens() : opened;
+      return STATUS_MORE_PROCESSING_REQUIRED;
+    };
     way.Remove(node);
-    EXPECT_EQ(Opened, "shut shut ");
+    EXPECT_EQ(opened, "shut shut ");
+    FunctionFirst = nullptr;
   }
 }
 
@@ -400,10 +397,6 @@ PORT_TEST(FailuresLeaveNothing) {
   PnpRemove(node);
 }
 
-static bool Is(PIRP Irp, UCHAR Minor) {
-  return IoGetCurrentIrpStackLocation(Irp)->MinorFunction == Minor;
-}
-
 static void ExpectPortStopped(const char *Name, const char *Rule,
                               const std::function<void()> &Body) {
   RunReport report = ModelRun({}, [&Body] {
@@ -414,8 +407,8 @@ static void ExpectPortStopped(const char *Name, const char *Rule,
 }
 
 // The port lives with the fault, and is asked everything.
-static void LiveWith(PDRIVER_DISPATCH BadFilter, PDRIVER_DISPATCH BadFunction = nullptr,
-                     NTSTATUS (*BadChild)(PIRP Irp) = nullptr) {
+static void LiveWith(const Dispatch &BadFilter, const Dispatch &BadFunction = nullptr,
+                     const std::function<NTSTATUS(PIRP)> &BadChild = nullptr) {
   PnpNode *node = PnpAdd(Port);
   FilterPnp = BadFilter ? BadFilter : FilterPnp;
   FunctionFirst = BadFunction;
@@ -446,7 +439,6 @@ struct BadFilter {
 };
 
 TEST(Pnp, BadFiltersAreStopped) {
-  static const BadFilter *spoiler;
   static const BadFilter bad[] = {
       {"swallows a request", "pnp.not-forwarded", IRP_MN_START_DEVICE, "complete"},
       {"leaves what it does not know undone", "pnp.not-forwarded", IRP_MN_QUERY_DEVICE_TEXT,
@@ -468,11 +460,10 @@ TEST(Pnp, BadFiltersAreStopped) {
       {"stays attached to a deleted device", "leak.device", IRP_MN_REMOVE_DEVICE, "skip down"},
   };
   for (const BadFilter &one : bad) {
-    spoiler = &one;
-    ExpectPortStopped(one.Name, one.Rule, [] {
-      LiveWith([](PDEVICE_OBJECT Device, PIRP Irp) {
-        return Is(Irp, spoiler->Minor) ? Perform(spoiler->Words, ExtensionOf(Device)->Lower, Irp)
-                                       : FollowDown(Device, Irp);
+    ExpectPortStopped(one.Name, one.Rule, [&one] {
+      LiveWith([&one](PDEVICE_OBJECT Device, PIRP Irp) {
+        return Is(Irp, one.Minor) ? Perform(one.Words, ExtensionOf(Device)->Lower, Irp)
+                                  : FollowDown(Device, Irp);
       });
     });
   }
@@ -487,16 +478,14 @@ struct BadRelation {
   bool Referenced;
 };
 
-static const BadRelation *Relation;
-
-static NTSTATUS RelateBadly(PDEVICE_OBJECT Device, PIRP Irp) {
+static NTSTATUS RelateBadly(const BadRelation &Relation, PDEVICE_OBJECT Device, PIRP Irp) {
   if (!Is(Irp, IRP_MN_QUERY_DEVICE_RELATIONS)) {
     return STATUS_MORE_PROCESSING_REQUIRED;
   }
-  PDEVICE_OBJECT related = Relation->Related(Device);
-  PVOID answer[] = {reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Relation->Count)), related,
+  PDEVICE_OBJECT related = Relation.Related(Device);
+  PVOID answer[] = {reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Relation.Count)), related,
                     related};
-  for (ULONG i = 0; Relation->Referenced && i < Relation->Count; ++i) {
+  for (ULONG i = 0; Relation.Referenced && i < Relation.Count; ++i) {
     ObReferenceObject(related);
   }
   Irp->IoStatus.Status = STATUS_SUCCESS;
@@ -518,8 +507,8 @@ TEST(Pnp, BadRelationsAreStopped) {
       {"what is no device", driver, 1, true},
   };
   for (const BadRelation &one : bad) {
-    Relation = &one;
-    ExpectPortStopped(one.Name, "pnp.bad-relations", [] { LiveWith(nullptr, RelateBadly); });
+    ExpectPortStopped(one.Name, "pnp.bad-relations",
+                      [&one] { LiveWith(nullptr, std::bind_front(RelateBadly, std::cref(one))); });
   }
 }
 
@@ -531,11 +520,8 @@ struct BadAnswer {
   size_t Count;
 };
 
-static const BadAnswer *AnswerOf;
-
-static NTSTATUS AnswerBadly(PIRP Irp) {
-  PVOID answer =
-      Is(Irp, AnswerOf->Minor) ? Answer(AnswerOf->Text, AnswerOf->Count * sizeof(WCHAR)) : nullptr;
+static NTSTATUS AnswerBadly(const BadAnswer &Of, PIRP Irp) {
+  PVOID answer = Is(Irp, Of.Minor) ? Answer(Of.Text, Of.Count * sizeof(WCHAR)) : nullptr;
   return CompleteWith(Irp, answer ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED,
                       reinterpret_cast<ULONG_PTR>(answer));
 }
@@ -548,8 +534,9 @@ TEST(Pnp, BadAnswersAreStopped) {
       {"answers too little", IRP_MN_QUERY_BUS_INFORMATION, L"AB", 2},
   };
   for (const BadAnswer &one : bad) {
-    AnswerOf = &one;
-    ExpectPortStopped(one.Name, "pnp.bad-answer", [] { LiveWith(nullptr, nullptr, AnswerBadly); });
+    ExpectPortStopped(one.Name, "pnp.bad-answer", [&one] {
+      LiveWith(nullptr, nullptr, std::bind_front(AnswerBadly, std::cref(one)));
+    });
   }
 }
 

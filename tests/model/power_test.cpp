@@ -74,47 +74,6 @@ static void Halt() {
   UnloadStack();
 }
 
-// Who is what, in a few letters: "filter.arrived function.next …".
-static std::string Happened() {
-  static const char *const steps[] = {"arrived", "report", "next", "completed"};
-  std::string text;
-  for (const PowerEvent &event : PowerEvents()) {
-    const char *who = event.Device == FilterDevice()     ? "filter."
-                      : event.Device == FunctionDevice() ? "function."
-                                                         : "bus.";
-    text += (text.empty() ? "" : " ") + std::string(who) + steps[static_cast<int>(event.Step)];
-  }
-  return text;
-}
-
-MODEL_TEST(Power, EventsAreToldInTheirOrder) {
-  Boot();
-  EXPECT_EQ(PnpSetDevicePower(PnpPdo(Node), PowerDeviceD3), STATUS_SUCCESS);
-  EXPECT_EQ(Happened(),
-            "filter.arrived filter.next function.arrived function.next bus.arrived bus.report "
-            "bus.next filter.completed");
-  EXPECT_EQ(PowerStateReported(PnpPdo(Node)), PowerDeviceD3);
-
-  PowerForget();
-  OnFunction = HoldPower;
-  OnFilter = PassAndFollow;
-  PowerRequest up;
-  EXPECT_TRUE(PowerBegin(FunctionDevice(), &up));  // to the top, whoever is named
-  EXPECT_FALSE(PowerDone(&up));
-  EXPECT_EQ(Happened(), "filter.arrived function.arrived function.next");
-  GoOn(TakeHeld());
-  EXPECT_EQ(PowerWait(&up), STATUS_SUCCESS);
-  EXPECT_EQ(up.Returned, STATUS_PENDING);
-  EXPECT_EQ(Happened(),
-            "filter.arrived function.arrived function.next bus.arrived bus.report bus.next "
-            "filter.report filter.next filter.completed");
-  EXPECT_EQ(PowerStateReported(FilterDevice()), PowerDeviceD0);
-  EXPECT_EQ(PowerReports(), 3u);
-  EXPECT_EQ(PowerNextCalls(), 6u);
-  EXPECT_EQ(VerifierWarnings("power.next"), 0u);
-  Halt();
-}
-
 MODEL_TEST(Power, OneOfAKindAtATime) {
   Boot();
   OnFunction = HoldPower;
@@ -134,16 +93,6 @@ MODEL_TEST(Power, OneOfAKindAtATime) {
   EXPECT_EQ(PowerWait(&first), STATUS_SUCCESS);
   EXPECT_EQ(PowerWait(&second), STATUS_SUCCESS);
 
-  // Let go before it is passed on: the next one overtakes it.
-  OnFunction = HoldPower;
-  EXPECT_TRUE(PowerBegin(PnpPdo(Node), &first));
-  held = TakeHeld();
-  OnFunction = PassPower;
-  EXPECT_TRUE(PowerBegin(PnpPdo(Node), &second));
-  EXPECT_EQ(PowerWait(&second), STATUS_SUCCESS);
-  EXPECT_FALSE(PowerDone(&first));
-  GoOn(held);
-  EXPECT_EQ(PowerWait(&first), STATUS_SUCCESS);
   Halt();
 }
 

@@ -93,12 +93,3 @@ MODEL_TEST(Registry, DirectValuesAndDefaults) {
   bytes.Head = -4;
   EXPECT_EQ(QueryInto(0, WidePath, L"Bytes", &bytes), STATUS_BUFFER_TOO_SMALL);
 }
-
-MODEL_TEST(Registry, RoutineFoundByNameUnlessHidden) {
-  Wide name("RtlQueryRegistryValuesEx");
-  EXPECT_NE(MmGetSystemRoutineAddress(&name.String), nullptr);
-  SystemRoutineHide("RtlQueryRegistryValuesEx");
-  EXPECT_EQ(MmGetSystemRoutineAddress(&name.String), nullptr);
-  Wide unknown("KeNoSuchRoutine");
-  EXPECT_EQ(MmGetSystemRoutineAddress(&unknown.String), nullptr);
-}

@@ -186,8 +186,8 @@ inline void TwoUnload() {
 }
 
 // A run between the load and the unload of the two.
-inline void ExpectTwoClean(void (*Body)()) {
-  ExpectCleanOnBoth([Body] {
+inline void ExpectTwoClean(const std::function<void()> &Body) {
+  ExpectCleanOnBoth([&Body] {
     TwoLoad();
     Body();
     TwoUnload();
