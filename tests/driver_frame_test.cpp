@@ -219,7 +219,12 @@ TEST(Routing, NothingOpensBeforeTheStart) {
         };
         refused();
         EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), 0u);
-        EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
+        world->Lower.StartResult = STATUS_IO_DEVICE_ERROR;
+        EXPECT_EQ(PnpStart(world->Node), STATUS_IO_DEVICE_ERROR);
+        EXPECT_FALSE(WorldPort(world)->StartedOnce);
+        refused();
+        world->Lower.StartResult = STATUS_SUCCESS;
+        EXPECT_EQ(PnpSend(PnpPdo(world->Node), IRP_MN_START_DEVICE), STATUS_SUCCESS);
         EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
         EXPECT_EQ(PnpQueryStop(world->Node), STATUS_DEVICE_BUSY);
         CloseClient(world);

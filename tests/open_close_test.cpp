@@ -1,6 +1,8 @@
 // Opens, closes and cleanups of both sides, and the serializer that orders them.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "tests/support/world.h"
 
 TEST(OpenClose, ThePortSeesOneOpenForBothSides) {
@@ -70,120 +72,48 @@ TEST(OpenClose, AFailedOpenLeavesThePortAsItWas) {
   });
 }
 
-TEST(OpenClose, AnOpenWaitsBehindTheOneUnderWay) {
-  for (bool atDispatch : {false, true}) {
-    RunWorld([=](World *world) {
-      LowerPort *lower = &world->Lower;
-      lower->AtDispatchLevel = atDispatch;
-      lower->How[IRP_MJ_CREATE] = Behaviour::Pend;
-      for (size_t times : {1u, 2u}) {
-        NTSTATUS zkStatus = STATUS_PENDING;
-        PKTHREAD client =
-            ThreadStart("client", [&] { EXPECT_EQ(OpenClient(world), STATUS_SUCCESS); });
-        ThreadSettle();
-        PKTHREAD zk = ThreadStart("zk", [&] { zkStatus = OpenZk(world); });
-        ThreadSettle();
-        EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), times);
-        EXPECT_EQ(zkStatus, STATUS_PENDING);
-        EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE));
-        ThreadJoin(client);
-        ThreadJoin(zk);
-        EXPECT_EQ(zkStatus, STATUS_SUCCESS);
-        EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), times);
-        EXPECT_EQ(WorldPort(world)->StateFlags, static_cast<ULONG>(PSF_ZK_OPEN | PSF_CLIENT_OPEN));
-        CloseClient(world);
-        CloseZk(world);
-      }
-    });
-  }
-}
-
 // ZK's open and its frames behind a client's open that the port takes its time for: the frame that
 // sets the mode finds ZK's side open, and those behind it the mode set. However many there are,
 // they need no more stack than one.
 TEST(Serializer, OpensAndFramesKeepTheirOrder) {
-  RunWorld([](World *world) {
-    LowerPort *lower = &world->Lower;
-    lower->How[IRP_MJ_CREATE] = Behaviour::Pend;
-    PKTHREAD client = ThreadStart("client", [&] { EXPECT_EQ(OpenClient(world), STATUS_SUCCESS); });
-    ThreadSettle();
-    PKTHREAD zk = ThreadStart("zk", [&] { EXPECT_EQ(OpenZk(world), STATUS_SUCCESS); });
-    ThreadSettle();
-    OwnPacket frames[6];
-    for (OwnPacket &frame : frames) {
-      frame.Bytes = MakeFrame(FRAME_CONTROL, 2, COMMAND_GET_MODE);
-    }
-    frames[0].Bytes = MakeFrame(FRAME_CONTROL, 1, COMMAND_SET_MODE, MakeArgument(MODE_NORMAL));
-    for (OwnPacket &frame : frames) {
-      EXPECT_EQ(OwnSend(WorldPort(world)->ControlDevice, IRP_MJ_WRITE, &frame), STATUS_PENDING);
-    }
-    EXPECT_EQ(WorldPort(world)->RequestCount, 9);
-    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE));
-    ThreadJoin(client);
-    ThreadJoin(zk);
-    for (OwnPacket &frame : frames) {
-      EXPECT_EQ(OwnWait(&frame), STATUS_SUCCESS);
-      EXPECT_EQ(frame.Iosb.Information, frame.Bytes.size());
-      EXPECT_EQ(frame.Stack, frames[0].Stack);
-    }
-    Frame reply = NextFrame(world);
-    EXPECT_EQ(reply.Header.Tag, 1u);
-    EXPECT_EQ(reply.Header.Code, 0u);
-    reply = NextFrame(world);
-    EXPECT_EQ(reply.Header.Tag, 2u);
-    EXPECT_EQ(reply.Value(), static_cast<ULONG>(MODE_NORMAL));
-    EXPECT_EQ(WorldPort(world)->RequestCount, 1);
-  });
-}
-
-// Items that finish at once behind a pended one run one after the other, not one inside the other.
-TEST(Serializer, ALongQueueRunsFlat) {
-  RunWorld([](World *world) {
-    constexpr int Count = 300;
-    LowerPort *lower = &world->Lower;
-    ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
-    lower->How[IRP_MJ_CLOSE] = Behaviour::Pend;
-    PKTHREAD closer = ThreadStart("zk close", [&] { CloseZk(world); });
-    ThreadSettle();
-    std::vector<PKTHREAD> openers;
-    int granted = 0, refused = 0;
-    for (int i = 0; i < Count; ++i) {
-      openers.push_back(ThreadStart("opener", [&] {
-        HANDLE handle;
-        bool in = FileOpen("\\DosDevices\\COM3", Account::User, &handle) == STATUS_SUCCESS;
-        world->Client = in ? handle : world->Client;
-        ++(in ? granted : refused);
-      }));
-    }
-    ThreadSettle();
-    EXPECT_EQ(granted + refused, 0);
-    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CLOSE));
-    for (PKTHREAD opener : openers) {
-      ThreadJoin(opener);
-    }
-    ThreadJoin(closer);
-    lower->How[IRP_MJ_CLOSE] = Behaviour::Inline;
-    EXPECT_EQ(granted, 1);
-    EXPECT_EQ(refused, Count - 1);
-    EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 2u);  // ZK's, and that of the one that got in
-  });
-}
-
-TEST(OpenClose, CleanupReachesThePortWhenOneSideHasIt) {
-  RunWorld([](World *world) {
-    GoNormal(world);
-    Io read;
-    EXPECT_EQ(StartRead(world->Client, &read, 10), STATUS_PENDING);
-    HANDLE client = world->Client;
-    world->Client = nullptr;
-    FileClose(client);  // with the read outstanding: cleanup ends it, then the close goes out
-    EXPECT_EQ(FileWait(&read), STATUS_CANCELLED);
-    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLEANUP), 0u);
-    EXPECT_EQ(WorldPort(world)->OpenCount, 1);
-    EXPECT_EQ(WorldPort(world)->ProxyState, static_cast<ULONG>(PROXY_FOR_ZK));
-    CloseZk(world);
-    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLEANUP), 1u);
-  });
+  for (bool atDispatchLevel : {false, true}) {
+    RunWorld([=](World *world) {
+      LowerPort *lower = &world->Lower;
+      lower->AtDispatchLevel = atDispatchLevel;
+      lower->How[IRP_MJ_CREATE] = Behaviour::Pend;
+      PKTHREAD client =
+          ThreadStart("client", [&] { EXPECT_EQ(OpenClient(world), STATUS_SUCCESS); });
+      ThreadSettle();
+      PKTHREAD zk = ThreadStart("zk", [&] { EXPECT_EQ(OpenZk(world), STATUS_SUCCESS); });
+      ThreadSettle();
+      OwnPacket frames[6];
+      for (OwnPacket &frame : frames) {
+        frame.Bytes = MakeFrame(FRAME_CONTROL, 2, COMMAND_GET_MODE);
+      }
+      frames[0].Bytes = MakeFrame(FRAME_CONTROL, 1, COMMAND_SET_MODE, MakeArgument(MODE_NORMAL));
+      for (OwnPacket &frame : frames) {
+        EXPECT_EQ(OwnSend(WorldPort(world)->ControlDevice, IRP_MJ_WRITE, &frame), STATUS_PENDING);
+      }
+      EXPECT_EQ(WorldPort(world)->RequestCount, 9);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 1u);
+      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE));
+      ThreadJoin(client);
+      ThreadJoin(zk);
+      for (OwnPacket &frame : frames) {
+        EXPECT_EQ(OwnWait(&frame), STATUS_SUCCESS);
+        EXPECT_EQ(frame.Iosb.Information, frame.Bytes.size());
+        EXPECT_EQ(frame.Stack, frames[0].Stack);
+      }
+      Frame reply = NextFrame(world);
+      EXPECT_EQ(reply.Header.Tag, 1u);
+      EXPECT_EQ(reply.Header.Code, 0u);
+      reply = NextFrame(world);
+      EXPECT_EQ(reply.Header.Tag, 2u);
+      EXPECT_EQ(reply.Value(), static_cast<ULONG>(MODE_NORMAL));
+      EXPECT_EQ(WorldPort(world)->RequestCount, 1);
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), 1u);
+    });
+  }
 }
 
 // --- Opens that their users cancel -----------------------------------------------------------
@@ -302,14 +232,21 @@ TEST(OpenClose, ACloseOfWhatIsNotOpen) {
   RunWorld([](World *world) {
     for (PDEVICE_OBJECT device :
          {WorldPort(world)->Header.Device, WorldPort(world)->ControlDevice}) {
-      ULONG_PTR information = 77;
-      EXPECT_EQ(SendPacket(device, IRP_MJ_CLOSE, 0, nullptr, &information), STATUS_ACCESS_DENIED);
-      EXPECT_EQ(information, 0u);
+      FILE_OBJECT file = {};
+      file.DeviceObject = device;
+      OwnPacket close;
+      close.File = &file;
+      EXPECT_EQ(OwnSend(device, IRP_MJ_CLOSE, &close), STATUS_ACCESS_DENIED);
+      EXPECT_EQ(OwnWait(&close), STATUS_ACCESS_DENIED);
+      EXPECT_EQ(close.Iosb.Information, 0u);
     }
     EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLOSE), 0u);
     EXPECT_EQ(WorldPort(world)->OpenCount, 0);
-    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
     EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+    CloseClient(world);
+    EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+    PnpRemove(std::exchange(world->Node, nullptr), true);
+    EXPECT_NE(DeviceCount(world->Driver), 0u);  // no close gave up what the handle holds
   });
 }
 

@@ -261,44 +261,6 @@ TEST(PipeRaces, ACancelAgainstReusedAddresses) {
 
 // --- Frames ---------------------------------------------------------------------------------
 
-// Frames that come while the port's driver is still opening wait for it, and then run in order,
-// wherever the open is finished.
-TEST(Frames, QueuedBehindAnOpen) {
-  for (bool atDispatchLevel : {false, true}) {
-    RunWorld([=](World *world) {
-      LowerPort *lower = &world->Lower;
-      PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
-      lower->AtDispatchLevel = atDispatchLevel;
-      lower->How[IRP_MJ_CREATE] = Behaviour::Pend;
-      PKTHREAD opener = ThreadStart("open", [=] { EXPECT_EQ(OpenZk(world), STATUS_SUCCESS); });
-      ThreadSettle();
-      OwnPacket frames[3];
-      frames[0].Bytes = MakeFrame(FRAME_CONTROL, 11, COMMAND_SET_LEVEL, MakeArgument(3));
-      frames[1].Bytes = MakeFrame(FRAME_CONTROL, 12, COMMAND_GET_LEVEL);
-      frames[2].Bytes = MakeFrame(FRAME_CONTROL, 13, COMMAND_SET_MODE, MakeArgument(MODE_NORMAL));
-      PKTHREAD senders[3];
-      for (int i = 0; i < 3; ++i) {
-        senders[i] = ThreadStart("send", [=, &frames] {
-          EXPECT_EQ(OwnSend(control, IRP_MJ_WRITE, &frames[i]), STATUS_PENDING);
-          EXPECT_EQ(OwnWait(&frames[i]), STATUS_SUCCESS);
-          EXPECT_EQ(frames[i].Iosb.Information, frames[i].Bytes.size());
-        });
-        ThreadSettle();
-      }
-      EXPECT_EQ(WorldPort(world)->Mode, ULONG{MODE_IDLE});
-      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE));
-      for (PKTHREAD thread : {opener, senders[0], senders[1], senders[2]}) {
-        ThreadJoin(thread);
-      }
-      EXPECT_EQ(NextFrame(world).Header.Tag, 11u);
-      Frame level = NextFrame(world);
-      EXPECT_EQ(level.Header.Tag, 12u);
-      EXPECT_EQ(level.Value(), 3u);
-      EXPECT_EQ(NextFrame(world).Header.Tag, 13u);
-    });
-  }
-}
-
 // With direct I/O ZK can write into a frame that the driver is reading. It is then one kind of
 // frame or another, or refused, but ends once and does one thing.
 TEST(Frames, ATypeThatChangesOnTheWay) {

@@ -28,8 +28,8 @@ enum class RelayPlace { None, BelowTheFilter, AboveTheFilter };
 
 struct WorldOptions {
   ULONG Buffering = DO_BUFFERED_IO;
-  std::map<std::string, RegistryValue>
-      Values;  // of the port's key; "PortName" is COM3 unless given
+  // Of the port's key; "PortName" is COM3 unless given.
+  std::map<std::string, RegistryValue> Values = {};
   bool Start = true;
   DosName Name = DosName::OwnStack;
   RelayPlace Relay = RelayPlace::None;
