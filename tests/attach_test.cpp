@@ -185,17 +185,17 @@ TEST(ControlDevice, NamesAreNeverUsedTwice) {
     EXPECT_EQ(text(WorldPort(world)->ControlLinkName), u"\\DosDevices\\VORLIX_COM3");
     EXPECT_NE(NameLookup("\\Device\\VORLIX1"), nullptr);
     EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), NameLookup("\\Device\\VORLIX1"));
-    // A second port of the same name: its link collides, the number is spent, and the first keeps
-    // its link.
+    // A second port of the same name, whatever the case: its link collides, the number is spent,
+    // and the first keeps its link.
     World twin;
     twin.PortDriver = world->PortDriver;
     twin.Driver = world->Driver;
     twin.Lower.Name = "COM4";
     WorldOptions same;
-    same.Values["PortName"] = RegistryText("COM3");
+    same.Values["PortName"] = RegistryText("com3");
     EXPECT_EQ(WorldAdd(&twin, same), STATUS_OBJECT_NAME_COLLISION);
     EXPECT_EQ(EventLogCount(EVENT_NO_CONTROL_DEVICE), 1u);
-    EXPECT_EQ(EventLogEntries().back().Strings.at(0), "\\DosDevices\\VORLIX_COM3");
+    EXPECT_EQ(EventLogEntries().back().Strings.at(0), "\\DosDevices\\VORLIX_com3");
     EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), NameLookup("\\Device\\VORLIX1"));
     EXPECT_EQ(WorldAdd(&twin), STATUS_SUCCESS);
     EXPECT_NE(NameLookup("\\Device\\VORLIX3"), nullptr);

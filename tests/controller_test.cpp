@@ -189,26 +189,6 @@ TEST_P(Controller, ReadsOfEverySize) {
   });
 }
 
-TEST_P(Controller, WaitingReadsAreServedInOrder) {
-  Run([](World *world) {
-    GoNormal(world);
-    Io reads[4], write;
-    for (Io &read : reads) {
-      EXPECT_EQ(StartRead(world->Zk, &read, 100), STATUS_PENDING);
-    }
-    FileCancel(&reads[2]);  // queued
-    FileCancel(&reads[0]);  // current
-    EXPECT_EQ(FileWait(&reads[0]), STATUS_CANCELLED);
-    EXPECT_EQ(FileWait(&reads[2]), STATUS_CANCELLED);
-    StartWrite(world->Client, &write, "1");
-    StartWrite(world->Client, &write, "2");
-    EXPECT_EQ(FileWait(&reads[1]), STATUS_SUCCESS);
-    EXPECT_EQ(FileWait(&reads[3]), STATUS_SUCCESS);
-    EXPECT_EQ(DecodeFrame(reads[1]).Payload, "1");
-    EXPECT_EQ(DecodeFrame(reads[3]).Payload, "2");
-  });
-}
-
 TEST_P(Controller, DataFramesReachThePort) {
   Run([](World *world) {
     LowerPort *lower = &world->Lower;

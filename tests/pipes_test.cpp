@@ -75,20 +75,26 @@ static void LeaveBlocks(World *World, const std::vector<std::string> &Blocks) {
   }
 }
 
-// A read takes from one block only, whatever room it has.
+// A read takes from one block only, whatever room it has; what it leaves is for the next one.
 TEST(Pipes, AReadTakesFromOneBlock) {
-  RunWorld([](World *world) {
-    GoNormal(world);
-    LeaveBlocks(world, {"12345", "67890abc", "d"});
-    Io read;
-    for (const auto &[room, expected] : std::vector<std::pair<size_t, std::string>>{
-             {100, "12345"}, {5, "67890"}, {100, "abc"}, {1, "d"}}) {
-      EXPECT_EQ(StartRead(world->Client, &read, room), STATUS_SUCCESS);
-      EXPECT_EQ(read.Text(), expected);
-    }
-    EXPECT_EQ(StartRead(world->Client, &read, 1), STATUS_PENDING);
-    CloseClient(world);
-  });
+  for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
+    RunWorld(
+        [](World *world) {
+          GoNormal(world);
+          LeaveBlocks(world, {"12345", "67890abc", "d"});
+          EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_READ), 3u);
+          Io read;
+          for (const auto &[room, expected] : std::vector<std::pair<size_t, std::string>>{
+                   {100, "12345"}, {5, "67890"}, {100, "abc"}, {1, "d"}}) {
+            EXPECT_EQ(StartRead(world->Client, &read, room), STATUS_SUCCESS);
+            EXPECT_EQ(read.Text(), expected);
+          }
+          EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_READ), 3u);
+          EXPECT_EQ(StartRead(world->Client, &read, 1), STATUS_PENDING);
+          CloseClient(world);
+        },
+        {.Buffering = buffering});
+  }
 }
 
 // --- What stays in the client pipe ----------------------------------------------------------

@@ -204,26 +204,6 @@ TEST(ProxyRead, ADiscardedRequestGoesWithItsRead) {
 
 // --- Completions ----------------------------------------------------------------------------
 
-TEST(ProxyRead, AStaleCountOfAFailedReadIsNotBelieved) {
-  for (ULONG buffering : {DO_BUFFERED_IO, DO_DIRECT_IO}) {
-    WorldOptions options;
-    options.Buffering = buffering;
-    RunWorld(
-        [](World *world) {
-          Io read, next;
-          ReadInFlight(world, Behaviour::Pend, &read);
-          world->Lower.ClaimedRead = 100'000;
-          EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_IO_DEVICE_ERROR, "12345678"));
-          EXPECT_EQ(FileWait(&read), STATUS_IO_DEVICE_ERROR);
-          EXPECT_EQ(read.Iosb.Information, 8u);
-          EXPECT_EQ(NextFrame(world).Payload, "12345678");
-          EXPECT_EQ(StartRead(world->Client, &next, 8), STATUS_PENDING);  // nothing is left over
-          CloseClient(world);
-        },
-        options);
-  }
-}
-
 // A mode change that could not wait for the read: what it still brings is for nobody.
 TEST(ProxyRead, BytesThatComeInIdleAreDropped) {
   RunWorld([](World *world) {
@@ -242,25 +222,6 @@ TEST(ProxyRead, BytesThatComeInIdleAreDropped) {
     CloseClient(world);
     CloseZk(world);
   });
-}
-
-// A client's read that NORMAL's end overtakes waits, since ZK is still there, for ZK's close, which
-// hands it down.
-TEST(ProxyRead, AReadAgainstTheEndOfNormal) {
-  ExploreWorld(
-      [](World *world) {
-        GoNormal(world);
-        Io read;
-        Against([&] { StartRead(world->Client, &read, 8); },
-                [=] { SendCommand(world, COMMAND_SET_MODE, 0, MODE_IDLE); });
-        // A stop that overtakes the engine's read on its way down ends the read that asked for it.
-        bool stopped = FileDone(&read);
-        CloseZk(world);
-        LowerFeed(&world->Lower, "port");
-        EXPECT_EQ(FileWait(&read), stopped ? STATUS_CANCELLED : STATUS_SUCCESS);
-        EXPECT_EQ(read.Text(), stopped ? "" : "port");
-      },
-      2);
 }
 
 // The client drives the reads, and each uses up one of ZK's requests, since ZK gets its copy.

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
-#include "platform/model/irql.h"
 #include "tests/support/world.h"
 
 // Runs the scenario under every schedule and returns which outcomes were seen. The scenario opens
@@ -107,33 +107,28 @@ TEST(Races, CancelAgainstHandDown) {
   ExpectOutcomes(seen, {"cancelled below", "cancelled here"});
 }
 
-TEST(Races, CancelAgainstUnlock) {
-  auto seen = Outcomes(
-      [](World *world) {
-        GoNormal(world);
-        SendCommand(world, COMMAND_LOCK_STREAM);
-        Io write;
-        StartWrite(world->Client, &write, "x");
-        Against([&] { FileCancel(&write); }, [&] { SendCommand(world, COMMAND_UNLOCK_STREAM); });
-        NTSTATUS status = FileWait(&write);
-        EXPECT_EQ(LowerWritten(&world->Lower), status == STATUS_SUCCESS ? "x" : "");
-        return StatusName(status);
-      },
-      Deep);
-  ExpectOutcomes(seen, {"cancelled", "success"});
-}
-
-TEST(Races, CancelOfAPnpHeldRequestAgainstItsRestart) {
-  auto seen = Outcomes([](World *world) {
-    OpenClient(world);
-    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
-    PnpSend(filter, IRP_MN_QUERY_REMOVE_DEVICE);
-    Io write;
-    StartWrite(world->Client, &write, "x");
-    Against([&] { FileCancel(&write); }, [&] { PnpSend(filter, IRP_MN_CANCEL_REMOVE_DEVICE); });
-    return StatusName(FileWait(&write));
-  });
-  ExpectOutcomes(seen, {"cancelled", "success"});
+// A write that is parked, by the stream lock or by a query, against its release.
+TEST(Races, CancelAgainstRelease) {
+  for (bool locked : {true, false}) {
+    auto seen = Outcomes(
+        [=](World *world) {
+          GoNormal(world);
+          PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
+          auto hold = [=](ULONG command, UCHAR minor) {
+            locked ? SendCommand(world, command) : PnpSend(filter, minor);
+          };
+          hold(COMMAND_LOCK_STREAM, IRP_MN_QUERY_REMOVE_DEVICE);
+          Io write;
+          StartWrite(world->Client, &write, "x");
+          Against([&] { FileCancel(&write); },
+                  [&] { hold(COMMAND_UNLOCK_STREAM, IRP_MN_CANCEL_REMOVE_DEVICE); });
+          NTSTATUS status = FileWait(&write);
+          EXPECT_EQ(LowerWritten(&world->Lower), status == STATUS_SUCCESS ? "x" : "");
+          return StatusName(status);
+        },
+        locked ? Deep : 2);
+    ExpectOutcomes(seen, {"cancelled", "success"});
+  }
 }
 
 // A tracked request that completes while its device is being cleaned up.
@@ -227,38 +222,6 @@ TEST(Races, ClientCloseAgainstDelivery) {
   ExpectOutcomes(seen, {"cancelled, then new", "cancelled, then old", "success, then new"});
 }
 
-// A mode change brought by an open that completes at DISPATCH_LEVEL cannot wait for the read in
-// flight; the engine ends the stop from the completion, and restarts when it was asked to.
-TEST(Races, AStopThatMayNotWait) {
-  for (Behaviour below : {Behaviour::Pend, Behaviour::Deaf}) {
-    RunWorld([=](World *world) {
-      LowerPort *lower = &world->Lower;
-      PortExtension *port = WorldPort(world);
-      lower->AtDispatchLevel = true;
-      lower->How[IRP_MJ_READ] = below;
-      GoNormal(world);
-      Io clientRead;
-      EXPECT_EQ(StartRead(world->Client, &clientRead, 8), STATUS_PENDING);
-      // Lock and unlock from DISPATCH_LEVEL, as a queued control frame would run there.
-      KIRQL irql = IrqlRaise(DISPATCH_LEVEL);
-      ProxyReadStop(&port->Engine);
-      ProxyReadRestart(&port->Engine);
-      IrqlLower(irql);
-      ThreadSettle();
-      if (below == Behaviour::Deaf) {
-        EXPECT_EQ(LowerHeldCount(lower), 1u);
-        EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_CANCELLED));
-        ThreadSettle();
-      }
-      // The client's read was kept, and the engine reads for it again.
-      EXPECT_FALSE(FileDone(&clientRead));
-      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "again"));
-      EXPECT_EQ(FileWait(&clientRead), STATUS_SUCCESS);
-      EXPECT_EQ(clientRead.Text(), "again");
-    });
-  }
-}
-
 // --- Removal --------------------------------------------------------------------------------
 
 // A removal with handles open only comes with ZK's, which keeps the filter device. A client's would
@@ -303,32 +266,27 @@ TEST(Races, RemovalAgainstASubmission) {
                  {"cancelled", "refused", "frame " + StatusName(STATUS_DEVICE_NOT_CONNECTED)});
 }
 
-// The same for a write that the stream lock parks.
+// The same for a write that the stream lock parks; and for the lock itself, set while the sweep
+// goes on: nobody would release what it holds.
 TEST(Races, RemovalAgainstParking) {
-  auto seen = Outcomes([](World *world) {
-    GoNormal(world);
-    SendCommand(world, COMMAND_LOCK_STREAM);
-    Io write;
-    PullOutAgainst(world, [&] { StartWrite(world->Client, &write, "x"); });
-    return StatusName(FileWait(&write));
-  });
-  // Past the gate and after the sweep it goes to the port, which is not told yet.
-  ExpectOutcomes(seen, {"cancelled", "refused", "success"});
-}
-
-// And for the lock itself, set while the sweep goes on: nobody would release what it holds.
-TEST(Races, RemovalAgainstTheLock) {
-  auto seen = Outcomes([](World *world) {
-    GoNormal(world);
-    Io write;
-    PullOutAgainst(world, [&] {
-      SendCommand(world, COMMAND_LOCK_STREAM);
-      StartWrite(world->Client, &write, "x");
+  for (bool locked : {true, false}) {
+    auto seen = Outcomes([=](World *world) {
+      GoNormal(world);
+      if (locked) {
+        SendCommand(world, COMMAND_LOCK_STREAM);
+      }
+      Io write;
+      PullOutAgainst(world, [&] {
+        if (!locked) {
+          SendCommand(world, COMMAND_LOCK_STREAM);
+        }
+        StartWrite(world->Client, &write, "x");
+      });
+      return StatusName(FileWait(&write));
     });
-    return StatusName(FileWait(&write));
-  });
-  // A write past the gate finds the lock ended by the sweep, and a port that is not told yet.
-  ExpectOutcomes(seen, {"cancelled", "refused", "success"});
+    // Past the gate and after the sweep it goes to the port, which is not told yet.
+    ExpectOutcomes(seen, {"cancelled", "refused", "success"});
+  }
 }
 
 // A request that the gate parks while the removal that follows sweeps.
@@ -343,21 +301,6 @@ TEST(Races, RemovalAgainstTheGate) {
       },
       Deep);
   ExpectOutcomes(seen, {"refused"});
-}
-
-// Closes come at every moment of a removal, and long after it.
-TEST(Races, RemovalAgainstCloses) {
-  ExploreWorld([=](World *world) {
-    GoNormal(world);
-    PullOutAgainst(world, [&] {
-      CloseZk(world);
-      CloseClient(world);
-    });
-  });
-  ExploreWorld([=](World *world) {
-    GoNormal(world, false);
-    RemoveAgainst(world, [&] { CloseZk(world); });
-  });
 }
 
 TEST(Races, RemovalAgainstCommands) {
@@ -410,20 +353,6 @@ TEST(Races, CancelAgainstRemoval) {
 
 // --- The serializer -------------------------------------------------------------------------
 
-TEST(Races, CloseAgainstAQueuedOpen) {
-  auto seen = Outcomes(
-      [](World *world) {
-        OpenClient(world);
-        HANDLE old = world->Client;
-        world->Client = nullptr;
-        NTSTATUS status = STATUS_PENDING;
-        Against([&] { FileClose(old); }, [&] { status = OpenClient(world); });
-        return StatusName(status);
-      },
-      Deep);
-  ExpectOutcomes(seen, {"success", StatusName(STATUS_ACCESS_DENIED)});
-}
-
 TEST(Races, BothSidesOpenAndCloseAtOnce) {
   ExploreWorld([](World *world) {
     Against(
@@ -463,44 +392,26 @@ TEST(Races, AnOpenAgainstAnOrderlyRemoval) {
   }
 }
 
-// ZK leaves while a client read is on its way into the pipe: it must not be left waiting there.
-TEST(Races, ZksCloseAgainstAClientRead) {
-  auto seen = Outcomes([](World *world) {
-    LowerPort *lower = &world->Lower;
-    lower->How[IRP_MJ_READ] = Behaviour::Pend;
-    GoNormal(world);
-    Io read;
-    Against([&] { CloseZk(world); }, [&] { StartRead(world->Client, &read, 8); });
-    ThreadSettle();
-    if (FileDone(&read)) {
-      // The stop reached the port's read before the port did: it failed inside the call.
-      return "failed " + StatusName(FileWait(&read));
-    }
-    EXPECT_EQ(LowerHeldCount(lower), 1u);
-    EXPECT_TRUE(LowerFinish(lower, IRP_MJ_READ, STATUS_SUCCESS, "x"));
-    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
-    return std::string("answered");
-  });
-  ExpectOutcomes(seen, {"answered", "failed cancelled"});
-}
-
 // --- The hold on the filter device ----------------------------------------------------------
 
-// ZK's next handle may be granted while the last one's close is being finished: each keeps the
-// filter device on its own account, until long after the removal.
-TEST(Races, ZksCloseAgainstItsNextOpen) {
-  auto seen = Outcomes([](World *world) {
-    GoNormal(world);
-    HANDLE old = world->Zk;
-    world->Zk = nullptr;
-    NTSTATUS status = STATUS_PENDING;
-    Against([&] { FileClose(old); }, [&] { status = OpenZk(world); });
-    CloseClient(world);
-    PnpRemove(world->Node, true);
-    world->Node = nullptr;
-    return StatusName(status);
-  });
-  ExpectOutcomes(seen, {"success", StatusName(STATUS_ACCESS_DENIED)});
+// A side's next handle may be granted while the last one's close is being finished. ZK's keep the
+// filter device, each on its own account, until long after the removal.
+TEST(Races, ACloseAgainstTheNextOpen) {
+  for (bool zk : {false, true}) {
+    auto seen = Outcomes(
+        [=](World *world) {
+          zk ? GoNormal(world) : (void)OpenClient(world);
+          HANDLE old = std::exchange(zk ? world->Zk : world->Client, nullptr);
+          NTSTATUS status = STATUS_PENDING;
+          Against([&] { FileClose(old); },
+                  [&] { status = zk ? OpenZk(world) : OpenClient(world); });
+          CloseClient(world);
+          PnpRemove(std::exchange(world->Node, nullptr), true);
+          return StatusName(status);
+        },
+        zk ? 2 : Deep);
+    ExpectOutcomes(seen, {"success", StatusName(STATUS_ACCESS_DENIED)});
+  }
 }
 
 // A close of ZK's that a query parked, or that comes too late for it, gives its hold back too.

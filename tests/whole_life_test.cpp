@@ -345,29 +345,3 @@ TEST(WholeLife, AThousandPorts) {
   });
   EXPECT_FALSE(report.Stopped) << report.Text;
 }
-
-// The second port of a name is refused and leaves nothing, the first lives on; the name is free
-// again when the first is gone.
-TEST(WholeLife, TwoPortsOfOneName) {
-  RunWorld([](World *world) {
-    World second;
-    second.Driver = world->Driver;
-    second.PortDriver = world->PortDriver;
-    second.Lower.MakesName = false;
-    second.Lower.Name = "com3";
-    GoNormal(world);
-    // The port drivers' own devices differ; the controllers' links would not.
-    EXPECT_EQ(WorldAdd(&second, {.Values = {{"PortName", RegistryText("com3")}}}),
-              STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(DeviceCount(world->Driver), 2u);
-    Io write;
-    StartWrite(world->Client, &write, "first");
-    EXPECT_EQ(NextFrame(world).Payload, "first");
-    CloseClient(world);
-    CloseZk(world);
-    PnpRemove(world->Node);
-    world->Node = nullptr;
-    ASSERT_EQ(WorldAdd(&second, {.Values = {{"PortName", RegistryText("com3")}}}), STATUS_SUCCESS);
-    PnpRemove(second.Node);
-  });
-}
