@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/model/irql.h"
+#include "platform/model/mdl.h"
 #include "platform/model/packets.h"
 #include "platform/model/paged_pool.h"
 #include "platform/model/registry_keys.h"
