@@ -109,10 +109,8 @@ static const std::map<char, void (*)(World *)> Actions = {
 };
 
 // All requests that the driver gets, in order: S start, L loss (surprise removal), R removal.
-// Behind each what is done before it goes on, and after a slash right after it was told to: + plugs
-// in,
-// - unplugs, F has starts refused and A accepted, s awaits that the port is ready or refused, x
-// stops it.
+// Behind each what is done before it goes on, and after a slash right after it was told to: as in
+// Actions, where s awaits that the port is ready or refused.
 struct Order {
   const char *Name;
   const char *Requests;

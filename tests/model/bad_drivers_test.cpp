@@ -173,7 +173,6 @@ static HANDLE MakeThread(ULONG Attributes) {
   return thread;
 }
 
-// A read of a user's.
 static void ReadBy(PDRIVER_DISPATCH Dispatch) {
   std::vector<uint8_t> bytes;
   OnLower = Dispatch;
@@ -221,12 +220,6 @@ static const BadRoutine OverDereferencers[] = {
        TwoUnload();
      }},
     {"a device's", "object.over-dereferenced", [] { ObDereferenceObject(Two.Lower); }},
-    {"an open device's", "object.over-dereferenced",
-     [] {
-       HANDLE handle = OpenLow();
-       ObDereferenceObject(Two.Lower);
-       FileClose(handle);
-     }},
     {"a file's", "object.over-dereferenced", [] { ObDereferenceObject(FileObject(OpenLow())); }},
     {"a running thread's", "object.over-dereferenced",
      [] {

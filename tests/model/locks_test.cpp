@@ -12,12 +12,6 @@ static void InitializeLocks() {
   KeInitializeSpinLock(&three);
 }
 
-static void WaitForNothing() {
-  KEVENT event;
-  KeInitializeEvent(&event, NotificationEvent, TRUE);
-  WaitForEver(&event);
-}
-
 MODEL_TEST(Locks, RaiseAndRestoreExactly) {
   InitializeLocks();
   KIRQL irql;
@@ -106,12 +100,12 @@ static const BadRoutine badRoutines[] = {
     {"wait with a lock held", "lock.held-across",
      [] {
        KeAcquireSpinLockRaiseToDpc(&one);
-       WaitForNothing();
+       SleepForEver();
      }},
     {"wait at raised level", "irql.too-high",
      [] {
        IrqlRaise(DISPATCH_LEVEL);
-       WaitForNothing();
+       SleepForEver();
      }},
     {"run ends with a lock", "lock.held-at-end", [] { KeAcquireSpinLockRaiseToDpc(&one); }},
     {"run ends raised", "irql.not-restored", [] { IrqlRaise(APC_LEVEL); }},

@@ -96,12 +96,6 @@ TEST(Verifier, HistoryIsOfOneObjectOrOfAll) {
     VerifierWarn("frowned-upon");
     EXPECT_EQ(VerifierWarnings("frowned-upon"), 2u);
   });
-  ExpectClean(
-      [] {
-        DbgBreakPoint();
-        EXPECT_EQ(DebuggerBreaks(), 1u);
-      },
-      {.BreaksAllowed = true});
 }
 
 TEST(Verifier, StopSaysWhoHeldWhatAndHowToReplay) {

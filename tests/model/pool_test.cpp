@@ -66,20 +66,16 @@ TEST(Pool, MisuseIsStopped) {
   ExpectStopped(badRoutines);
 }
 
+static void WriteOutside(int at) {
+  char *volatile block = Allocate(5);
+  block[at] = 0;
+  ExFreePoolWithTag(block, TagA);
+}
+
 // Writes that AddressSanitizer, where it is on, sees at once instead.
 static const BadRoutine badWrites[] = {
-    {"one byte too far", "pool.overrun",
-     [] {
-       char *volatile block = Allocate(5);
-       block[5] = 0;
-       ExFreePoolWithTag(block, TagA);
-     }},
-    {"one byte too early", "pool.overrun",
-     [] {
-       char *volatile block = Allocate(5);
-       block[-1] = 0;
-       ExFreePoolWithTag(block, TagA);
-     }},
+    {"one byte too far", "pool.overrun", [] { WriteOutside(5); }},
+    {"one byte too early", "pool.overrun", [] { WriteOutside(-1); }},
     {"after the free", "pool.use-after-free",
      [] {
        char *volatile block = Allocate(5);

@@ -111,16 +111,6 @@ MODEL_TEST(Power, OddRequestsAndAnswers) {
   PowerBegin(PnpPdo(Node), &request);
   EXPECT_EQ(PowerWait(&request), STATUS_SUCCESS);
   EXPECT_EQ(PowerReports(), 0u);
-  request = PowerRequest();
-
-  OnFunction = HoldPower;
-  request.Minor = IRP_MN_WAIT_WAKE;
-  PowerBegin(PnpPdo(Node), &request);
-  EXPECT_FALSE(PowerDone(&request));
-  EXPECT_TRUE(PowerCancel(&request));
-  EXPECT_EQ(PowerWait(&request), STATUS_CANCELLED);
-  EXPECT_FALSE(PowerCancel(&request));
-
   // The policy's owner refuses a query; a device that goes says so; what is gone gets none.
   OnFunction = FailPower;
   EXPECT_EQ(PnpQueryDevicePower(PnpPdo(Node), PowerDeviceD3), STATUS_DEVICE_BUSY);

@@ -53,7 +53,6 @@ inline NTSTATUS PassDown(PDEVICE_OBJECT, PIRP Irp) {
   return IofCallDriver(Two.Lower, Irp);
 }
 
-// For success, error and cancel.
 inline void SetRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE Routine) {
   IoSetCompletionRoutine(Irp, Routine, nullptr, TRUE, TRUE, TRUE);
 }
@@ -208,8 +207,6 @@ inline NTSTATUS BeginRead(HANDLE Handle, FileRequest *Request) {
   return FileSend(Handle, Request);
 }
 
-// ---- drivers told in words ----
-
 // The device below that of the routine which is at its words, and a location that one noted.
 inline PDEVICE_OBJECT Below;
 inline PIO_STACK_LOCATION Noted;
@@ -341,7 +338,6 @@ inline void ExpectTwoStopped(const char *Name, const char *Rule, const std::func
   EXPECT_EQ(report.Rule, Rule) << Name << "\n" << report.Text;
 }
 
-// Each with the two loaded.
 inline void ExpectTwoStopped(std::span<const BadRoutine> All) {
   for (const BadRoutine &bad : All) {
     ExpectTwoStopped(bad.Name, bad.Rule, bad.Body);
