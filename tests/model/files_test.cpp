@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 
 #include "platform/model/irql.h"
@@ -210,7 +211,7 @@ TEST(Files, NothingIsBufferedForNoBytesNorForADeviceThatAsksForNoBuffer) {
         EXPECT_EQ(Irp->MdlAddress, nullptr);
         EXPECT_EQ(Irp->AssociatedIrp.SystemBuffer, nullptr);
         ULONG length = IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length;
-        memcpy(Irp->UserBuffer, Text, length);
+        std::copy_n(Text, length, static_cast<char *>(Irp->UserBuffer));
         return CompleteWith(Irp, STATUS_SUCCESS, length);
       };
       HANDLE handle = OpenLow();
