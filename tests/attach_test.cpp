@@ -38,9 +38,7 @@ static void Attach(const WorldOptions &Options, const std::function<void(World *
 }
 
 TEST(Attach, RefusesPortsWithNeitherBufferedNorDirectIo) {
-  WorldOptions options;
-  options.Buffering = 0;
-  Attach(options, [](World *world) {
+  Attach({.Buffering = 0}, [](World *world) {
     EXPECT_EQ(world->AddStatus, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(EventLogCount(EVENT_NEITHER_IO), 1u);
     EXPECT_EQ(EventLogEntries().back().FinalStatus, STATUS_INVALID_DEVICE_REQUEST);
@@ -67,9 +65,7 @@ TEST(Attach, RefusesTheReflectorWhateverTheCase) {
 
 TEST(Attach, InheritsFlagsFromTheDeviceBelow) {
   for (ULONG flags : {DO_BUFFERED_IO, DO_DIRECT_IO, DO_BUFFERED_IO | DO_EXCLUSIVE}) {
-    WorldOptions options;
-    options.Buffering = flags;
-    Attach(options, [=](World *world) {
+    Attach({.Buffering = flags}, [=](World *world) {
       PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
       EXPECT_EQ(filter->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO | DO_EXCLUSIVE), flags);
       EXPECT_EQ(filter->Flags & DO_DEVICE_INITIALIZING, 0u);
@@ -121,9 +117,7 @@ TEST(PortSettings, TakeTheirFallbacks) {
   };
   for (const SettingsCase &c : cases) {
     SCOPED_TRACE(c.What);
-    WorldOptions options;
-    options.Values = c.Values;
-    Attach(options, [&](World *world) {
+    Attach({.Values = c.Values}, [&](World *world) {
       PortExtension *port = WorldPort(world);
       EXPECT_EQ(port->Header.DebugLevel, c.Taken.DebugLevel);
       EXPECT_EQ(port->Control->Header.DebugLevel, c.Taken.DebugLevel);
@@ -144,9 +138,7 @@ TEST(PortSettings, AnUnusablePortNameFailsTheAttach) {
       {{REG_SZ, std::vector<uint8_t>(600, 0)}, STATUS_BUFFER_OVERFLOW},
   };
   for (const auto &[value, status] : cases) {
-    WorldOptions options;
-    options.Values["PortName"] = value;
-    Attach(options, [&, expected = status](World *world) {
+    Attach({.Values = {{"PortName", value}}}, [&, expected = status](World *world) {
       EXPECT_EQ(world->AddStatus, expected);
       EXPECT_EQ(EventLogCount(EVENT_NO_PORT_NAME), expected == STATUS_BUFFER_OVERFLOW ? 1u : 0u);
       if (expected == STATUS_BUFFER_OVERFLOW) {
@@ -231,9 +223,7 @@ TEST(ControlDevice, IdentifiersAndNumberedNames) {
 
 // What is given up early is not given up, or listed, again when the port goes.
 TEST(ControlDevice, GivenUpBeforeThePort) {
-  WorldOptions options;
-  options.Start = false;
-  Attach(options, [](World *world) {
+  Attach({.Start = false}, [](World *world) {
     PortExtension *port = WorldPort(world);
     ProxyReadTeardown(&port->Engine);
     DeleteControlDevice(port->ControlDevice);
@@ -378,8 +368,7 @@ TEST(AttachRaces, AFailureAgainstARequestInside) {
       second.PortDriver = world->PortDriver;
       second.Lower.Name = "COM4";
       second.Lower.Result[IRP_MJ_POWER] = STATUS_DEVICE_NOT_CONNECTED;
-      WorldOptions options;
-      options.Values["PortName"] = RegistryText("COM3");
+      const WorldOptions options = {.Values = {{"PortName", RegistryText("COM3")}}};
       Against([&] { EXPECT_NE(WorldAdd(&second, options), STATUS_SUCCESS); },
               [&] {
                 if (PDEVICE_OBJECT filter = FilterOver(world, &second.Lower)) {

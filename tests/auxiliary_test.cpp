@@ -10,7 +10,7 @@
 
 constexpr ULONG Control = CTL_CODE(FILE_DEVICE_SERIAL_PORT, 27, METHOD_BUFFERED, FILE_ANY_ACCESS);
 
-static WorldOptions With(DosName Name, int UseEdo = -1) {
+static WorldOptions With(DosName Name, int UseEdo) {
   WorldOptions options;
   options.Name = Name;
   if (UseEdo >= 0) {
@@ -20,14 +20,12 @@ static WorldOptions With(DosName Name, int UseEdo = -1) {
 }
 
 // The usual case, found without being told.
-static const WorldOptions Detected = With(DosName::SameDriver);
+static const WorldOptions Detected = {.Name = DosName::SameDriver};
+static const WorldOptions DetectedLater = {.Start = false, .Name = DosName::SameDriver};
 
 static void RunDetected(const std::function<void(World *)> &Scenario,
                         ULONG Buffering = DO_BUFFERED_IO, RelayPlace Relay = RelayPlace::None) {
-  WorldOptions options = Detected;
-  options.Buffering = Buffering;
-  options.Relay = Relay;
-  RunWorld(Scenario, options);
+  RunWorld(Scenario, {.Buffering = Buffering, .Name = DosName::SameDriver, .Relay = Relay});
 }
 
 static PDEVICE_OBJECT Auxiliary(World *World) {
@@ -140,8 +138,6 @@ TEST(Auxiliary, ItsDevice) {
       DO_DIRECT_IO);
 }
 
-// --- Failing --------------------------------------------------------------------------------
-
 struct Failure {
   const char *What;
   FaultPlan Fault;  // of no kind: the name is taken
@@ -195,12 +191,10 @@ TEST(Auxiliary, FailuresFailTheStart) {
        Second},
       {"not attached", {FaultAttach}, STATUS_UNSUCCESSFUL, 0, Second},
   };
-  WorldOptions options = Detected;
-  options.Start = false;
   for (const Failure &c : cases) {
     for (bool again : {true, false}) {
       SCOPED_TRACE(testing::Message() << c.What << ", again " << again);
-      RunWorld([&](World *world) { FailToMake(world, c, again); }, options);
+      RunWorld([&](World *world) { FailToMake(world, c, again); }, DetectedLater);
     }
   }
 }
@@ -208,9 +202,9 @@ TEST(Auxiliary, FailuresFailTheStart) {
 // --- Traffic --------------------------------------------------------------------------------
 
 TEST(Auxiliary, InIdleEverythingGoesToTheTarget) {
-  WorldOptions options = Detected;
   // So that a read goes down with a completion routine.
-  options.Values["VORLIXPacketDump"] = RegistryDword(2);
+  const WorldOptions options = {.Values = {{"VORLIXPacketDump", RegistryDword(2)}},
+                                .Name = DosName::SameDriver};
   RunWorld(
       [](World *world) {
         PortExtension *port = WorldPort(world);
@@ -311,8 +305,6 @@ TEST(Auxiliary, TheLastCloseGoesWhereTheOpenWent) {
 
 // A stack that is deeper than the port's: the closes of the others have locations enough for it.
 TEST(Auxiliary, AnyCloseFitsTheTarget) {
-  WorldOptions options = Detected;
-  options.Start = false;
   RunWorld(
       [](World *world) {
         world->Outside.Device->StackSize = 9;
@@ -324,14 +316,12 @@ TEST(Auxiliary, AnyCloseFitsTheTarget) {
           EXPECT_EQ(any->StackSize, 10);
         }
       },
-      options);
+      DetectedLater);
 }
 
 // A handle that was opened before the device was attached is the target's own affair, also while
 // somebody has the device open.
 TEST(Auxiliary, TheCloseOfAnOlderHandle) {
-  WorldOptions options = Detected;
-  options.Start = false;
   for (bool inUse : {false, true}) {
     RunWorld(
         [=](World *world) {
@@ -351,7 +341,7 @@ TEST(Auxiliary, TheCloseOfAnOlderHandle) {
                     inUse ? STATUS_ACCESS_DENIED : STATUS_SUCCESS);
           FileClose(another);
         },
-        options);
+        DetectedLater);
   }
 }
 
@@ -511,8 +501,6 @@ TEST(Auxiliary, RemovalUnderAnOpenHandle) {
   }
 }
 
-// --- Plug and Play --------------------------------------------------------------------------
-
 struct PnpRow {
   UCHAR Minor;
   NTSTATUS Status;
@@ -567,8 +555,6 @@ TEST(Auxiliary, AnswersPlugAndPlayRequests) {
     EXPECT_EQ(PnpSend(device, IRP_MN_QUERY_STOP_DEVICE), STATUS_DEVICE_BUSY);
   });
 }
-
-// --- Races ----------------------------------------------------------------------------------
 
 // Nothing that a client has open refers to the device, so a request that was directed at it may
 // enter the driver long after it has gone, and the port with it.
@@ -700,8 +686,6 @@ TEST(AuxiliaryRaces, RemovalAgainstAReadOfZks) {
 // Attaching may come at any moment in the life of a handle that is older than the device. The
 // target gets the handle's close, and its cleanup when it came before the device takes part.
 TEST(AuxiliaryRaces, StartAgainstAnOlderHandle) {
-  WorldOptions options = Detected;
-  options.Start = false;
   for (bool close : {false, true}) {
     ExploreResult result = ExploreWorld(
         [&](World *world) {
@@ -725,7 +709,7 @@ TEST(AuxiliaryRaces, StartAgainstAnOlderHandle) {
           EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
           EXPECT_EQ(WorldPort(world)->OpenCount, 1);
         },
-        2, options);
+        2, DetectedLater);
     EXPECT_EQ(OutcomesOf(result), close ? (std::set<std::string>{"01", "11"})
                                         : (std::set<std::string>{"over", "past"}));
   }

@@ -30,23 +30,21 @@ static uint64_t BreaksWith(const RegistryValue *Value, bool OldSystem) {
 }
 
 TEST(DriverFrame, BreaksOnLoadByTheLowOrderByte) {
-  RegistryValue one = RegistryDword(1);
-  RegistryValue highBits = RegistryDword(256);
-  RegistryValue zero = RegistryDword(0);
+  const std::pair<RegistryValue, uint64_t> cases[] = {
+      {RegistryDword(1), 1},
+      {RegistryDword(256), 0},
+      {RegistryDword(0), 0},
+      // Whatever else stands there is kept out of the driver's memory.
+      {RegistryText("1"), 0},
+      {{REG_DWORD, {}}, 0},
+      {{REG_DWORD, std::vector<uint8_t>(256, 1)}, 1},
+      {{REG_DWORD, std::vector<uint8_t>(257, 1)}, 0},
+  };
   for (bool oldSystem : {false, true}) {
-    EXPECT_EQ(BreaksWith(&one, oldSystem), 1u);
-    EXPECT_EQ(BreaksWith(&highBits, oldSystem), 0u);
-    EXPECT_EQ(BreaksWith(&zero, oldSystem), 0u);
     EXPECT_EQ(BreaksWith(nullptr, oldSystem), 0u);
-    // Whatever else stands there is kept out of the driver's memory.
-    RegistryValue text = RegistryText("1");
-    RegistryValue nothing = {REG_DWORD, {}};
-    RegistryValue fits = {REG_DWORD, std::vector<uint8_t>(256, 1)};
-    RegistryValue large = {REG_DWORD, std::vector<uint8_t>(257, 1)};
-    EXPECT_EQ(BreaksWith(&text, oldSystem), 0u);
-    EXPECT_EQ(BreaksWith(&nothing, oldSystem), 0u);
-    EXPECT_EQ(BreaksWith(&fits, oldSystem), 1u);
-    EXPECT_EQ(BreaksWith(&large, oldSystem), 0u);
+    for (const auto &[value, breaks] : cases) {
+      EXPECT_EQ(BreaksWith(&value, oldSystem), breaks);
+    }
   }
 }
 
@@ -155,8 +153,8 @@ TEST(EventLog, TextsThatMayNotEnd) {
 // one with 200 of 'N' would be 232 in the byte that names it.
 TEST(EventLog, LongNamesAreDropped) {
   for (size_t characters : {76u, 77u, 200u}) {
-    WorldOptions options;
-    options.Values["PortName"] = RegistryText(std::string(characters, 'N'));
+    const WorldOptions options = {
+        .Values = {{"PortName", RegistryText(std::string(characters, 'N'))}}};
     RunReport report = ModelRun({}, [&] {
       World world;
       world.Lower.Name = std::string(characters, 'N');
@@ -202,8 +200,6 @@ TEST(Routing, ControlDeviceAnswersForItself) {
 }
 
 TEST(Routing, NothingOpensBeforeTheStart) {
-  WorldOptions options;
-  options.Start = false;
   RunWorld(
       [](World *world) {
         auto refused = [=] {
@@ -226,26 +222,24 @@ TEST(Routing, NothingOpensBeforeTheStart) {
         world->Lower.StartResult = STATUS_SUCCESS;
         EXPECT_EQ(PnpSend(PnpPdo(world->Node), IRP_MN_START_DEVICE), STATUS_SUCCESS);
         EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+        // The manager asks the child first, which refuses; the filter refuses, too.
         EXPECT_EQ(PnpQueryStop(world->Node), STATUS_DEVICE_BUSY);
+        EXPECT_EQ(PnpCancelStop(world->Node), STATUS_SUCCESS);
+        size_t below = LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_STOP_DEVICE);
+        EXPECT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_STOP_DEVICE),
+                  STATUS_DEVICE_BUSY);
+        PnpSend(WorldPort(world)->Header.Device, IRP_MN_CANCEL_STOP_DEVICE);
+        EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_STOP_DEVICE), below);
+        CloseClient(world);
+        EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
+        EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(PnpCancelStop(world->Node), STATUS_SUCCESS);
+        EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
         CloseClient(world);
         EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
         EXPECT_EQ(PnpStop(world->Node), STATUS_SUCCESS);
         refused();
         EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
       },
-      options);
-}
-
-TEST(Routing, EveryDeviceReachesTheSamePort) {
-  RunWorld([](World *world) {
-    PortExtension *port = WorldPort(world);
-    PDEVICE_OBJECT control = port->ControlDevice;
-    EXPECT_EQ(PortOf(control), port);
-    EXPECT_EQ(LowerDeviceOf(control), world->Lower.Device);
-    EXPECT_EQ(port->Mode, static_cast<ULONG>(MODE_IDLE));
-    EXPECT_EQ(port->RequestCount, 1);
-    EXPECT_EQ(port->ProxyState, static_cast<ULONG>(PROXY_OFF));
-    EXPECT_EQ(port->OpenCount, 0);
-    EXPECT_TRUE(IsListEmpty(&port->ParkedRequests));
-  });
+      {.Start = false});
 }

@@ -138,8 +138,6 @@ TEST(Forced, OneCallInSixteenFails) {
   }
 }
 
-// --- Completed at DISPATCH_LEVEL ------------------------------------------------------------
-
 // A completion routine calls what only PASSIVE_LEVEL may. It is stopped when it has to be ready for
 // a DPC.
 static void CompleteIntoAPassiveCall(Behaviour Below, bool ByDpc) {

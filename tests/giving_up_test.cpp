@@ -39,10 +39,7 @@ TEST(GivingUpRaces, TheLastReferenceAgainstARefusedRequestAndTheRemoval) {
         PKTHREAD flusher =
             ThreadStart("flush", [&] { SendPacket(filter, IRP_MJ_FLUSH_BUFFERS, 0, nullptr); });
         ThreadSettle();
-        Against({[&] {
-                   PnpRemove(world->Node, true);
-                   world->Node = nullptr;
-                 },
+        Against({[&] { RemovePort(world, true); },
                  [&] { LowerFinish(lower, IRP_MJ_FLUSH_BUFFERS); }, [&] { CloseZk(world); }});
         ThreadJoin(flusher);
       },

@@ -8,8 +8,6 @@
 
 #include "tests/support/world.h"
 
-// --- A busy life ----------------------------------------------------------------------------
-
 constexpr int Rounds = 30;
 
 // What the parties saw, each written by one thread and read after it was joined.

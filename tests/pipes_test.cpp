@@ -7,8 +7,6 @@
 #include "driver/pool_tags.h"
 #include "tests/support/world.h"
 
-// --- Sizes ----------------------------------------------------------------------------------
-
 // A framed element must leave room for its header; that is found out before any memory is asked
 // for. Plain bytes know no such limit.
 TEST(Pipes, ElementsOfExtremeLength) {
@@ -274,8 +272,6 @@ TEST(Frames, ATypeThatChangesOnTheWay) {
     ULONG Before, After;
     std::set<NTSTATUS> Ends;
   };
-  WorldOptions options;
-  options.Buffering = DO_DIRECT_IO;
   const std::set<NTSTATUS> either = {STATUS_SUCCESS, STATUS_INVALID_PARAMETER};
   for (const TypeCase &c : {TypeCase{FRAME_DATA, 0, either},
                             {FRAME_CONTROL, FRAME_REPORT, either},
@@ -306,7 +302,7 @@ TEST(Frames, ATypeThatChangesOnTheWay) {
           EXPECT_EQ(WorldPort(world)->RequestCount, 1);
           ExploreSaw(std::to_string(status));
         },
-        1, options);
+        1, {.Buffering = DO_DIRECT_IO});
     std::set<NTSTATUS> ends;
     for (const auto &outcome : result.Outcomes) {
       ends.insert(static_cast<NTSTATUS>(std::stol(outcome.first)));

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <utility>
 
 #include "driver/event_log.h"
 #include "tests/support/world.h"
@@ -247,26 +246,6 @@ TEST(Pnp, OtherQuestionsAreLeftAlone) {
   });
 }
 
-TEST(Pnp, CancelledQueriesGiveThePortBack) {
-  RunWorld([](World *world) {
-    EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
-    EXPECT_EQ(OpenClient(world), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(PnpCancelStop(world->Node), STATUS_SUCCESS);
-    EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
-    EXPECT_EQ(PnpQueryStop(world->Node), STATUS_DEVICE_BUSY);
-    EXPECT_EQ(PnpCancelStop(world->Node), STATUS_SUCCESS);
-    // The manager asks the child first, which refuses; the filter refuses, too.
-    size_t below = LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_STOP_DEVICE);
-    EXPECT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_STOP_DEVICE),
-              STATUS_DEVICE_BUSY);
-    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_STOP_DEVICE), below);
-    Io write;
-    EXPECT_EQ(StartWrite(world->Client, &write, "x"), STATUS_SUCCESS);
-  });
-}
-
-// --- Refusals -------------------------------------------------------------------------------
-
 enum class Refusal { Surprised, Queried, Gone };
 
 struct RefusalRow {
@@ -303,8 +282,7 @@ TEST(Pnp, RefusedRequestsCountUntilTheyAreComplete) {
       } else if (row.Why == Refusal::Queried) {
         PnpSend(port->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE);
       } else if (world->Zk != nullptr) {
-        PnpRemove(world->Node, true);
-        world->Node = nullptr;
+        RemovePort(world, true);
       }
       if (row.Why == Refusal::Gone && world->Zk == nullptr) {
         return;
@@ -375,8 +353,6 @@ static void CloseInThisWay(World *World, CloseEnd End, FILE_OBJECT *File) {
 
 // A device that is kept is found when the run ends.
 TEST(Pnp, EveryEndOfACloseGivesUpTheFilterDevice) {
-  WorldOptions options;
-  options.FailsInTurn = false;
   for (CloseEnd end : {CloseEnd::Granted, CloseEnd::GoesDown, CloseEnd::FailsBelow,
                        CloseEnd::NoItem, CloseEnd::RefusedCancelled, CloseEnd::HeldCancelled,
                        CloseEnd::HeldRemoved, CloseEnd::Gone}) {
@@ -397,7 +373,7 @@ TEST(Pnp, EveryEndOfACloseGivesUpTheFilterDevice) {
           CloseInThisWay(world, end, &file);
           ObDereferenceObject(file.DeviceObject);
         },
-        options);
+        {.FailsInTurn = false});
   }
 }
 
@@ -408,8 +384,7 @@ TEST(Pnp, AHandleOfAnInformationalSuccess) {
     world->Lower.Result[IRP_MJ_CREATE] = STATUS_OBJECT_NAME_EXISTS;
     EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
     EXPECT_EQ(WorldPort(world)->OpenCount, 0);
-    PnpRemove(world->Node, true);
-    world->Node = nullptr;
+    RemovePort(world, true);
     Io write;
     EXPECT_EQ(StartWrite(world->Zk, &write, "late"), STATUS_DELETE_PENDING);
   });
@@ -478,8 +453,7 @@ TEST(Pnp, ARemovalEndsWhatTheQueryParked) {
       CloseZk(world);
     });
     ThreadSettle();
-    PnpRemove(world->Node, true);
-    world->Node = nullptr;
+    RemovePort(world, true);
     EXPECT_EQ(FileWait(&write), STATUS_DELETE_PENDING);
     ThreadJoin(closer);
     EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CLEANUP), 0u);
@@ -507,8 +481,7 @@ TEST(Pnp, ARemovalEndsParkedOpensAndCloses) {
     });
     ThreadSettle();
     EXPECT_EQ(port->RequestCount, 3);  // both parked
-    PnpRemove(world->Node, true);
-    world->Node = nullptr;
+    RemovePort(world, true);
     ThreadJoin(opener);
     ThreadJoin(closer);
     EXPECT_EQ(opened, STATUS_DELETE_PENDING);
@@ -547,8 +520,7 @@ TEST(Pnp, TheLowerDriversHearOfARemovalFirst) {
         PnpSurpriseRemove(world->Node);
         EXPECT_EQ(witness.Missed, 4);
       } else {
-        PnpRemove(world->Node, true);
-        world->Node = nullptr;
+        RemovePort(world, true);
         EXPECT_EQ(witness.Seen, 4);
       }
       EXPECT_EQ(FileWait(&held), STATUS_DELETE_PENDING);
@@ -562,8 +534,6 @@ enum class Ending { Removal, Surprise };
 
 // Everything that can wait in a port, waiting, when the port goes; then handles closed long after.
 static void RemoveBusyPort(Ending How, ULONG Buffering, bool Locked) {
-  // What fails may leave nothing that a port could be made from once more.
-  WorldOptions options = {.Buffering = Buffering, .FailsInTurn = false};
   RunWorld(
       [&](World *world) {
         LowerPort *lower = &world->Lower;
@@ -591,8 +561,7 @@ static void RemoveBusyPort(Ending How, ULONG Buffering, bool Locked) {
           EXPECT_EQ(PnpSend(filter, IRP_MN_QUERY_DEVICE_TEXT), STATUS_SUCCESS);
         }
         uint64_t changes = InterfaceStateChanges();
-        PnpRemove(world->Node, true);
-        world->Node = nullptr;
+        RemovePort(world, true);
         EXPECT_EQ(InterfaceStateChanges() - changes, How == Ending::Surprise ? 1u : 2u);
         // The port ends the read that is with it, which answers the oldest of the client's.
         for (Io &read : clientReads) {
@@ -604,24 +573,19 @@ static void RemoveBusyPort(Ending How, ULONG Buffering, bool Locked) {
         std::string zkSaw;
         for (Io &read : zkReads) {
           NTSTATUS status = FileWait(&read);
-          Frame frame = DecodeFrame(read);
-          auto code = static_cast<NTSTATUS>(frame.Header.Code);
-          if (status != STATUS_SUCCESS) {
-            zkSaw += status == STATUS_CANCELLED ? "cancelled;" : "other;";
-          } else if (frame.Header.Type == FRAME_CONTROL_REPLY) {
-            zkSaw += "reply;";
-          } else {
-            zkSaw += code == STATUS_CANCELLED              ? "stopped read;"
-                     : code == STATUS_DEVICE_NOT_CONNECTED ? "lost read;"
-                                                           : "frame;";
-          }
+          FrameHeader header = DecodeFrame(read).Header;
+          zkSaw += status != STATUS_SUCCESS ? StatusName(status)
+                   : header.Type == FRAME_CONTROL_REPLY
+                       ? "reply"
+                       : "frame " + StatusName(static_cast<NTSTATUS>(header.Code));
+          zkSaw += ";";
         }
         // Locked, the first had the reply and the second the engine's read that the lock stopped. A
         // surprise sweeps before the port goes; a removal after it, when the port has ended the
         // read.
-        EXPECT_EQ(zkSaw, Locked                    ? "reply;stopped read;"
+        EXPECT_EQ(zkSaw, Locked                    ? "reply;frame cancelled;"
                          : How == Ending::Surprise ? "cancelled;cancelled;"
-                                                   : "lost read;cancelled;");
+                                                   : "frame gone;cancelled;");
         if (Locked) {
           EXPECT_EQ(FileWait(&parked[0]), STATUS_CANCELLED);
           EXPECT_EQ(FileWait(&parked[1]), STATUS_CANCELLED);
@@ -631,16 +595,8 @@ static void RemoveBusyPort(Ending How, ULONG Buffering, bool Locked) {
         CloseZk(world);
         EXPECT_EQ(DeviceCount(world->Driver), 0u);
         EXPECT_EQ(LowerWritten(lower), "");
-        // The same name comes back.
-        World again;
-        again.Driver = world->Driver;
-        again.PortDriver = world->PortDriver;
-        EXPECT_EQ(WorldAdd(&again, options), STATUS_SUCCESS);
-        EXPECT_EQ(OpenZk(&again), STATUS_SUCCESS);
-        CloseZk(&again);
-        PnpRemove(again.Node);
       },
-      options);
+      {.Buffering = Buffering});
 }
 
 TEST(Pnp, RemovalOfABusyPort) {
@@ -652,48 +608,4 @@ TEST(Pnp, RemovalOfABusyPort) {
       }
     }
   }
-}
-
-// A request down at the port holds the removal until the port gives it back.
-TEST(Pnp, ARemovalWaitsForWhatIsDown) {
-  RunWorld([](World *world) {
-    world->Lower.How[IRP_MJ_FLUSH_BUFFERS] = Behaviour::Deaf;
-    PDEVICE_OBJECT filter = WorldPort(world)->Header.Device;
-    NTSTATUS flushed = STATUS_PENDING;
-    PKTHREAD flusher = ThreadStart(
-        "flush", [&] { flushed = SendPacket(filter, IRP_MJ_FLUSH_BUFFERS, 0, nullptr); });
-    ThreadSettle();
-    bool gone = false;
-    PKTHREAD remover = ThreadStart("remove", [&] {
-      PnpSurpriseRemove(world->Node);
-      gone = true;
-    });
-    ThreadSettle();
-    EXPECT_FALSE(gone);
-    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_SURPRISE_REMOVAL), 0u);
-    EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_FLUSH_BUFFERS));
-    ThreadJoin(flusher);
-    ThreadJoin(remover);
-    EXPECT_TRUE(gone);
-    EXPECT_EQ(flushed, STATUS_SUCCESS);
-  });
-}
-
-// Nor does the port go while it has a request, whoever sent it.
-TEST(Pnp, ThePortWaitsForItsRequests) {
-  RunWorld([](World *world) {
-    world->Lower.How[IRP_MJ_CLOSE] = Behaviour::Deaf;
-    OwnPacket packet;
-    OwnSend(world->Lower.Device, IRP_MJ_CLOSE, &packet);
-    bool removed = false;
-    PKTHREAD remover = ThreadStart("remove", [&] {
-      PnpRemove(std::exchange(world->Node, nullptr));
-      removed = true;
-    });
-    ThreadSettle();
-    EXPECT_FALSE(removed);
-    LowerFinish(&world->Lower, IRP_MJ_CLOSE);
-    ThreadJoin(remover);
-    OwnWait(&packet);
-  });
 }

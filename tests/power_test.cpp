@@ -114,8 +114,6 @@ static void PassAll(World *World, Life When) {
 
 TEST(Power, TheFilterPasses) {
   for (Life when : {Life::NotStarted, Life::Started, Life::Stopped, Life::Surprised}) {
-    WorldOptions options;
-    options.Start = when != Life::NotStarted;
     RunWorld(
         [=](World *world) {
           if (when == Life::Stopped) {
@@ -126,7 +124,7 @@ TEST(Power, TheFilterPasses) {
           }
           PassAll(world, when);
         },
-        options);
+        {.Start = when != Life::NotStarted});
   }
 }
 
@@ -331,8 +329,6 @@ TEST(PowerRaces, RemovalAgainstARequestOnItsWayDown) {
   }
 }
 
-// --- Devices without power ------------------------------------------------------------------
-
 struct OwnRow {
   UCHAR Minor;
   int Type, State;
@@ -357,8 +353,6 @@ static const OwnRow OwnRows[] = {
 };
 
 TEST(Power, ControlAndAuxiliaryDeviceAnswer) {
-  WorldOptions options;
-  options.Name = DosName::SameDriver;
   RunWorld(
       [](World *world) {
         std::map<char, PDEVICE_OBJECT> devices = {{'C', WorldPort(world)->ControlDevice},
@@ -387,5 +381,5 @@ TEST(Power, ControlAndAuxiliaryDeviceAnswer) {
         EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_POWER), 0u);
         EXPECT_EQ(Stored(world), 1u);
       },
-      options);
+      {.Name = DosName::SameDriver});
 }

@@ -165,8 +165,6 @@ TEST(ProxyRead, AStopOnTheCallDownThread) {
       options);
 }
 
-// --- Discards -------------------------------------------------------------------------------
-
 // A lock stops the read while its client closes: whoever comes first, nothing is read for the dead
 // client, neither after the unlock nor when the next one opens.
 TEST(ProxyRead, AStopAgainstTheClientsClose) {
@@ -340,8 +338,6 @@ TEST(ProxyRead, AStopAgainstAReadThatIsNotSent) {
 
 // ZK's cleanup leaves its request to a read that is then not sent, while ZK's close waits for it.
 TEST(ProxyRead, ZksCloseAgainstAReadThatIsNotSent) {
-  WorldOptions options;
-  options.Values["VORLIXProxyReadLimit"] = RegistryDword(1);
   ExploreWorld(
       [](World *world) {
         LowerPort *lower = &world->Lower;
@@ -357,5 +353,5 @@ TEST(ProxyRead, ZksCloseAgainstAReadThatIsNotSent) {
         EXPECT_EQ(FileWait(&reads[2]), STATUS_CANCELLED);
         EXPECT_EQ(Blocks(POOL_PROXY_ZK_REQUEST) + Blocks(POOL_CALL_DOWN), 0u);
       },
-      2, options);
+      2, {.Values = {{"VORLIXProxyReadLimit", RegistryDword(1)}}});
 }

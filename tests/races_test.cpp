@@ -87,8 +87,6 @@ TEST(Races, CancelAgainstFlush) {
 }
 
 TEST(Races, CancelAgainstHandDown) {
-  WorldOptions options;
-  options.Buffering = DO_DIRECT_IO;
   auto seen = Outcomes(
       [](World *world) {
         GoNormal(world);
@@ -103,7 +101,7 @@ TEST(Races, CancelAgainstHandDown) {
         return StatusName(status) +
                (LowerCount(&world->Lower, IRP_MJ_READ) > 1 ? " below" : " here");
       },
-      2, options);
+      2, {.Buffering = DO_DIRECT_IO});
   ExpectOutcomes(seen, {"cancelled below", "cancelled here"});
 }
 
@@ -353,38 +351,17 @@ TEST(Races, CancelAgainstRemoval) {
 
 // --- The serializer -------------------------------------------------------------------------
 
-TEST(Races, BothSidesOpenAndCloseAtOnce) {
-  ExploreWorld([](World *world) {
-    Against(
-        [&] {
-          EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
-          CloseZk(world);
-        },
-        [&] {
-          EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
-          CloseClient(world);
-        });
-    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
-    EXPECT_EQ(WorldPort(world)->StateFlags, 0u);
-    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), LowerCount(&world->Lower, IRP_MJ_CLOSE));
-  });
-}
-
 // An orderly removal waits for who has got in, and lets nobody else in: an open that it overtakes
 // never reaches the driver.
 TEST(Races, AnOpenAgainstAnOrderlyRemoval) {
   for (bool zk : {false, true}) {
     auto seen = Outcomes([=](World *world) {
       NTSTATUS opened = STATUS_PENDING;
-      Against(
-          [&] {
-            PnpRemove(world->Node);
-            world->Node = nullptr;
-          },
-          [&] {
-            opened = zk ? OpenZk(world) : OpenClient(world);
-            zk ? CloseZk(world) : CloseClient(world);
-          });
+      Against([&] { RemovePort(world); },
+              [&] {
+                opened = zk ? OpenZk(world) : OpenClient(world);
+                zk ? CloseZk(world) : CloseClient(world);
+              });
       return StatusName(opened);
     });
     ExpectOutcomes(seen, {"success", StatusName(STATUS_NO_SUCH_DEVICE),
@@ -406,7 +383,7 @@ TEST(Races, ACloseAgainstTheNextOpen) {
           Against([&] { FileClose(old); },
                   [&] { status = zk ? OpenZk(world) : OpenClient(world); });
           CloseClient(world);
-          PnpRemove(std::exchange(world->Node, nullptr), true);
+          RemovePort(world, true);
           return StatusName(status);
         },
         zk ? 2 : Deep);
@@ -422,8 +399,7 @@ TEST(Races, ZksCloseAgainstQueryAndRemoval) {
             [&] {
               PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_REMOVE_DEVICE);
               ThreadSettle();
-              PnpRemove(world->Node, true);
-              world->Node = nullptr;
+              RemovePort(world, true);
             });
   });
 }
@@ -436,8 +412,7 @@ TEST(Races, ALateRequestAgainstTheLastClose) {
     ExploreWorld([=](World *world) {
       GoNormal(world, false);
       PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
-      PnpRemove(world->Node, true);
-      world->Node = nullptr;
+      RemovePort(world, true);
       if (world->Zk == nullptr) {
         return;
       }

@@ -50,12 +50,9 @@ std::string Tracer::Take() {
 static const std::string ZkFrame = "\n0WKZ control a 0\n1WKZ control a b";
 static const std::string Command = ZkFrame + "\nPCF0 control a 0";
 
-class Traces : public testing::TestWithParam<ULONG> {
- protected:
+struct Traces : testing::TestWithParam<ULONG> {
   void Run(const std::function<void(World *)> &Scenario) {
-    WorldOptions options;
-    options.Buffering = GetParam();
-    RunWorld(Scenario, options);
+    RunWorld(Scenario, {.Buffering = GetParam()});
   }
 };
 INSTANTIATE_TEST_SUITE_P(Buffering, Traces, testing::Values(DO_BUFFERED_IO, DO_DIRECT_IO));

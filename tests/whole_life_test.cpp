@@ -286,8 +286,7 @@ TEST(WholeLife, TenThousand) {
       if (i % 3 == 0) {
         PnpSurpriseRemove(world.Node);
       }
-      PnpRemove(world.Node);
-      world.Node = nullptr;
+      RemovePort(&world);
       EXPECT_EQ(DeviceCount(world.Driver), 0u);
       EXPECT_EQ(DeviceCount(world.PortDriver), 0u);
       world.Lower.Seen.clear();

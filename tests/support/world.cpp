@@ -113,8 +113,7 @@ void WorldEnd(World *World) {
   CloseClient(World);
   CloseZk(World);
   if (World->Node != nullptr) {
-    PnpRemove(World->Node);
-    World->Node = nullptr;
+    RemovePort(World);
   }
   for (PDRIVER_OBJECT driver :
        {World->Driver, World->PortDriver, World->OtherDriver, World->RelayDriver}) {
@@ -294,14 +293,18 @@ void Against(const std::function<void()> &One, const std::function<void()> &Othe
   Against({One, Other});
 }
 
+void RemovePort(World *World, bool Force) {
+  PnpRemove(World->Node, Force);
+  World->Node = nullptr;
+}
+
 void RemoveAgainst(World *World, const std::function<void()> &Other, bool Surprise) {
   Against(
       [&] {
         if (Surprise) {
           PnpSurpriseRemove(World->Node);
         }
-        PnpRemove(World->Node, true);
-        World->Node = nullptr;
+        RemovePort(World, true);
       },
       Other);
 }

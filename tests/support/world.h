@@ -85,6 +85,8 @@ void ExploreSaw(NTSTATUS Status);
 // Runs parties against each other inside the window.
 void Against(const std::vector<std::function<void()>> &Parties);
 void Against(const std::function<void()> &One, const std::function<void()> &Other);
+// The removal by the manager; Force: whatever handles are open.
+void RemovePort(World *World, bool Force = false);
 // A removal, after a surprise removal or without, whatever handles are open, against another party.
 void RemoveAgainst(World *World, const std::function<void()> &Other, bool Surprise = false);
 
