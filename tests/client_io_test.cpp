@@ -427,7 +427,11 @@ TEST_P(ClientIo, ZksCloseReleasesAndHandsDown) {
     ASSERT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
     EXPECT_EQ(StartRead(world->Client, &parked, 30), STATUS_PENDING);
     EXPECT_EQ(StartWrite(world->Client, &write, "w"), STATUS_PENDING);
+    EXPECT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 3), STATUS_SUCCESS);
     CloseZk(world);
+    EXPECT_EQ(WorldPort(world)->MessageLevel, 0u);
+    EXPECT_EQ(WorldPort(world)->Mode, static_cast<ULONG>(MODE_IDLE));
+    EXPECT_EQ(WorldPort(world)->StateFlags, static_cast<ULONG>(PSF_CLIENT_OPEN));
     EXPECT_EQ(FileWait(&write), STATUS_SUCCESS);
     ThreadSettle();
     EXPECT_EQ(LowerHeldCount(lower), 3u);  // nothing of the engine's is left among them

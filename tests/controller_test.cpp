@@ -341,6 +341,9 @@ TEST(PortMode, ProxyStateFollowsTheFlags) {
         {[](World *w) { CloseClient(w); }, 5, PROXY_FOR_ZK},
         {[](World *w) { SendCommand(w, COMMAND_SET_MODE, 0, MODE_IDLE); }, 4, PROXY_OFF},
         {[](World *w) { CloseZk(w); }, 0, PROXY_OFF},
+        {[](World *w) { GoNormal(w, false); }, 5, PROXY_FOR_ZK},
+        {[](World *w) { SendCommand(w, COMMAND_LOCK_STREAM); }, 21, PROXY_FOR_ZK},
+        {[](World *w) { CloseZk(w); }, 0, PROXY_OFF},
     };
     for (size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); ++i) {
       steps[i].Do(world);

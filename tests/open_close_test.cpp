@@ -238,20 +238,3 @@ TEST(OpenClose, ACloseOfWhatIsNotOpen) {
     EXPECT_NE(DeviceCount(world->Driver), 0u);  // no close gave up what the handle holds
   });
 }
-
-TEST(OpenClose, ZksCloseEndsWhatItSet) {
-  for (bool clientStays : {false, true}) {
-    RunWorld([=](World *world) {
-      PortExtension *port = WorldPort(world);
-      GoNormal(world, clientStays);
-      EXPECT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 0, 3), STATUS_SUCCESS);
-      EXPECT_EQ(SendCommand(world, COMMAND_LOCK_STREAM), STATUS_SUCCESS);
-      CloseZk(world);
-      EXPECT_EQ(port->Mode, static_cast<ULONG>(MODE_IDLE));
-      EXPECT_EQ(port->MessageLevel, 0u);
-      EXPECT_EQ(port->HoldClientRequests, 0);
-      EXPECT_EQ(port->ProxyState, static_cast<ULONG>(PROXY_OFF));
-      EXPECT_EQ(port->StateFlags, clientStays ? static_cast<ULONG>(PSF_CLIENT_OPEN) : 0u);
-    });
-  }
-}

@@ -13,6 +13,19 @@ static const GUID BusGuid = {
 static const GUID ControlInterface = {
     0x57089BA1, 0x471C, 0x4885, {0x9A, 0xCC, 0x8E, 0x40, 0x7B, 0x33, 0xBD, 0xE5}};
 
+static NTSTATUS AskId(PDEVICE_OBJECT Device, BUS_QUERY_ID_TYPE Type, ULONG_PTR *Answer) {
+  return SendPacket(
+      Device, IRP_MJ_PNP, IRP_MN_QUERY_ID,
+      [=](PIO_STACK_LOCATION stack) { stack->Parameters.QueryId.IdType = Type; }, Answer);
+}
+
+static NTSTATUS AskRelations(PDEVICE_OBJECT Device, DEVICE_RELATION_TYPE Type, ULONG_PTR *Answer) {
+  return SendPacket(
+      Device, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
+      [=](PIO_STACK_LOCATION stack) { stack->Parameters.QueryDeviceRelations.Type = Type; },
+      Answer);
+}
+
 TEST(Pnp, TheControlDeviceIsARawChild) {
   RunWorld([](World *world) {
     std::vector<PDEVICE_OBJECT> children = PnpChildren(world->Node);
@@ -24,10 +37,7 @@ TEST(Pnp, TheControlDeviceIsARawChild) {
 
     auto id = [&](BUS_QUERY_ID_TYPE type, size_t bytes) {
       ULONG_PTR information = 0;
-      NTSTATUS status = SendPacket(
-          control, IRP_MJ_PNP, IRP_MN_QUERY_ID,
-          [=](PIO_STACK_LOCATION stack) { stack->Parameters.QueryId.IdType = type; }, &information);
-      EXPECT_EQ(status, STATUS_SUCCESS);
+      EXPECT_EQ(AskId(control, type, &information), STATUS_SUCCESS);
       std::u16string text;
       if (information != 0) {
         text.assign(reinterpret_cast<const char16_t *>(information), bytes / 2);
@@ -91,10 +101,7 @@ TEST(Pnp, AnIdentifierWithoutMemory) {
       for (BUS_QUERY_ID_TYPE type :
            {BusQueryDeviceID, BusQueryHardwareIDs, BusQueryCompatibleIDs}) {
         ULONG_PTR information = 0;
-        EXPECT_EQ(SendPacket(
-                      WorldPort(&world)->ControlDevice, IRP_MJ_PNP, IRP_MN_QUERY_ID,
-                      [=](PIO_STACK_LOCATION stack) { stack->Parameters.QueryId.IdType = type; },
-                      &information),
+        EXPECT_EQ(AskId(WorldPort(&world)->ControlDevice, type, &information),
                   type == missing ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS);
         EXPECT_EQ(information != 0, type != missing && type != BusQueryCompatibleIDs);
         if (information != 0) {
@@ -156,17 +163,12 @@ TEST(Pnp, PendingBelow) {
         CloseClient(world);
 
         // The filter does not wait for the removal: it goes, and the request is still pending.
-        bool removed = false;
-        PKTHREAD remover = ThreadStart("remove", [&] {
-          PnpRemove(world->Node);
-          removed = true;
-        });
+        PKTHREAD remover = ThreadStart("remove", [=] { RemovePort(world); });
         ThreadSettle();
         EXPECT_EQ(DeviceCount(world->Driver), 0u);
-        EXPECT_FALSE(removed);
+        EXPECT_NE(world->Node, nullptr);
         EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_PNP));
         ThreadJoin(remover);
-        world->Node = nullptr;
       },
       {.Start = false});
 }
@@ -194,13 +196,7 @@ TEST(Pnp, RawChildAnswersUnderPressure) {
     EXPECT_EQ(bus->BusNumber, 0u);
     ExFreePoolWithTag(bus, 0);
     ULONG_PTR relations = 0;
-    EXPECT_EQ(SendPacket(
-                  control, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
-                  [](PIO_STACK_LOCATION stack) {
-                    stack->Parameters.QueryDeviceRelations.Type = TargetDeviceRelation;
-                  },
-                  &relations),
-              STATUS_SUCCESS);
+    EXPECT_EQ(AskRelations(control, TargetDeviceRelation, &relations), STATUS_SUCCESS);
     auto *target = reinterpret_cast<PDEVICE_RELATIONS>(relations);
     ASSERT_NE(target, nullptr);
     EXPECT_EQ(target->Count, 1u);
@@ -214,35 +210,26 @@ TEST(Pnp, RawChildAnswersUnderPressure) {
 TEST(Pnp, OtherQuestionsAreLeftAlone) {
   RunWorld([](World *world) {
     PDEVICE_OBJECT control = WorldPort(world)->ControlDevice;
-    auto ask = [](PDEVICE_OBJECT device, DEVICE_RELATION_TYPE type, ULONG_PTR *answer) {
-      return SendPacket(
-          device, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
-          [=](PIO_STACK_LOCATION s) { s->Parameters.QueryDeviceRelations.Type = type; }, answer);
-    };
     ULONG_PTR answer = 0;
     size_t below = LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS);
-    EXPECT_EQ(ask(WorldPort(world)->Header.Device, EjectionRelations, &answer),
+    EXPECT_EQ(AskRelations(WorldPort(world)->Header.Device, EjectionRelations, &answer),
               STATUS_NOT_SUPPORTED);
     EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS), below + 1);
-    EXPECT_EQ(ask(control, BusRelations, &answer), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(AskRelations(control, BusRelations, &answer), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(answer, 0u);
     answer = 77;
-    EXPECT_EQ(ask(control, TargetDeviceRelation, &answer), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(AskRelations(control, TargetDeviceRelation, &answer), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(answer, 77u);
     answer = 0;
     FaultArm({FaultPool, 0, 1, false});
-    EXPECT_EQ(ask(control, TargetDeviceRelation, &answer), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(AskRelations(control, TargetDeviceRelation, &answer), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_TRUE(FaultDisarm());
     FaultArm({FaultPool, FourCharacters("ZK21"), 1, false});
-    EXPECT_EQ(ask(WorldPort(world)->Header.Device, BusRelations, &answer),
+    EXPECT_EQ(AskRelations(WorldPort(world)->Header.Device, BusRelations, &answer),
               STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_TRUE(FaultDisarm());
     EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS), below + 1);
-    EXPECT_EQ(SendPacket(control, IRP_MJ_PNP, IRP_MN_QUERY_ID,
-                         [](PIO_STACK_LOCATION s) {
-                           s->Parameters.QueryId.IdType = BusQueryDeviceSerialNumber;
-                         }),
-              STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(AskId(control, BusQueryDeviceSerialNumber, &answer), STATUS_NOT_SUPPORTED);
   });
 }
 
@@ -332,7 +319,7 @@ static void CloseInThisWay(World *World, CloseEnd End, FILE_OBJECT *File) {
   } else if (End == CloseEnd::NoItem) {
     FaultArm({FaultPool, FourCharacters("ZK0E"), 1, false});
   } else if (End == CloseEnd::Gone) {
-    PnpRemove(World->Node, true);
+    RemovePort(World, true);
   }
   OwnSend(control, IRP_MJ_CLOSE, &close);
   if (End == CloseEnd::NoItem) {
@@ -340,12 +327,10 @@ static void CloseInThisWay(World *World, CloseEnd End, FILE_OBJECT *File) {
   } else if (End == CloseEnd::HeldCancelled) {
     EXPECT_TRUE(IoCancelIrp(close.Irp));
   } else if (End == CloseEnd::HeldRemoved) {
-    PnpRemove(World->Node, true);
+    RemovePort(World, true);
   }
   OwnWait(&close);
-  if (End == CloseEnd::HeldRemoved || End == CloseEnd::Gone) {
-    World->Node = nullptr;
-  } else {
+  if (World->Node != nullptr) {
     EXPECT_EQ(port->Control->Header.FilterHolds, 0);
     PnpSend(filter, IRP_MN_CANCEL_REMOVE_DEVICE);
   }
@@ -608,4 +593,19 @@ TEST(Pnp, RemovalOfABusyPort) {
       }
     }
   }
+}
+
+// The port does not go while it has a request, whoever sent it.
+TEST(Pnp, ThePortWaitsForItsRequests) {
+  RunWorld([](World *world) {
+    world->Lower.How[IRP_MJ_CLOSE] = Behaviour::Deaf;
+    OwnPacket packet;
+    OwnSend(world->Lower.Device, IRP_MJ_CLOSE, &packet);
+    PKTHREAD remover = ThreadStart("remove", [=] { RemovePort(world); });
+    ThreadSettle();
+    EXPECT_NE(world->Node, nullptr);
+    LowerFinish(&world->Lower, IRP_MJ_CLOSE);
+    ThreadJoin(remover);
+    OwnWait(&packet);
+  });
 }

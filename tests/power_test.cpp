@@ -232,7 +232,7 @@ TEST(Power, RefusedOnceTheRemovalHasCome) {
     world->Lower.How[IRP_MJ_CREATE] = Behaviour::Deaf;
     PKTHREAD opener = ThreadStart("open", [&] { OpenClient(world); });
     ThreadSettle();
-    PKTHREAD remover = ThreadStart("remove", [&] { PnpRemove(world->Node, true); });
+    PKTHREAD remover = ThreadStart("remove", [&] { RemovePort(world, true); });
     ThreadSettle();
     bool waits = LowerHeldCount(&world->Lower) == 1;  // for the open
     EXPECT_TRUE(waits);
@@ -255,7 +255,6 @@ TEST(Power, RefusedOnceTheRemovalHasCome) {
     EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_CREATE));
     ThreadJoin(opener);
     ThreadJoin(remover);
-    world->Node = nullptr;
   });
 }
 
@@ -263,7 +262,7 @@ TEST(Power, RefusedOnceTheRemovalHasCome) {
 // that goes in it.
 static void RemoveFilterAgainst(World *World, const std::function<void()> &Other) {
   World->Lower.How[IRP_MJ_PNP] = Behaviour::Deaf;
-  PKTHREAD remover = ThreadStart("remove", [&] { PnpRemove(World->Node, true); });
+  PKTHREAD remover = ThreadStart("remove", [&] { RemovePort(World, true); });
   PKTHREAD other = ThreadStart("other", Other);
   ExploreWindow(true);
   ThreadJoin(other);
@@ -271,7 +270,6 @@ static void RemoveFilterAgainst(World *World, const std::function<void()> &Other
   ExploreWindow(false);
   EXPECT_TRUE(LowerFinish(&World->Lower, IRP_MJ_PNP));
   ThreadJoin(remover);
-  World->Node = nullptr;
 }
 
 // A removal waits for no power request: a rise may end when everything of the port is gone, and
