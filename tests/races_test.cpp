@@ -436,3 +436,35 @@ TEST(Races, ALateRequestAgainstTheLastClose) {
     });
   }
 }
+
+// Closes come at every moment of a removal, and long after it.
+TEST(Races, RemovalAgainstCloses) {
+  ExploreWorld([=](World *world) {
+    GoNormal(world);
+    PullOutAgainst(world, [&] {
+      CloseZk(world);
+      CloseClient(world);
+    });
+  });
+  ExploreWorld([=](World *world) {
+    GoNormal(world, false);
+    RemoveAgainst(world, [&] { CloseZk(world); });
+  });
+}
+
+TEST(Races, BothSidesOpenAndCloseAtOnce) {
+  ExploreWorld([](World *world) {
+    Against(
+        [&] {
+          EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+          CloseZk(world);
+        },
+        [&] {
+          EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+          CloseClient(world);
+        });
+    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
+    EXPECT_EQ(WorldPort(world)->StateFlags, 0u);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), LowerCount(&world->Lower, IRP_MJ_CLOSE));
+  });
+}
