@@ -3,7 +3,6 @@
 #include "host/port.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -12,9 +11,8 @@
 #include <sstream>
 #include <utility>
 
-#include "host/event_loop.h"
 #include "host/tty_watch.h"
-#include "platform/model/model.h"
+#include "tests/host/loop_run.h"
 
 static KEVENT Entered;  // the driver is in a request of kind Minor
 static KEVENT Go;
@@ -136,7 +134,6 @@ static void FollowScript(World *W, const char *Requests) {
 }
 
 static void Play(const Order &Script) {
-  SCOPED_TRACE(Script.Name);
   World world;
   std::string error;
   char directory[] = "/tmp/vorlix-XXXXXX";
@@ -187,23 +184,7 @@ TEST(Port, SurvivesEveryOrderOfGoingComingAndStopping) {
       {"refused, and the next device is there before the end", "SF/s RA-+ S/sx R"},
   };
   for (const Order &order : orders) {
-    RunOptions options;
-    options.RealClock = true;
-    RunReport report = ModelRun(options, [&order]() {
-      LoopOpen();
-      LoopTimer *overdue = LoopTimerStart(60000, [&order]() {
-        fprintf(stderr, "%s: a request has not come\n", order.Name);
-        abort();
-      });
-      LoopTask(
-          "test", [&order]() { Play(order); },
-          [overdue]() {
-            LoopTimerCancel(overdue);
-            LoopEnd();
-          });
-      LoopRun();
-      LoopClose();
-    });
-    EXPECT_FALSE(report.Stopped) << order.Name << ": " << report.Rule << "\n" << report.Text;
+    SCOPED_TRACE(order.Name);
+    RunInLoop(order.Name, [&order]() { Play(order); });
   }
 }

@@ -1,17 +1,15 @@
 // The serial port driver alone, over a pty whose master is the device, under the verifier.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <numeric>
 
-#include "host/event_loop.h"
 #include "host/serial_codes.h"
 #include "host/serial_driver.h"
 #include "host/serial_line.h"
-#include "platform/model/model.h"
+#include "tests/host/loop_run.h"
 
 using Bytes = std::vector<uint8_t>;
 
@@ -57,23 +55,12 @@ static void TearDown(World *W) {
 
 // Plays Body with an open port. The end checks that nothing is left over.
 static void Play(const std::function<void(World *)> &Body) {
-  RunOptions options;
-  options.RealClock = true;
-  RunReport report = ModelRun(options, [&Body]() {
-    LoopOpen();
-    LoopTask(
-        "test",
-        [&Body]() {
-          World world;
-          Boot(&world);
-          Body(&world);
-          TearDown(&world);
-        },
-        LoopEnd);
-    LoopRun();
-    LoopClose();
+  RunInLoop("a serial port", [&Body]() {
+    World world;
+    Boot(&world);
+    Body(&world);
+    TearDown(&world);
   });
-  EXPECT_FALSE(report.Stopped) << report.Rule << "\n" << report.Text;
 }
 
 static void AwaitDevice(World *W) {
