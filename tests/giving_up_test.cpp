@@ -144,7 +144,7 @@ TEST(GivingUpRaces, AClientsOpenAgainstZksRead) {
 // on.
 TEST(GivingUpRaces, ControlFramesAgainstEachOther) {
   // Three changes of who goes on are needed, too many to be exhausted among three.
-  ExploreWorldByChance("pct depth=4 runs=20000", [](World *world) {
+  ExploreWorldAs("pct depth=4 runs=20000", [](World *world) {
     GoNormal(world, false);
     std::string finished;
     Io frames[3];

@@ -192,7 +192,7 @@ TEST(OpenClose, AnOpenIsCancelled) {
 
 // An open without an item leaves no trace. A close without one never happened, and one that the
 // port fails is none, so the device stays open for good: nobody else gets in.
-TEST(OpenClose, WithoutAnItem) {
+TEST(OpenClose, ACloseThatFailsLeavesTheDeviceOpen) {
   for (bool failsBelow : {false, true}) {
     RunWorld([=](World *world) {
       PortExtension *port = WorldPort(world);

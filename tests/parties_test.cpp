@@ -12,7 +12,7 @@ enum class Side { None, Client, Zk };
 
 // What the parties leave to be waited for.
 struct Played {
-  Io Writes[1], Reads[2], Controls[1], Frames[2];
+  Io Write, Reads[2], Control, Frame, ZkRead;
   HANDLE Client, Zk;  // as they were open when the parties began, or the party opened them
   PFILE_OBJECT Kept;  // by somebody in the kernel, so that its handle's close is a cleanup only
   PDEVICE_OBJECT Filter;
@@ -55,11 +55,10 @@ static const Party Managers[] = {
 };
 
 static const Party Clients[] = {
-    {"a write",
-     [](World *, Played *played) { StartWrite(played->Client, &played->Writes[0], "c"); }},
+    {"a write", [](World *, Played *played) { StartWrite(played->Client, &played->Write, "c"); }},
     {"a read", [](World *, Played *played) { StartRead(played->Client, &played->Reads[0], 8); }},
     {"a device control",
-     [](World *, Played *played) { StartControl(played->Client, &played->Controls[0], 0x1B0004); }},
+     [](World *, Played *played) { StartControl(played->Client, &played->Control, 0x1B0004); }},
     {"a close", [](World *world, Played *) { CloseClient(world); }},
     {"a cleanup",
      [](World *world, Played *played) {
@@ -75,10 +74,9 @@ static const Party Clients[] = {
 static const Party Zks[] = {
     {"a data frame",
      [](World *, Played *played) {
-       StartWrite(played->Zk, &played->Frames[0], MakeFrame(FRAME_DATA, TAG_LOWER, 0, "z"));
+       StartWrite(played->Zk, &played->Frame, MakeFrame(FRAME_DATA, TAG_LOWER, 0, "z"));
      }},
-    {"a read of ZK",
-     [](World *, Played *played) { StartRead(played->Zk, &played->Frames[1], 64); }},
+    {"a read of ZK", [](World *, Played *played) { StartRead(played->Zk, &played->ZkRead, 64); }},
     {"a lock", [](World *world, Played *) { SendCommand(world, COMMAND_LOCK_STREAM); }},
     {"an unlock", [](World *world, Played *) { SendCommand(world, COMMAND_UNLOCK_STREAM); }},
     {"the mode IDLE",
@@ -153,8 +151,8 @@ static void Answer(World *world, const bool *over) {
 // wait, but not be lost.
 static void EndAll(Played *played) {
   ThreadSettle();
-  for (Io *io : {&played->Writes[0], &played->Reads[0], &played->Reads[1], &played->Controls[0],
-                 &played->Frames[0], &played->Frames[1]}) {
+  for (Io *io : {&played->Write, &played->Reads[0], &played->Reads[1], &played->Control,
+                 &played->Frame, &played->ZkRead}) {
     if (io->Sent) {
       FileCancel(io);
       FileWait(io);
@@ -282,17 +280,18 @@ struct PartyTable : testing::TestWithParam<unsigned> {};
 // Each combination in one world, in every order that one preemption makes.
 TEST_P(PartyTable, EveryThreeInEveryOrder) {
   Setting setting = SettingOf(GetParam());
+  auto all = Combinations();
   uint64_t runs = 0, orders = 0;
-  for (const auto &parties : Combinations()) {
+  for (const auto &parties : all) {
     SCOPED_TRACE(NameOf(parties));
-    ExploreResult result = ExploreWorldByChance(
+    ExploreResult result = ExploreWorldAs(
         "exhaust preemptions=1", [&](World *world) { PlayParties(world, setting, parties); },
         OptionsOf(setting));
     runs += result.Runs;
     orders += result.Orders.size();
     ASSERT_FALSE(testing::Test::HasFailure());
   }
-  printf("%zu combinations, %llu runs, %llu orders\n", Combinations().size(),
+  printf("%zu combinations, %llu runs, %llu orders\n", all.size(),
          static_cast<unsigned long long>(runs), static_cast<unsigned long long>(orders));
 }
 
@@ -311,7 +310,7 @@ TEST(PartyTableReduced, HasTheSameOrders) {
       for (int reduce : {0, 1}) {
         std::string how = "exhaust preemptions=" + std::to_string(preemptions) +
                           " reduce=" + std::to_string(reduce);
-        results[reduce] = ExploreWorldByChance(
+        results[reduce] = ExploreWorldAs(
             how.c_str(), [&](World *world) { PlayParties(world, setting, all[number]); },
             OptionsOf(setting));
         runs[reduce] += results[reduce].Runs;
@@ -336,7 +335,7 @@ TEST(PartyRaces, EveryThreeUnderPrioritiesByChance) {
     SCOPED_TRACE(NameOf(parties) + "; " + NameOf(setting));
     std::string how =
         "pct depth=3 runs=" + std::to_string(Runs) + " seed=" + std::to_string(number);
-    ExploreWorldByChance(
+    ExploreWorldAs(
         how.c_str(), [&](World *world) { PlayParties(world, setting, parties); },
         OptionsOf(setting));
     most = std::max(most, static_cast<double>(SchedulePoints()));

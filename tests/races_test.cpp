@@ -301,6 +301,21 @@ TEST(Races, RemovalAgainstTheGate) {
   ExpectOutcomes(seen, {"refused"});
 }
 
+// Closes come at every moment of a removal, and long after it.
+TEST(Races, RemovalAgainstCloses) {
+  ExploreWorld([=](World *world) {
+    GoNormal(world);
+    PullOutAgainst(world, [&] {
+      CloseZk(world);
+      CloseClient(world);
+    });
+  });
+  ExploreWorld([=](World *world) {
+    GoNormal(world, false);
+    RemoveAgainst(world, [&] { CloseZk(world); });
+  });
+}
+
 TEST(Races, RemovalAgainstCommands) {
   auto seen = Outcomes([](World *world) {
     world->Lower.How[IRP_MJ_READ] = Behaviour::Pend;
@@ -350,6 +365,23 @@ TEST(Races, CancelAgainstRemoval) {
 }
 
 // --- The serializer -------------------------------------------------------------------------
+
+TEST(Races, BothSidesOpenAndCloseAtOnce) {
+  ExploreWorld([](World *world) {
+    Against(
+        [&] {
+          EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
+          CloseZk(world);
+        },
+        [&] {
+          EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
+          CloseClient(world);
+        });
+    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
+    EXPECT_EQ(WorldPort(world)->StateFlags, 0u);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), LowerCount(&world->Lower, IRP_MJ_CLOSE));
+  });
+}
 
 // An orderly removal waits for who has got in, and lets nobody else in: an open that it overtakes
 // never reaches the driver.
@@ -435,36 +467,4 @@ TEST(Races, ALateRequestAgainstTheLastClose) {
       EXPECT_EQ(DeviceCount(world->Driver), 0u);
     });
   }
-}
-
-// Closes come at every moment of a removal, and long after it.
-TEST(Races, RemovalAgainstCloses) {
-  ExploreWorld([=](World *world) {
-    GoNormal(world);
-    PullOutAgainst(world, [&] {
-      CloseZk(world);
-      CloseClient(world);
-    });
-  });
-  ExploreWorld([=](World *world) {
-    GoNormal(world, false);
-    RemoveAgainst(world, [&] { CloseZk(world); });
-  });
-}
-
-TEST(Races, BothSidesOpenAndCloseAtOnce) {
-  ExploreWorld([](World *world) {
-    Against(
-        [&] {
-          EXPECT_EQ(OpenZk(world), STATUS_SUCCESS);
-          CloseZk(world);
-        },
-        [&] {
-          EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
-          CloseClient(world);
-        });
-    EXPECT_EQ(WorldPort(world)->OpenCount, 0);
-    EXPECT_EQ(WorldPort(world)->StateFlags, 0u);
-    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_CREATE), LowerCount(&world->Lower, IRP_MJ_CLOSE));
-  });
 }

@@ -96,8 +96,8 @@ bool DeviceShutUnlessOpen(const PDEVICE_OBJECT *Bottoms, size_t Count);
 // Waits for the last of these file objects to go, and shuts the doors in the same step.
 void DeviceShutWhenUnused(const PDEVICE_OBJECT *Bottoms, size_t Count);
 
-// Around a call of a driver's routine, which is made in the system's process: stops when IRQL or
-// locks differ after it.
+// Around a call of a driver's routine, which is made in the system's process: stops when the
+// IRQL differs after it.
 struct CallbackScope {
   KIRQL Irql;
   struct DispatchFrame *Frames;

@@ -240,8 +240,8 @@ ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigne
   return ExploreBy(AskedFor(Preemptions), true, Scenario, Options);
 }
 
-ExploreResult ExploreWorldByChance(const char *How, const std::function<void(World *)> &Scenario,
-                                   const WorldOptions &Options) {
+ExploreResult ExploreWorldAs(const char *How, const std::function<void(World *)> &Scenario,
+                             const WorldOptions &Options) {
   ExploreOptions explore = AskedFor(0);
   if (getenv("VORLIX_EXPLORE") == nullptr) {
     EXPECT_TRUE(ExploreRead(How, &explore)) << How;

@@ -66,9 +66,10 @@ void RunWorld(const std::function<void(World *)> &Scenario, const WorldOptions &
 // tells with ExploreSaw how it ended, and a failed expectation ends the exploration.
 ExploreResult ExploreWorld(const std::function<void(World *)> &Scenario, unsigned Preemptions = 2,
                            const WorldOptions &Options = {});
-// Under so many schedules drawn by chance, as ExploreRead reads How; without failing calls.
-ExploreResult ExploreWorldByChance(const char *How, const std::function<void(World *)> &Scenario,
-                                   const WorldOptions &Options = {});
+// Under the schedules that How or, when it is set, VORLIX_EXPLORE names (see ExploreRead); without
+// failing calls.
+ExploreResult ExploreWorldAs(const char *How, const std::function<void(World *)> &Scenario,
+                             const WorldOptions &Options = {});
 // A failed expectation among these, from the one given on, ends the run like a rule of the
 // verifier's, so that it is made short, explained and replayed as well, in another process, too.
 void StopAtFailure(const testing::TestPartResultArray &Failures, int From);
