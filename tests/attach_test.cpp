@@ -308,7 +308,7 @@ TEST(Attach, FailuresAreReported) {
 // Every call that can fail on the way, one after the other: the attach either works or leaves
 // nothing behind, and works again once the fault is gone.
 TEST(Attach, UnwindsWhereverItFails) {
-  uint64_t failures = 0;
+  std::map<NTSTATUS, int> failures;
   bool delivered = true;
   for (uint64_t nth = 1; delivered; ++nth) {
     RunReport report = ModelRun({}, [&] {
@@ -318,8 +318,7 @@ TEST(Attach, UnwindsWhereverItFails) {
       NTSTATUS status = WorldAdd(&world);
       delivered = FaultDisarm();
       if (world.Node == nullptr) {
-        ++failures;
-        EXPECT_FALSE(NT_SUCCESS(world.AddStatus));
+        ++failures[world.AddStatus];
         EXPECT_EQ(DeviceCount(world.Driver), 0u);
         EXPECT_EQ(NameLookup("\\DosDevices\\VORLIX_COM3"), nullptr);
         EXPECT_EQ(WorldAdd(&world), STATUS_SUCCESS);
@@ -335,7 +334,10 @@ TEST(Attach, UnwindsWhereverItFails) {
     ASSERT_FALSE(report.Stopped) << "fault " << nth << "\n" << report.Text;
     ASSERT_LT(nth, 200u);
   }
-  EXPECT_GT(failures, 10u);
+  EXPECT_GT(failures[STATUS_INSUFFICIENT_RESOURCES], 10);
+  EXPECT_EQ(failures[STATUS_UNSUCCESSFUL], 2);            // no registry key, not attached
+  EXPECT_EQ(failures[STATUS_INVALID_DEVICE_REQUEST], 1);  // no memory to compare a name
+  EXPECT_EQ(failures.size(), 3u);
 }
 
 // The filter device of the port that is being added; it is over the port's for a while.

@@ -57,6 +57,11 @@ TEST_P(ClientIo, ThePortsContextReachesOrdinaryRequests) {
         [=](World *world) {
           LowerPort *lower = &world->Lower;
           lower->How[IRP_MJ_READ] = Behaviour::Pend;
+          FILE_OBJECT older = {};  // its open came past the filter, to a port without context
+          EXPECT_EQ(SendPacket(WorldPort(world)->Header.Device, IRP_MJ_WRITE, 0,
+                               [&](PIO_STACK_LOCATION stack) { stack->FileObject = &older; }),
+                    STATUS_SUCCESS);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_WRITE).FsContext, nullptr);
           ASSERT_EQ(OpenZk(world), STATUS_SUCCESS);
           ASSERT_EQ(OpenClient(world), STATUS_SUCCESS);  // granted: the port never saw this file
           auto withFile = [=](PIO_STACK_LOCATION stack) {

@@ -118,22 +118,23 @@ TEST(Pnp, AnIdentifierWithoutMemory) {
 // Children that the request brings stay in front, and their block is freed (the pool is checked).
 TEST(Pnp, RelationsKeepWhatTheyCarry) {
   RunWorld([](World *world) {
-    PDEVICE_OBJECT child = PnpPdo(world->Node);  // any device will do
-    auto *carried = static_cast<PDEVICE_RELATIONS>(
-        ExAllocatePoolWithTag(PagedPool, sizeof(DEVICE_RELATIONS), FourCharacters("Test")));
+    const std::vector<PDEVICE_OBJECT> children = {PnpPdo(world->Node), world->Lower.Device,
+                                                  WorldPort(world)->Header.Device};  // any will do
+    auto *carried = static_cast<PDEVICE_RELATIONS>(ExAllocatePoolWithTag(
+        PagedPool, sizeof(DEVICE_RELATIONS) + 2 * sizeof(PDEVICE_OBJECT), FourCharacters("Test")));
     ASSERT_NE(carried, nullptr);
-    carried->Count = 1;
-    carried->Objects[0] = child;
+    carried->Count = 3;
+    std::copy(children.begin(), children.end(), carried->Objects);
     ULONG_PTR information = reinterpret_cast<ULONG_PTR>(carried);
     EXPECT_EQ(PnpSend(WorldPort(world)->Header.Device, IRP_MN_QUERY_DEVICE_RELATIONS, &information),
               STATUS_SUCCESS);
     auto *relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
     EXPECT_NE(relations, carried);
-    EXPECT_EQ(relations->Objects[0], child);
-    EXPECT_EQ(relations->Count, 2u);
-    if (relations->Count == 2) {
-      EXPECT_EQ(relations->Objects[1], WorldPort(world)->ControlDevice);
-      ObDereferenceObject(relations->Objects[1]);
+    EXPECT_EQ(relations->Count, 4u);
+    EXPECT_TRUE(std::equal(children.begin(), children.end(), relations->Objects));
+    if (relations->Count == 4) {
+      EXPECT_EQ(relations->Objects[3], WorldPort(world)->ControlDevice);
+      ObDereferenceObject(relations->Objects[3]);
     }
     ExFreePoolWithTag(relations, 0);
   });

@@ -200,6 +200,22 @@ TEST(ProxyRead, ADiscardedRequestGoesWithItsRead) {
   }
 }
 
+// A stop that comes too late: what the port answers all the same is the client's.
+TEST(ProxyRead, AStoppedReadMayStillBringBytes) {
+  RunWorld([](World *world) {
+    Io read;
+    PortExtension *port = ReadInFlight(world, Behaviour::Deaf, &read);
+    Stopper stopper(&port->Engine);
+    EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_READ, STATUS_SUCCESS, "late"));
+    ThreadJoin(stopper.Thread);
+    EXPECT_EQ(FileWait(&read), STATUS_SUCCESS);
+    EXPECT_EQ(read.Text(), "late");
+    EXPECT_EQ(Blocks(POOL_PROXY_CLIENT_REQUEST), 0u);
+    ProxyReadRestart(&port->Engine);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_READ), 1u);
+  });
+}
+
 // --- Completions ----------------------------------------------------------------------------
 
 // A mode change that could not wait for the read: what it still brings is for nobody.

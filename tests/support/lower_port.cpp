@@ -120,7 +120,9 @@ static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::
       Status = STATUS_INSUFFICIENT_RESOURCES;
       information = 0;
     }
-    information = Port->ClaimedRead != 0 ? Port->ClaimedRead : information;
+    if (Port->ClaimedRead != 0 && Status != STATUS_CANCELLED) {
+      information = Port->ClaimedRead;
+    }
   } else if (stack->MajorFunction == IRP_MJ_WRITE && NT_SUCCESS(Status)) {
     information = stack->Parameters.Write.Length;
   } else if (stack->MajorFunction == IRP_MJ_CREATE && Status == STATUS_SUCCESS) {

@@ -351,10 +351,16 @@ void GoNormal(World *World, bool WithClient) {
 }
 
 // When calls fail, somebody may leave a request behind, or use it again, that had not to wait.
+// What was cancelled or refused has brought nothing.
 static void GiveUp(Io *Io) {
-  if (Failing() && std::exchange(Io->Sent, false)) {
+  bool sent = std::exchange(Io->Sent, false);
+  if (Failing() && sent) {
     FileCancel(Io);
     FileWait(Io);
+  }
+  if (sent && FileDone(Io) &&
+      (Io->Iosb.Status == STATUS_CANCELLED || Io->Iosb.Status == STATUS_DELETE_PENDING)) {
+    Must(Io->Iosb.Information == 0, "no bytes of a request that was cancelled or refused");
   }
 }
 
