@@ -258,14 +258,23 @@ static NTSTATUS Wait(ULONG count, PVOID objects[], bool all, const LARGE_INTEGER
   return status;
 }
 
-NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
+// An alert would end the wait before its object is signalled, and no driver here is ready for that.
+static void RequireNotAlertable(BOOLEAN alertable, const char *service) {
+  if (alertable && VerifierOn()) {
+    VerifierStop("wait.bad-arguments", nullptr, "%s: an alertable wait may end too early", service);
+  }
+}
+
+NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN Alertable,
                                PLARGE_INTEGER Timeout) {
+  RequireNotAlertable(Alertable, "KeWaitForSingleObject");
   return Wait(1, &Object, false, Timeout, "KeWaitForSingleObject");
 }
 
 NTSTATUS KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON,
-                                  KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Timeout,
+                                  KPROCESSOR_MODE, BOOLEAN Alertable, PLARGE_INTEGER Timeout,
                                   PKWAIT_BLOCK WaitBlockArray) {
+  RequireNotAlertable(Alertable, "KeWaitForMultipleObjects");
   if (Count == 0 || Count > MostWaitObjects || (Count > THREAD_WAIT_OBJECTS && !WaitBlockArray)) {
     VerifierStop("wait.bad-arguments", nullptr,
                  "KeWaitForMultipleObjects: %u objects %s wait blocks", Count,

@@ -26,7 +26,7 @@
 //   dispatcher.uninitialized  not an event, semaphore or thread
 //   dispatcher.wrong-type     an event where a semaphore belongs, or the like
 //   dispatcher.freed-waited   memory freed in which a thread waits
-//   wait.bad-arguments        no objects, too many, or no room for their wait blocks
+//   wait.bad-arguments        no objects, too many, no room for their wait blocks, or alertable
 //   wait.no-thread            a blocking wait outside of a model thread
 //   semaphore.limit           released above its limit
 //   semaphore.bad-arguments   a count or limit that no semaphore can have

@@ -302,6 +302,12 @@ static const BadRoutine OtherDrivers[] = {
        KeInitializeEvent(&event, NotificationEvent, FALSE);
        KeSetEvent(&event, IO_NO_INCREMENT, TRUE);
      }},
+    {"waits until an alert", "wait.bad-arguments",
+     [] {
+       KEVENT event;
+       KeInitializeEvent(&event, NotificationEvent, TRUE);
+       KeWaitForSingleObject(&event, Executive, KernelMode, TRUE, nullptr);
+     }},
     {"asks a key that is none", "handle.bad",
      [] {
        UNICODE_STRING name = {};
