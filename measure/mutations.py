@@ -36,6 +36,7 @@ MIRRORS = [("ClientPipe", "ZkPipe"), ("ClientSlot", "ZkSlot"), ("ClientRequests"
            ("WaitAny", "WaitAll"), ("CompleteRefused", "CompleteAdmitted"), ("Set", "Clear"),
            ("FinishDevice", "FinishRequest")]
 MIRROR = {a: b for pair in MIRRORS for a, b in (pair, pair[::-1])}
+del MIRROR["PagedPool"]  # resident memory serves wherever other memory does
 SIBLING_LOCKS = {"ClientLock": "PortLock", "PortLock": "AdmissionLock", "AdmissionLock": "PortLock"}
 # Without any effect of their own.
 PURE = {"PortOf", "HeaderOf", "IoGetCurrentIrpStackLocation", "IoGetNextIrpStackLocation", "if",
@@ -43,7 +44,8 @@ PURE = {"PortOf", "HeaderOf", "IoGetCurrentIrpStackLocation", "IoGetNextIrpStack
         "IsZkSide", "PipeOfSide", "PortLinkName", "PipePayload", "ReadULongAcquire", "PortMode",
         "ReadPointerAcquire", "PortStateFlags", "PortProxyState", "PortMessageLevel", "FlagOfSide",
         "ElementOf", "PacketLocation", "InitializeListHead", "KeInitializeEvent",
-        "KeInitializeSpinLock", "RtlInitUnicodeString"}
+        "KeInitializeSpinLock", "KeInitializeSemaphore", "RtlInitUnicodeString", "InitializeHeader",
+        "PipeInitialize", "ProxyReadPrepare", "InitSerializer"}
 MUTE = {"UNREFERENCED_PARAMETER", "RunningAsSerializerItem", "NT_ASSERT", "va_start", "va_end",
         "static_assert"}
 CONTROL = {"if", "else", "for", "while", "switch", "do", "case", "default", "struct", "using"}
