@@ -70,6 +70,27 @@ TEST(OpenClose, AFailedOpenLeavesThePortAsItWas) {
   });
 }
 
+// Opens that the port takes its time for, and refuses: each lets the next one through.
+TEST(Serializer, EveryOpenThatEndsStartsTheNext) {
+  RunWorld([](World *world) {
+    LowerPort *lower = &world->Lower;
+    lower->How[IRP_MJ_CREATE] = Behaviour::Pend;
+    std::vector<PKTHREAD> openers;
+    for (auto open : {OpenClient, OpenZk, OpenClient, OpenZk}) {
+      openers.push_back(ThreadStart("open", [=] { EXPECT_EQ(open(world), STATUS_DEVICE_BUSY); }));
+      ThreadSettle();
+    }
+    for (size_t i = 0; i < openers.size(); ++i) {
+      EXPECT_EQ(LowerCount(lower, IRP_MJ_CREATE), i + 1);
+      EXPECT_TRUE(LowerFinish(lower, IRP_MJ_CREATE, STATUS_DEVICE_BUSY));
+      ThreadSettle();
+    }
+    for (PKTHREAD opener : openers) {
+      ThreadJoin(opener);
+    }
+  });
+}
+
 // ZK's open and its frames behind a client's open that the port takes its time for: the frame that
 // sets the mode finds ZK's side open, and those behind it the mode set. However many there are,
 // they need no more stack than one.
