@@ -45,7 +45,7 @@ static NTSTATUS DispatchPnp(PDEVICE_OBJECT Device, PIRP Irp) {
   return HeaderOf(Device)->Kind == KIND_FILTER ? FilterPnp(Device, Irp) : RawChildPnp(Device, Irp);
 }
 
-void InstallDispatchTable(PDRIVER_OBJECT DriverObject) {
+INIT_CODE void InstallDispatchTable(PDRIVER_OBJECT DriverObject) {
   PDRIVER_DISPATCH *table = DriverObject->MajorFunction;
   for (ULONG major = 0; major < IRP_MJ_PNP; ++major) {
     table[major] = DispatchDefault;

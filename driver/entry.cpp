@@ -13,7 +13,7 @@ DriverVariables DriverWide;
 using QueryRegistryValues = decltype(&RtlQueryRegistryValues);
 
 // The newer routine checks the types of direct queries; a system without it has the older one.
-static QueryRegistryValues FindQueryRoutine() {
+INIT_CODE static QueryRegistryValues FindQueryRoutine() {
   UNICODE_STRING name;
   RtlInitUnicodeString(&name, L"RtlQueryRegistryValuesEx");
   PVOID routine = MmGetSystemRoutineAddress(&name);
@@ -29,7 +29,7 @@ struct QueriedValue {
   UCHAR Room[252];
 };
 
-static NTSTATUS QueryBreakOnLoad(PCWSTR Path) {
+INIT_CODE static NTSTATUS QueryBreakOnLoad(PCWSTR Path) {
   static WCHAR valueName[] = L"VORLIXBreakOnLoad";
   ULONG absent = 0;
   QueriedValue value = {};
@@ -49,7 +49,7 @@ static NTSTATUS QueryBreakOnLoad(PCWSTR Path) {
   return status;
 }
 
-static void ReadDriverParameters(PUNICODE_STRING ServiceKey) {
+INIT_CODE static void ReadDriverParameters(PUNICODE_STRING ServiceKey) {
   SIZE_T bytes = static_cast<SIZE_T>(ServiceKey->Length) + sizeof(WCHAR);
   auto *path = static_cast<PWSTR>(ExAllocatePoolWithTag(PagedPool, bytes, POOL_SERVICE_PATH));
   if (path == nullptr) {
@@ -71,7 +71,8 @@ static void DriverUnload(PDRIVER_OBJECT DriverObject) {
   TraceFree();
 }
 
-extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
+extern "C" INIT_CODE NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject,
+                                          PUNICODE_STRING RegistryPath) {
   RtlZeroMemory(&DriverWide, sizeof(DriverWide));
   DriverWide.DriverObject = DriverObject;
   ReportEvent(DriverObject, nullptr, 0, 0, EVENT_DRIVER_LOADED, STATUS_SUCCESS, nullptr, 0);

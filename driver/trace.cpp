@@ -4,7 +4,7 @@
 
 TraceRing Trace;
 
-void TraceInit() {
+INIT_CODE void TraceInit() {
   KeInitializeSpinLock(&Trace.Lock);
   Trace.ClassMask = 0xFFFFFFFF;
   auto *base = static_cast<TraceRecord *>(

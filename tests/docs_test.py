@@ -1,7 +1,8 @@
 """The documentation holds: its commands run, its links lead somewhere, its rules are the model's.
 
 A ```sh block under the comment <!-- checked --> is run from the root, with VORLIX_BUILD naming the
-build that ./run uses and TTY a tty whose far end sends back what it gets."""
+build that ./run uses and TTY a tty whose far end sends back what it gets. A ```text block under
+<!-- prints --> that follows is what it prints, with … for what may differ."""
 
 import contextlib
 import os
@@ -19,7 +20,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 DOCUMENTS = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
 SECONDS = 60
 
-CHECKED = re.compile(r"^<!-- checked -->\n+```sh\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+CHECKED = re.compile(r"^<!-- checked -->\n+```sh\n(.*?)^```$"
+                     r"(?:\n+<!-- prints -->\n+```text\n(.*?)^```$)?", re.MULTILINE | re.DOTALL)
 FENCED = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
 LINK = re.compile(r"\]\(([^)\s]+)\)")
 SCHEME = re.compile(r"[a-z]+:")
@@ -91,17 +93,22 @@ class Documents(unittest.TestCase):
     def test_checked_blocks_run(self):
         found = 0
         for document in DOCUMENTS:
-            for block in CHECKED.findall(document.read_text()):
+            for block, prints in CHECKED.findall(document.read_text()):
                 found += 1
                 with self.subTest(document=document.name, block=block.splitlines()[0]):
                     status, output = run_block(block)
                     self.assertEqual(status, 0, f"\n{block}\n{output}")
+                    expected = ".*".join(map(re.escape, prints.split("…")))
+                    self.assertTrue(not prints or re.fullmatch(expected, output),
+                                    f"\n{block}\nprints\n{output}")
         self.assertTrue(found, "no block is marked as checked")
 
     def test_every_mark_stands_before_a_block(self):
         for document in DOCUMENTS:
             text = document.read_text()
-            self.assertEqual(text.count("<!-- checked -->"), len(CHECKED.findall(text)),
+            found = CHECKED.findall(text)
+            self.assertEqual(text.count("<!-- checked -->"), len(found), document.name)
+            self.assertEqual(text.count("<!-- prints -->"), sum(bool(p) for _, p in found),
                              document.name)
 
     def test_links_lead_to_files(self):

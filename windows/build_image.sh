@@ -4,8 +4,8 @@
 #   build_image.sh BUILD_DIR              vorlix.sys from the driver's sources, checked
 #   build_image.sh BUILD_DIR SOURCE...    the same from these sources, only built
 #
-# Leaves BUILD_DIR/vorlix.sys, and its debug information in BUILD_DIR/vorlix.sys.debug. Every source
-# is compiled by GCC and looked at by clang; both treat warnings as errors.
+# Leaves BUILD_DIR/vorlix.sys, and its debug information in BUILD_DIR/vorlix.sys.debug; likewise in
+# BUILD_DIR/clang what clang makes of the same sources. Warnings are errors for GCC and clang.
 set -eu
 
 if [ $# -lt 1 ]; then
@@ -28,49 +28,60 @@ fi
 target=x86_64-w64-mingw32
 kit=/usr/$target/include/ddk
 library=$($target-g++ -print-file-name=include/c++)
-objects=$build/objects
-rm -rf "$objects"
-mkdir -p "$objects"
+cache=$(command -v ccache || true)
 
 language="-std=gnu++20 -O2 -g -ffreestanding -fno-exceptions -fno-rtti -fno-stack-protector
-  -fno-threadsafe-statics -fno-use-cxa-atexit -mno-red-zone -mno-stack-arg-probe -I."
+  -fasynchronous-unwind-tables -fno-threadsafe-statics -fno-use-cxa-atexit -mno-red-zone -mno-stack-arg-probe -I."
 # A kernel stack is small, and nothing probes it here.
 warnings="-Wall -Wextra -Werror -Wshadow -Wundef -Wvla -Wformat=2 -Wmissing-declarations
   -Wimplicit-fallthrough -Wconversion -Wframe-larger-than=1024"
 # The kit reads the processor block at its low addresses, which GCC would take for a null pointer.
-gcc="$(command -v ccache || true) $target-g++ $language $warnings --param=min-pagesize=0
-  -isystem $kit"
-clang="clang++-14 --target=x86_64-w64-windows-gnu -fsyntax-only $language $warnings
+gcc="$cache $target-g++ $language $warnings --param=min-pagesize=0 -isystem $kit"
+clang="$cache clang++-14 --target=x86_64-w64-windows-gnu $language $warnings
   -isystem $library -isystem $library/$target -isystem $kit"
-
-export gcc clang objects
-# shellcheck disable=SC2016
-printf '%s\0' "$@" platform/windows/*.cpp | xargs -0 -n 1 -P 2 sh -euc '
-  object=$(printf %s "${1%.cpp}.o" | tr / _)
-  $gcc -c "$1" -o "$objects/$object"
-  $clang "$1"
-' compile
 
 # Without -c, which would set the customer bit of every event code.
 (
   cd "$build"
   $target-windmc -U -h . -r . "$events"
-  $target-windres events.rc -O coff -o objects/events.res.o
+  $target-windres events.rc -O coff -o events.res.o
 )
-$target-windres windows/version.rc -O coff -o "$objects/version.res.o"
+$target-windres windows/version.rc -O coff -o "$build/version.res.o"
 
-# Not -shared, which would make a library with an export table. Linked a second time for the image
-# without debug information, because strip would put the time of day into it.
+# Not -shared, which would make a library with an export table. Versions as of the first system that
+# is served: below 5 a kernel takes the image for one of an old system, and leaves its code writable.
 link() {
   $target-g++ -nostdlib -nostartfiles -Wl,--subsystem,native:10.0 -Wl,--entry,DriverEntry \
+    -Wl,--major-os-version,10,--minor-os-version,0 \
+    -Wl,--major-image-version,10,--minor-image-version,0 \
     -Wl,--image-base,0x140000000 -Wl,--dynamicbase -Wl,--nxcompat -Wl,--enable-reloc-section \
     -Wl,--exclude-all-symbols -Wl,--no-insert-timestamp -Wl,--fatal-warnings \
-    "$@" "$objects"/*.o -lntoskrnl
+    "$@" "$objects"/*.o "$build"/*.res.o -lntoskrnl
 }
-link -o "$build/unstripped.sys"
-$target-objcopy --only-keep-debug "$build/unstripped.sys" "$build/vorlix.sys.debug"
-link -s -o "$build/vorlix.sys"
 
-if [ "$check" ]; then
-  python3 windows/check_image.py "$build/vorlix.sys" --objects "$objects"
-fi
+# Compiles by the given compiler and links in the given directory; a second time for the image
+# without debug information, because strip would put the time of day into it.
+make_image() {
+  compiler=$1
+  objects=$2/objects
+  rm -rf "$objects"
+  mkdir -p "$objects"
+  export compiler objects
+  # shellcheck disable=SC2016
+  printf '%s\0' $sources platform/windows/*.cpp | xargs -0 -n 1 -P 2 sh -euc '
+    object=$(printf %s "${1%.cpp}.o" | tr / _)
+    $compiler -c "$1" -o "$objects/$object"
+  ' compile
+  link -o "$2/unstripped.sys"
+  $target-objcopy --only-keep-debug "$2/unstripped.sys" "$2/vorlix.sys.debug"
+  link -s -o "$2/vorlix.sys"
+  python3 windows/finish_image.py "$2/vorlix.sys"
+  if [ "$check" ]; then
+    python3 windows/check_image.py "$2/vorlix.sys" --objects "$objects"
+  fi
+}
+
+sources=$*
+make_image "$gcc" "$build"
+echo "the same by clang:"
+make_image "$clang" "$build/clang"

@@ -15,6 +15,7 @@ import event_texts
 
 HERE = pathlib.Path(__file__).resolve().parent
 NM = "x86_64-w64-mingw32-nm"
+OBJDUMP = "x86_64-w64-mingw32-objdump"
 KERNEL = "ntoskrnl.exe"
 
 MACHINE_X64 = 0x8664
@@ -25,6 +26,7 @@ PE32_PLUS = 0x20B
 SUBSYSTEM_NATIVE = 1
 DYNAMIC_BASE = 0x0040
 NX_COMPATIBLE = 0x0100
+SECTION_DISCARDABLE = 0x02000000
 SECTION_EXECUTABLE = 0x20000000
 SECTION_WRITABLE = 0x80000000
 
@@ -46,6 +48,7 @@ def require(condition, why):
 
 class Section:
     def __init__(self, data, offset):
+        self.header = offset
         name, self.virtual_size, self.address, self.raw_size, self.raw = struct.unpack_from(
             "<8sIIII", data, offset
         )
@@ -68,7 +71,11 @@ class Image:
         optional_size, self.characteristics = struct.unpack_from("<HH", data, pe + 20)
         optional = pe + 24
         self.magic, self.entry = struct.unpack_from("<H14xI", data, optional)
+        (self.base,) = struct.unpack_from("<Q", data, optional + 24)
         require(self.magic == PE32_PLUS, f"optional header {self.magic:#x}, not 64-bit")
+        versions = struct.unpack_from("<6H", data, optional + 40)
+        self.versions = dict(zip(("system", "image", "subsystem"),
+                                 zip(versions[::2], versions[1::2])))
         (self.size,) = struct.unpack_from("<I", data, optional + 56)
         self.checksum_offset = optional + 64
         self.checksum, self.subsystem, self.flags = struct.unpack_from("<IHH", data, optional + 64)
@@ -115,6 +122,12 @@ def check_machine(image, _):
 def check_subsystem(image, _):
     require(image.subsystem == SUBSYSTEM_NATIVE, f"subsystem {image.subsystem}, not native")
     return "native"
+
+
+def check_versions(image, _):
+    for what, version in image.versions.items():
+        require(version == (10, 0), f"{what} version {version[0]}.{version[1]}, not 10.0")
+    return "10.0 of system, image and subsystem"
 
 
 def check_exports(image, _):
@@ -192,13 +205,28 @@ def check_unwind(image, _):
     return f"{size // 12} functions"
 
 
-def check_entry(image, _):
-    section = image.section_at(image.entry)
-    require(section and section.name == ".text", f"entry {image.entry:#x} is not in .text")
-    both = SECTION_EXECUTABLE | SECTION_WRITABLE
+def check_sections(image, _):
     for section in image.sections:
-        require(section.flags & both != both, f"{section.name} is writable and executable")
-    return f"{image.entry:#x} in .text"
+        code = section.flags & SECTION_EXECUTABLE
+        dropped = section.flags & SECTION_DISCARDABLE
+        require(not code or not section.flags & SECTION_WRITABLE,
+                f"{section.name} is writable and executable")
+        wanted = section.name in ("INIT", ".reloc")
+        require(bool(dropped) == wanted,
+                f"{section.name} is {'' if dropped else 'not '}discardable")
+    return ", ".join(section.name for section in image.sections)
+
+
+def check_entry(image, options):
+    """The entry is dropped once it has run, so what stays may not lead there."""
+    section = image.section_at(image.entry)
+    require(section and section.name == "INIT", f"entry {image.entry:#x} is not in INIT")
+    listing = subprocess.run([OBJDUMP, "-d", "-j", ".text", options.image], check=True,
+                             capture_output=True, text=True).stdout
+    for line in listing.splitlines():
+        for found in re.findall(r"\b0?x?([0-9a-f]{9,16})\b", line.partition(":")[2]):
+            require(not section.holds(int(found, 16) - image.base), f"leads to INIT: {line}")
+    return f"{image.entry:#x} in INIT, to which nothing else leads"
 
 
 def checksum(data, field):
@@ -283,10 +311,12 @@ def check_constructors(_, options):
 CHECKS = {
     "machine": check_machine,
     "subsystem": check_subsystem,
+    "versions": check_versions,
     "exports": check_exports,
     "imports": check_imports,
     "relocations": check_relocations,
     "unwind data": check_unwind,
+    "sections": check_sections,
     "entry point": check_entry,
     "checksum": check_checksum,
     "message texts": check_messages,

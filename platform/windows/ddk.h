@@ -68,6 +68,9 @@ FORCEINLINE void KiWritePoint(const volatile void *) {
 FORCEINLINE void KiWrittenPoint(const volatile void *) {
 }
 
+// Code that is needed only until the driver's entry has returned; the system drops it then.
+#define INIT_CODE __attribute__((section("INIT")))
+
 // A breakpoint in the driver itself, not in a service that it calls.
 #define DbgBreakPoint() __debugbreak()
 

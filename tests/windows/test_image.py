@@ -97,9 +97,18 @@ DAMAGES = [
     ("unwind data: the function table is not in .pdata",
      lambda d: d.put_directory(check_image.EXCEPTIONS, d.image.entry, 24)),
     ("unwind data: function table out of order", swap_functions),
-    ("entry point: entry 0x10 is not in .text", lambda d: d.put("<I", d.optional + 16, 0x10)),
-    ("entry point: .text is writable and executable",
+    ("versions: system version 4.0", lambda d: d.put("<HH", d.optional + 40, 4, 0)),
+    ("versions: image version 0.0", lambda d: d.put("<HH", d.optional + 44, 0, 0)),
+    ("versions: subsystem version 10.1", lambda d: d.put("<HH", d.optional + 48, 10, 1)),
+    ("sections: .text is writable and executable",
      lambda d: d.put("<I", d.section_header(b".text") + 36, 0xE0000020)),
+    ("sections: .text is discardable",
+     lambda d: d.put("<I", d.section_header(b".text") + 36, 0x62000020)),
+    ("sections: INIT is not discardable",
+     lambda d: d.put("<I", d.section_header(b"INIT") + 36, 0x60000020)),
+    ("entry point: entry 0x1000 is not in INIT", lambda d: d.put("<I", d.optional + 16, 0x1000)),
+    ("entry point: leads to INIT",
+     lambda d: d.put("<I", d.section_header(b"INIT") + 8, 0x2800)),  # over .rdata
     ("message texts: no resources", lambda d: d.put_directory(check_image.RESOURCES, 0, 0)),
     ("message texts: the text of 0x40060002 differs",
      lambda d: d.replace("driver was loaded".encode("utf-16-le"),
@@ -127,9 +136,10 @@ class ImageTest(unittest.TestCase):
         self.assertEqual(code, 1, output)
         self.assertIn(f"FAILED {expected}", output)
 
-    def test_built_image_passes_every_check(self):
-        code, output = self.check(IMAGE)
-        self.assertEqual(code, 0, output)
+    def test_built_images_pass_every_check(self):
+        for folder in (IMAGE_BUILD, IMAGE_BUILD / "clang"):
+            code, output = self.check(folder / "vorlix.sys", "--objects", folder / "objects")
+            self.assertEqual(code, 0, output)
         names = [line.split(":")[0] for line in output.splitlines()]
         self.assertEqual(names, list(check_image.CHECKS))
 
