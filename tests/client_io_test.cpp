@@ -157,6 +157,7 @@ TEST_P(ClientIo, NormalReadsAreServedFromProxyReads) {
           Io read;
           EXPECT_EQ(StartRead(world->Client, &read, c.Asked), STATUS_PENDING);
           EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Length, c.Issued);
+          EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).Minor, 0);
           EXPECT_EQ(LowerLast(lower, IRP_MJ_READ).FsContext, &lower->OpenContext);
           ULONG buffered =
               GetParam() == DO_BUFFERED_IO ? IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER : 0;

@@ -5,6 +5,7 @@
 #include "controller/messages.h"
 #include "controller/port_mode.h"
 #include "driver/event_log.h"
+#include "platform/model/irql.h"
 #include "tests/support/world.h"
 
 struct Controller : testing::TestWithParam<ULONG> {
@@ -59,6 +60,8 @@ TEST_P(Controller, CommandsAreAnsweredWithTheirTag) {
   Run([](World *world) {
     GoNormal(world);
     ULONG_PTR information = 0;
+    LARGE_INTEGER before, after;
+    KeQuerySystemTime(&before);
     for (ULONG tag : {0u, 7u, 0xFFFFFFFFu}) {
       EXPECT_EQ(SendCommand(world, COMMAND_GET_MODE, tag, 0, &information), STATUS_SUCCESS);
       EXPECT_EQ(information, 24u);
@@ -67,6 +70,9 @@ TEST_P(Controller, CommandsAreAnsweredWithTheirTag) {
       EXPECT_EQ(reply.Header.Length, 28u);
       EXPECT_EQ(reply.Header.Tag, tag);
       EXPECT_EQ(reply.Header.Code, 0u);
+      KeQuerySystemTime(&after);
+      EXPECT_GE(reply.Header.Timestamp, static_cast<ULONGLONG>(before.QuadPart));
+      EXPECT_LE(reply.Header.Timestamp, static_cast<ULONGLONG>(after.QuadPart));
       EXPECT_EQ(reply.Value(), static_cast<ULONG>(MODE_NORMAL));
     }
     EXPECT_EQ(SendCommand(world, COMMAND_SET_LEVEL, 1, 3, &information), STATUS_SUCCESS);
@@ -231,10 +237,16 @@ TEST_P(Controller, MessagesByLevel) {
     ASSERT_EQ(SendCommand(world, COMMAND_UNLOCK_STREAM), STATUS_SUCCESS);
     EXPECT_EQ(NextFrame(world).MessageText(), "ZK unlockstream on \\DosDevices\\VORLIX_COM3\n");
     NextFrame(world);
-    Io write;
-    StartWrite(world->Client, &write, "w");
-    EXPECT_EQ(NextFrame(world).MessageText(), "Client write to \\DosDevices\\VORLIX_COM3\n");
-    EXPECT_EQ(NextFrame(world).Payload, "w");
+    for (KIRQL level : {PASSIVE_LEVEL, DISPATCH_LEVEL}) {
+      OwnPacket write;
+      write.Bytes = "w";
+      KIRQL irql = IrqlRaise(level);
+      OwnSend(WorldPort(world)->Header.Device, IRP_MJ_WRITE, &write);
+      IrqlLower(irql);
+      EXPECT_EQ(OwnWait(&write), STATUS_SUCCESS);
+      EXPECT_EQ(NextFrame(world).MessageText(), "Client write to \\DosDevices\\VORLIX_COM3\n");
+      EXPECT_EQ(NextFrame(world).Payload, "w");
+    }
     ASSERT_EQ(SendCommand(world, COMMAND_SET_MODE, 0, MODE_NORMAL), STATUS_SUCCESS);
     EXPECT_EQ(NextFrame(world).MessageText(), "ZK setmode NORMAL on \\DosDevices\\VORLIX_COM3\n");
     NextFrame(world);

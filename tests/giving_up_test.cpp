@@ -65,6 +65,13 @@ TEST(GivingUpRaces, AWithdrawnQueryAgainstTheNextRequest) {
         EXPECT_TRUE(i >= parked && i < 2 ? true : FileWait(&writes[i]) == STATUS_SUCCESS);
       }
       EXPECT_EQ(LowerWritten(&world->Lower), expected);
+      // The port hears that it stays before it has to serve anybody.
+      for (const LowerSeen &seen : world->Lower.Seen) {
+        if (seen.Major == IRP_MJ_WRITE || seen.Minor == IRP_MN_CANCEL_REMOVE_DEVICE) {
+          EXPECT_NE(seen.Major, IRP_MJ_WRITE);
+          break;
+        }
+      }
     });
   }
 }
