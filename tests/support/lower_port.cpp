@@ -120,7 +120,8 @@ static NTSTATUS Complete(LowerPort *Port, PIRP Irp, NTSTATUS Status, const std::
       Status = STATUS_INSUFFICIENT_RESOURCES;
       information = 0;
     }
-    if (Port->ClaimedRead != 0 && Status != STATUS_CANCELLED) {
+    if (Port->ClaimedRead != 0 && Status != STATUS_CANCELLED &&
+        Status != STATUS_INSUFFICIENT_RESOURCES) {
       information = Port->ClaimedRead;
     }
   } else if (stack->MajorFunction == IRP_MJ_WRITE && NT_SUCCESS(Status)) {

@@ -52,7 +52,7 @@ struct LowerPort {
   // Completes all but Plug and Play at DISPATCH_LEVEL, and what it held in a thread of its own, for
   // which a caller at PASSIVE_LEVEL waits.
   bool ByDpc = LowersByDpc;
-  ULONG_PTR ClaimedRead = 0;  // when not 0, the Information of reads that are not cancelled
+  ULONG_PTR ClaimedRead = 0;  // when not 0, the Information of reads that the port ends itself
 
   std::mutex Mutex;  // of these; never held across a call into the kernel
   std::vector<LowerSeen> Seen;

@@ -351,7 +351,7 @@ void GoNormal(World *World, bool WithClient) {
 }
 
 // When calls fail, somebody may leave a request behind, or use it again, that had not to wait.
-// What was cancelled or refused has brought nothing.
+// What was cancelled, refused or got no memory has brought nothing.
 static void GiveUp(Io *Io) {
   bool sent = std::exchange(Io->Sent, false);
   if (Failing() && sent) {
@@ -359,8 +359,9 @@ static void GiveUp(Io *Io) {
     FileWait(Io);
   }
   if (sent && FileDone(Io) &&
-      (Io->Iosb.Status == STATUS_CANCELLED || Io->Iosb.Status == STATUS_DELETE_PENDING)) {
-    Must(Io->Iosb.Information == 0, "no bytes of a request that was cancelled or refused");
+      (Io->Iosb.Status == STATUS_CANCELLED || Io->Iosb.Status == STATUS_DELETE_PENDING ||
+       Io->Iosb.Status == STATUS_INSUFFICIENT_RESOURCES)) {
+    Must(Io->Iosb.Information == 0, "no bytes of a request that came to nothing");
   }
 }
 
