@@ -21,11 +21,11 @@ void VxLog(const char *Format, ...);
 // The first expectation that fails is kept for the line that tells of the scenario.
 void VxExpect(bool Holds, const char *What, const char *File, int Line, ULONG Value);
 #define EXPECT(condition) VxExpect(condition, #condition, __FILE_NAME__, __LINE__, 0)
-#define EXPECT_STATUS(status, expected)                                                       \
-  do {                                                                                        \
-    NTSTATUS is = (status);                                                                   \
-    VxExpect(is == (expected), #status " is " #expected, __FILE_NAME__, __LINE__,             \
-             static_cast<ULONG>(is));                                                         \
+#define EXPECT_STATUS(status, expected)                                           \
+  do {                                                                            \
+    NTSTATUS is = (status);                                                       \
+    VxExpect(is == (expected), #status " is " #expected, __FILE_NAME__, __LINE__, \
+             static_cast<ULONG>(is));                                             \
   } while (0)
 bool VxFailed();
 
