@@ -121,15 +121,19 @@ static NTSTATUS Hold(VxPort *Port, PIRP Irp, BOOLEAN Cancellable) {
   return STATUS_PENDING;
 }
 
-// Takes the oldest held request of a major function, or null; Any takes the oldest of all.
-static PIRP TakeHeld(VxPort *Port, UCHAR Major, BOOLEAN Any) {
+constexpr UCHAR ANY = 0xFF;
+
+// Takes the oldest held request of a major function, and of a file when one is given, or null.
+static PIRP TakeHeld(VxPort *Port, UCHAR Major, PFILE_OBJECT File = nullptr) {
   PIRP taken = nullptr;
   KIRQL irql;
   IoAcquireCancelSpinLock(&irql);
   for (PLIST_ENTRY link = Port->Held.Flink; link != &Port->Held && taken == nullptr;
        link = link->Flink) {
     PIRP irp = CONTAINING_RECORD(link, IRP, Tail.Overlay.ListEntry);
-    if (Any || IoGetCurrentIrpStackLocation(irp)->MajorFunction == Major) {
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    if ((Major == ANY || stack->MajorFunction == Major) &&
+        (File == nullptr || stack->FileObject == File)) {
       RemoveEntryList(link);
       IoSetCancelRoutine(irp, nullptr);
       taken = irp;
@@ -137,6 +141,14 @@ static PIRP TakeHeld(VxPort *Port, UCHAR Major, BOOLEAN Any) {
   }
   IoReleaseCancelSpinLock(irql);
   return taken;
+}
+
+static void EndHeld(VxPort *Port, PFILE_OBJECT File, NTSTATUS Status) {
+  while (PIRP irp = TakeHeld(Port, ANY, File)) {
+    irp->IoStatus.Status = Status;
+    irp->IoStatus.Information = 0;
+    End(irp);
+  }
 }
 
 ULONG VxPortHeld(VxPort *Port, UCHAR Major) {
@@ -199,7 +211,7 @@ NTSTATUS VxPortFeed(VxPort *Port, const UCHAR *Bytes, ULONG Count) {
   if (!Append(Port, Port->Fed, Bytes, Count)) {
     return STATUS_BUFFER_OVERFLOW;
   }
-  while (PIRP irp = TakeHeld(Port, IRP_MJ_READ, FALSE)) {
+  while (PIRP irp = TakeHeld(Port, IRP_MJ_READ)) {
     if (!Serve(Port, irp)) {
       // Taken by another read meanwhile. It was marked before.
       Hold(Port, irp, static_cast<BOOLEAN>(Port->How[IRP_MJ_READ] != VX_DEAF));
@@ -215,7 +227,7 @@ ULONG VxPortTake(VxPort *Port, UCHAR *Bytes, ULONG Room) {
 }
 
 NTSTATUS VxPortFinish(VxPort *Port, UCHAR Major, NTSTATUS Status) {
-  PIRP irp = TakeHeld(Port, Major, FALSE);
+  PIRP irp = TakeHeld(Port, Major);
   if (irp == nullptr) {
     return STATUS_NOT_FOUND;
   }
@@ -264,6 +276,9 @@ NTSTATUS VxPortRequestDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
   switch (stack->MajorFunction) {
   case IRP_MJ_CREATE:
     stack->FileObject->FsContext = &OpenContext;
+    break;
+  case IRP_MJ_CLEANUP:
+    EndHeld(port, stack->FileObject, STATUS_CANCELLED);
     break;
   case IRP_MJ_READ:
   case IRP_MJ_WRITE:
@@ -345,11 +360,7 @@ static void GiveUp(VxExtension *Extension) {
   IoAcquireCancelSpinLock(&irql);
   Extension->Gone = TRUE;
   IoReleaseCancelSpinLock(irql);
-  while (PIRP irp = TakeHeld(Extension->Port, 0, TRUE)) {
-    irp->IoStatus.Status = STATUS_DELETE_PENDING;
-    irp->IoStatus.Information = 0;
-    End(irp);
-  }
+  EndHeld(Extension->Port, nullptr, STATUS_DELETE_PENDING);
 }
 
 static NTSTATUS RemovePort(PDEVICE_OBJECT Device, PIRP Irp) {

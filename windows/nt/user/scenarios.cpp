@@ -199,7 +199,12 @@ static void PlayCancels(Stage *Stage) {
       EXPECT_STATUS(VxWait(&read), STATUS_CANCELLED);
       VxClose(&read.Event);
     }
-    EXPECT_STATUS(VxWait(&write), STATUS_CANCELLED);
+    // Beside ZK the port does not hear of the client's end: its write stays there until it is done.
+    bool stays = round == 3;
+    if (stays) {
+      EXPECT_STATUS(StageAsk(Stage, IOCTL_VX_FINISH, IRP_MJ_WRITE), STATUS_SUCCESS);
+    }
+    EXPECT_STATUS(VxWait(&write), stays ? STATUS_SUCCESS : STATUS_CANCELLED);
     VxClose(&write.Event);
     VxClose(&Stage->Client);
     VxClose(&Stage->Zk);
