@@ -52,6 +52,7 @@ TEST(Pnp, TheControlDeviceIsARawChild) {
 
     DEVICE_CAPABILITIES capabilities = {};
     capabilities.UniqueID = 1;
+    capabilities.D1Latency = capabilities.D2Latency = capabilities.D3Latency = 5;
     capabilities.Address = 77;
     EXPECT_EQ(SendPacket(control, IRP_MJ_PNP, IRP_MN_QUERY_CAPABILITIES,
                          [&](PIO_STACK_LOCATION stack) {
@@ -62,6 +63,7 @@ TEST(Pnp, TheControlDeviceIsARawChild) {
     EXPECT_TRUE(capabilities.RawDeviceOK && capabilities.SilentInstall &&
                 capabilities.SurpriseRemovalOK && !capabilities.UniqueID);
     EXPECT_EQ(capabilities.Address, 77u);
+    EXPECT_EQ(capabilities.D1Latency + capabilities.D2Latency + capabilities.D3Latency, 0u);
     EXPECT_EQ(capabilities.SystemWake, PowerSystemSleeping3);  // what the bus says of the port
     EXPECT_EQ(capabilities.DeviceWake, PowerDeviceD2);
   });
@@ -419,8 +421,19 @@ TEST(Pnp, ParkedRequestsGoOnAfterACancelledQuery) {
     EXPECT_EQ(port->RequestCount, 1);
     CloseClient(world);
     CloseZk(world);
+    // The port hears of the stop when nothing is on its way there any more.
+    world->Lower.How[IRP_MJ_FLUSH_BUFFERS] = Behaviour::Pend;
+    OwnPacket flush;
+    EXPECT_EQ(OwnSend(port->Header.Device, IRP_MJ_FLUSH_BUFFERS, &flush), STATUS_PENDING);
     EXPECT_EQ(PnpQueryStop(world->Node), STATUS_SUCCESS);
-    EXPECT_EQ(PnpStop(world->Node), STATUS_SUCCESS);
+    PKTHREAD stopper =
+        ThreadStart("stop", [=] { EXPECT_EQ(PnpStop(world->Node), STATUS_SUCCESS); });
+    ThreadSettle();
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_STOP_DEVICE), 0u);
+    EXPECT_TRUE(LowerFinish(&world->Lower, IRP_MJ_FLUSH_BUFFERS));
+    EXPECT_EQ(OwnWait(&flush), STATUS_SUCCESS);
+    ThreadJoin(stopper);
+    EXPECT_EQ(LowerCount(&world->Lower, IRP_MJ_PNP, IRP_MN_STOP_DEVICE), 1u);
     EXPECT_EQ(PnpStart(world->Node), STATUS_SUCCESS);
     EXPECT_EQ(OpenClient(world), STATUS_SUCCESS);
   });
