@@ -12,7 +12,7 @@ constexpr uint32_t VxPortCode(uint32_t Function) {
 }
 
 enum : uint32_t {
-  IOCTL_VX_PLUG = VxPortCode(0),    // Value: VX_DIRECT or 0
+  IOCTL_VX_PLUG = VxPortCode(0),    // Value: VX_DIRECT or 0; busy until the last life is over
   IOCTL_VX_UNPLUG = VxPortCode(1),  // by surprise
   IOCTL_VX_EJECT = VxPortCode(2),   // in order: asked first, refused by open handles
   IOCTL_VX_BEHAVE = VxPortCode(3),  // Major, How, Value: the status

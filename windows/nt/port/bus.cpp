@@ -181,6 +181,9 @@ static void Reported() {
 static NTSTATUS Act(ULONG Code, VxPort *Port, const VxPortRequest *Request) {
   switch (Code) {
   case IOCTL_VX_PLUG:
+    if (Port->Child != nullptr && !Port->Present) {
+      return STATUS_DEVICE_BUSY;  // still on its way out
+    }
     Port->Flags = Request->Value;
     if (Port->Child == nullptr) {
       Port->Child = MakeChild(Port, Request->Port);

@@ -17,6 +17,7 @@ DECLSPEC_IMPORT NTSTATUS NTAPI NtDelayExecution(BOOLEAN Alertable, PLARGE_INTEGE
 DECLSPEC_IMPORT NTSTATUS NTAPI NtTerminateThread(HANDLE ThreadHandle, NTSTATUS ExitStatus);
 DECLSPEC_IMPORT NTSTATUS NTAPI NtQuerySystemInformation(ULONG Class, PVOID Information,
                                                         ULONG Length, PULONG ReturnLength);
+DECLSPEC_IMPORT NTSTATUS NTAPI NtQuerySystemTime(PLARGE_INTEGER Time);
 DECLSPEC_IMPORT NTSTATUS NTAPI NtShutdownSystem(ULONG Action);
 DECLSPEC_IMPORT NTSTATUS NTAPI RtlAdjustPrivilege(ULONG Privilege, BOOLEAN Enable,
                                                   BOOLEAN OfThisThread, PBOOLEAN Was);

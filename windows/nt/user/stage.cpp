@@ -87,7 +87,12 @@ void StagePlug(Stage *Stage, ULONG Port, ULONG Flags) {
   Stage->Port = Port;
   Stage->Bus = VxOpen(VXPORT_DEVICE, &status);
   EXPECT_STATUS(status, STATUS_SUCCESS);
-  EXPECT_STATUS(StageAsk(Stage, IOCTL_VX_PLUG, 0, 0, Flags), STATUS_SUCCESS);
+  status = STATUS_DEVICE_BUSY;
+  for (ULONG round = 0; round < ROUNDS && status == STATUS_DEVICE_BUSY; ++round) {
+    VxSleep(round != 0 ? 20 : 0);
+    status = StageAsk(Stage, IOCTL_VX_PLUG, 0, 0, Flags);
+  }
+  EXPECT_STATUS(status, STATUS_SUCCESS);
   EXPECT(AwaitControlDevice(Stage, true));
 }
 
