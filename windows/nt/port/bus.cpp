@@ -13,11 +13,7 @@ static PDEVICE_OBJECT MakeChild(VxPort *Port, ULONG Number) {
                                  &child))) {
     return nullptr;
   }
-  VxExtension *extension = ExtensionOf(child);
-  RtlZeroMemory(extension, sizeof(*extension));
-  extension->Kind = VX_KIND_CHILD;
-  extension->Port = Port;
-  extension->Number = Number;
+  VxFillExtension(child, VX_KIND_CHILD, Port, Number);
   child->Flags |= DO_POWER_PAGABLE;
   child->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
   return child;
@@ -161,9 +157,7 @@ static NTSTATUS AddDevice(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Physical) {
   if (!NT_SUCCESS(status)) {
     return status;
   }
-  VxExtension *extension = ExtensionOf(Bus);
-  RtlZeroMemory(extension, sizeof(*extension));
-  extension->Kind = VX_KIND_BUS;
+  VxExtension *extension = VxFillExtension(Bus, VX_KIND_BUS, nullptr, 0);
   extension->Physical = Physical;
   extension->Lower = IoAttachDeviceToDeviceStack(Bus, Physical);
   Bus->Flags |= DO_POWER_PAGABLE;
@@ -316,7 +310,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
   NTSTATUS status = IoCreateDevice(DriverObject, sizeof(VxExtension), &name, FILE_DEVICE_UNKNOWN,
                                    FILE_DEVICE_SECURE_OPEN, FALSE, &Control);
   if (NT_SUCCESS(status)) {
-    ExtensionOf(Control)->Kind = VX_KIND_CONTROL;
+    VxFillExtension(Control, VX_KIND_CONTROL, nullptr, 0);
     Control->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
   }
   return status;

@@ -5,6 +5,14 @@ VxPort VxPorts[VX_PORTS];
 // What an open leaves in its file object; reads and writes have to bring it.
 static ULONG OpenContext;
 
+VxExtension *VxFillExtension(PDEVICE_OBJECT Device, VxKind Kind, VxPort *Port, ULONG Number) {
+  VxExtension *extension = ExtensionOf(Device);
+  extension->Kind = Kind;
+  extension->Port = Port;
+  extension->Number = Number;
+  return extension;
+}
+
 NTSTATUS VxComplete(PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
   Irp->IoStatus.Status = Status;
   Irp->IoStatus.Information = Information;
@@ -207,18 +215,38 @@ static BOOLEAN Serve(VxPort *Port, PIRP Irp) {
   return static_cast<BOOLEAN>(count != 0 || room == 0 || buffer == nullptr);
 }
 
+static NTSTATUS HoldRead(VxPort *Port, PIRP Irp) {
+  return Hold(Port, Irp, static_cast<BOOLEAN>(Port->How[IRP_MJ_READ] != VX_DEAF));
+}
+
+static bool HasBytes(VxPort *Port) {
+  KIRQL irql = KeAcquireSpinLockRaiseToDpc(&Port->Lock);
+  bool has = Port->Fed->Count != 0;
+  KeReleaseSpinLock(&Port->Lock, irql);
+  return has;
+}
+
+// As long as there are bytes and reads for them: whoever brings the one looks for the other
+// afterwards. A read that another one was faster than is held again.
+static void ServeHeld(VxPort *Port) {
+  while (HasBytes(Port)) {
+    PIRP irp = TakeHeld(Port, IRP_MJ_READ);
+    if (irp == nullptr) {
+      return;
+    }
+    if (Serve(Port, irp)) {
+      EndAsTold(Port, irp, TRUE);
+    } else {
+      HoldRead(Port, irp);
+    }
+  }
+}
+
 NTSTATUS VxPortFeed(VxPort *Port, const UCHAR *Bytes, ULONG Count) {
   if (!Append(Port, Port->Fed, Bytes, Count)) {
     return STATUS_BUFFER_OVERFLOW;
   }
-  while (PIRP irp = TakeHeld(Port, IRP_MJ_READ)) {
-    if (!Serve(Port, irp)) {
-      // Taken by another read meanwhile. It was marked before.
-      Hold(Port, irp, static_cast<BOOLEAN>(Port->How[IRP_MJ_READ] != VX_DEAF));
-      break;
-    }
-    EndAsTold(Port, irp, TRUE);
-  }
+  ServeHeld(Port);
   return STATUS_SUCCESS;
 }
 
@@ -242,14 +270,15 @@ NTSTATUS VxPortFinish(VxPort *Port, UCHAR Major, NTSTATUS Status) {
 // ---- Requests ------------------------------------------------------------------------------
 
 static NTSTATUS ReadPort(VxPort *Port, PIRP Irp) {
-  if (Port->Status[IRP_MJ_READ] == STATUS_SUCCESS && !Serve(Port, Irp)) {
-    NTSTATUS status = Hold(Port, Irp, static_cast<BOOLEAN>(Port->How[IRP_MJ_READ] != VX_DEAF));
-    return status;
+  if (Port->Status[IRP_MJ_READ] != STATUS_SUCCESS || Serve(Port, Irp)) {
+    return EndAsTold(Port, Irp, FALSE);
   }
-  return EndAsTold(Port, Irp, FALSE);
+  NTSTATUS status = HoldRead(Port, Irp);
+  ServeHeld(Port);
+  return status;
 }
 
-static NTSTATUS WritePort(VxPort *Port, PIRP Irp) {
+static void TakeWrite(VxPort *Port, PIRP Irp) {
   ULONG count = IoGetCurrentIrpStackLocation(Irp)->Parameters.Write.Length;
   PUCHAR buffer = count != 0 ? BufferOf(Irp) : nullptr;
   if (buffer != nullptr && !Append(Port, Port->Written, buffer, count)) {
@@ -257,9 +286,13 @@ static NTSTATUS WritePort(VxPort *Port, PIRP Irp) {
   } else if (Irp->IoStatus.Status == STATUS_SUCCESS) {
     Irp->IoStatus.Information = count;
   }
-  ULONG how = Port->How[IRP_MJ_WRITE];
-  return how >= VX_HOLD ? Hold(Port, Irp, static_cast<BOOLEAN>(how == VX_HOLD))
-                        : EndAsTold(Port, Irp, FALSE);
+}
+
+// A request of a driver's own may have no file; one that has one brings our open's context.
+static void CheckContext(PFILE_OBJECT File) {
+  if (File != nullptr && File->FsContext != &OpenContext) {
+    DbgPrint("VX: breach context: a request without the port's own context\n");
+  }
 }
 
 NTSTATUS VxPortRequestDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
@@ -281,12 +314,12 @@ NTSTATUS VxPortRequestDispatch(PDEVICE_OBJECT Device, PIRP Irp) {
     EndHeld(port, stack->FileObject, STATUS_CANCELLED);
     break;
   case IRP_MJ_READ:
+    CheckContext(stack->FileObject);
+    return ReadPort(port, Irp);
   case IRP_MJ_WRITE:
-    // A request of a driver's own may have no file; one that has one brings our open's context.
-    if (stack->FileObject != nullptr && stack->FileObject->FsContext != &OpenContext) {
-      DbgPrint("VX: breach context: a request without the port's own context\n");
-    }
-    return stack->MajorFunction == IRP_MJ_READ ? ReadPort(port, Irp) : WritePort(port, Irp);
+    CheckContext(stack->FileObject);
+    TakeWrite(port, Irp);
+    break;
   default:
     break;
   }
@@ -324,19 +357,13 @@ NTSTATUS VxPortAdd(PDRIVER_OBJECT Driver, PDEVICE_OBJECT Child, VxPort *Port, UL
   if (!NT_SUCCESS(status)) {
     return status;
   }
-  VxExtension *extension = ExtensionOf(device);
-  RtlZeroMemory(extension, sizeof(*extension));
-  extension->Kind = VX_KIND_PORT;
-  extension->Port = Port;
-  extension->Number = Number;
-  extension->Physical = Child;
+  VxExtension *extension = VxFillExtension(device, VX_KIND_PORT, Port, Number);
   IoInitializeRemoveLock(&extension->RemoveLock, VX_TAG, 0, 0);
   device->Flags |= (Port->Flags & VX_DIRECT) != 0 ? DO_DIRECT_IO : DO_BUFFERED_IO;
   device->Flags |= DO_POWER_PAGABLE;
   RtlZeroMemory(Port->Seen, sizeof(Port->Seen));
   Port->Fed->Count = 0;
   Port->Written->Count = 0;
-  Port->Device = device;
   extension->Lower = IoAttachDeviceToDeviceStack(device, Child);
   device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
   return STATUS_SUCCESS;
@@ -372,7 +399,6 @@ static NTSTATUS RemovePort(PDEVICE_OBJECT Device, PIRP Irp) {
   IoSkipCurrentIrpStackLocation(Irp);
   NTSTATUS status = IofCallDriver(extension->Lower, Irp);
   IoDetachDevice(extension->Lower);
-  extension->Port->Device = nullptr;
   IoDeleteDevice(Device);
   return status;
 }

@@ -11,20 +11,19 @@ struct VxBytes {
   UCHAR Bytes[VX_BUFFER_BYTES];
 };
 
-// What outlives the port's devices. All but the lists under Lock.
+// What outlives the port's devices. How it behaves is changed between requests.
 struct VxPort {
   KSPIN_LOCK Lock;
   ULONG How[IRP_MJ_MAXIMUM_FUNCTION + 1];
   NTSTATUS Status[IRP_MJ_MAXIMUM_FUNCTION + 1];
   ULONG Seen[IRP_MJ_MAXIMUM_FUNCTION + 1];
-  ULONG Flags;            // VX_DIRECT
-  BOOLEAN Present;        // reported by the bus
-  PDEVICE_OBJECT Child;   // the bus's device for it
-  PDEVICE_OBJECT Device;  // the port's own, from AddDevice to its removal
-  LIST_ENTRY Held;        // under the cancel spin lock
-  LIST_ENTRY Ending;      // for the DPC; under Lock
+  ULONG Flags;           // VX_DIRECT
+  BOOLEAN Present;       // reported by the bus
+  PDEVICE_OBJECT Child;  // the bus's device for it
+  LIST_ENTRY Held;       // under the cancel spin lock
+  LIST_ENTRY Ending;     // for the DPC; under Lock
   KDPC Dpc;
-  VxBytes *Fed;
+  VxBytes *Fed;  // under Lock, and Written
   VxBytes *Written;
 };
 
@@ -37,7 +36,7 @@ struct VxExtension {
   VxPort *Port;  // of a child and of a port
   ULONG Number;
   PDEVICE_OBJECT Lower;
-  PDEVICE_OBJECT Physical;
+  PDEVICE_OBJECT Physical;  // of the bus
   IO_REMOVE_LOCK RemoveLock;
   BOOLEAN Gone;  // of a port: surprised or removed, nothing is held any more
 };
@@ -47,6 +46,9 @@ inline VxExtension *ExtensionOf(PDEVICE_OBJECT Device) {
 }
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+
+// Of a new device; the system has cleared its extension.
+VxExtension *VxFillExtension(PDEVICE_OBJECT Device, VxKind Kind, VxPort *Port, ULONG Number);
 
 // Ends a request that came to a device of ours.
 NTSTATUS VxComplete(PIRP Irp, NTSTATUS Status, ULONG_PTR Information = 0);
