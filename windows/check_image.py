@@ -169,12 +169,11 @@ def check_imports(image, options):
     return f"{len(names)} names, all of {KERNEL}"
 
 
-def check_relocations(image, _):
-    require(not image.characteristics & RELOCATIONS_STRIPPED, "relocations are stripped")
+def relocated(image):
+    """The addresses of all words that hold an address."""
     address, size = image.directory(RELOCATIONS)
     require(size, "no relocations")
     end = address + size
-    count = 0
     while address < end:
         page, length = image.unpack("<II", address)
         require(length >= 8 and address + length <= end, f"bad block at {address:#x}")
@@ -182,8 +181,14 @@ def check_relocations(image, _):
             kind = entry >> 12
             require(kind in (0, 10), f"relocation of kind {kind}")
             require(kind == 0 or image.section_at(page + (entry & 0xFFF)), "outside the image")
-            count += kind == 10
+            if kind == 10:
+                yield page + (entry & 0xFFF)
         address += length
+
+
+def check_relocations(image, _):
+    require(not image.characteristics & RELOCATIONS_STRIPPED, "relocations are stripped")
+    count = len(list(relocated(image)))
     require(image.flags & DYNAMIC_BASE, "dynamic base is not set")
     require(image.flags & NX_COMPATIBLE, "no-execute compatibility is not set")
     return f"{count}, dynamic base, no-execute"
@@ -226,6 +231,10 @@ def check_entry(image, options):
     for line in listing.splitlines():
         for found in re.findall(r"\b0?x?([0-9a-f]{9,16})\b", line.partition(":")[2]):
             require(not section.holds(int(found, 16) - image.base), f"leads to INIT: {line}")
+    for address in relocated(image):
+        (found,) = image.unpack("<Q", address)
+        require(section.holds(address) or not section.holds(found - image.base),
+                f"leads to INIT: the word at {address:#x}")
     return f"{image.entry:#x} in INIT, to which nothing else leads"
 
 

@@ -61,6 +61,11 @@ def swap_functions(damage):
     damage.data[at : at + 24] = second + first
 
 
+def point_at_entry(damage):
+    image = damage.image
+    damage.put("<Q", image.offset(next(check_image.relocated(image))), image.base + image.entry)
+
+
 def drop_last_message_block(damage):
     """The last run of codes, from 0xC006000B on; the resource is otherwise whole."""
     table = check_image.resource(damage.image, check_image.RESOURCE_MESSAGES)
@@ -109,6 +114,7 @@ DAMAGES = [
     ("entry point: entry 0x1000 is not in INIT", lambda d: d.put("<I", d.optional + 16, 0x1000)),
     ("entry point: leads to INIT",
      lambda d: d.put("<I", d.section_header(b"INIT") + 8, 0x2800)),  # over .rdata
+    ("entry point: leads to INIT: the word", point_at_entry),
     ("message texts: no resources", lambda d: d.put_directory(check_image.RESOURCES, 0, 0)),
     ("message texts: the text of 0x40060002 differs",
      lambda d: d.replace("driver was loaded".encode("utf-16-le"),
