@@ -5,4 +5,5 @@
 
 #include "platform/kernel.h"
 
+// Called by the driver's entry, with which it is dropped.
 void InstallDispatchTable(PDRIVER_OBJECT DriverObject);

@@ -31,7 +31,8 @@ struct TraceRing {
 
 extern TraceRing Trace;
 
-// Called once, before any other trace call. Without memory tracing stays off, silently.
+// Called once, by the driver's entry, with which it is dropped, and before any other trace call.
+// Without memory tracing stays off, silently.
 void TraceInit();
 
 // Called last in the driver's life.

@@ -25,7 +25,7 @@ MIRRORS = [("ClientPipe", "ZkPipe"), ("ClientSlot", "ZkSlot"), ("ClientRequests"
            ("CurrentReader", "CurrentWriter"), ("ReaderQueue", "WriterQueue"),
            ("PROXY_CLIENT_CLASS", "PROXY_ZK_CLASS"), ("Flink", "Blink"),
            ("RemoveHeadList", "RemoveTailList"), ("InsertTailList", "InsertHeadList"),
-           ("NonPagedPoolNx", "PagedPool"), ("NotificationEvent", "SynchronizationEvent"),
+           ("NotificationEvent", "SynchronizationEvent"),
            ("InterlockedIncrement", "InterlockedDecrement"), ("TRUE", "FALSE"),
            ("HoldPort", "ReleasePort"), ("HeaderLength", "DataLength"),
            ("ControlDevice", "MessageDevice"), ("HardwareIds", "CompatibleIds"),
@@ -36,7 +36,7 @@ MIRRORS = [("ClientPipe", "ZkPipe"), ("ClientSlot", "ZkSlot"), ("ClientRequests"
            ("WaitAny", "WaitAll"), ("CompleteRefused", "CompleteAdmitted"), ("Set", "Clear"),
            ("FinishDevice", "FinishRequest")]
 MIRROR = {a: b for pair in MIRRORS for a, b in (pair, pair[::-1])}
-del MIRROR["PagedPool"]  # resident memory serves wherever other memory does
+MIRROR["NonPagedPoolNx"] = "PagedPool"  # the other way round nothing can go wrong
 SIBLING_LOCKS = {"ClientLock": "PortLock", "PortLock": "AdmissionLock", "AdmissionLock": "PortLock"}
 # Without any effect of their own.
 PURE = {"PortOf", "HeaderOf", "IoGetCurrentIrpStackLocation", "IoGetNextIrpStackLocation", "if",

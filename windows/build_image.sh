@@ -31,7 +31,8 @@ library=$($target-g++ -print-file-name=include/c++)
 cache=$(command -v ccache || true)
 
 language="-std=gnu++20 -O2 -g -ffreestanding -fno-exceptions -fno-rtti -fno-stack-protector
-  -fasynchronous-unwind-tables -fno-threadsafe-statics -fno-use-cxa-atexit -mno-red-zone -mno-stack-arg-probe -I."
+  -fasynchronous-unwind-tables -fno-threadsafe-statics -fno-use-cxa-atexit -mno-red-zone
+  -mno-stack-arg-probe -I."
 # A kernel stack is small, and nothing probes it here.
 warnings="-Wall -Wextra -Werror -Wshadow -Wundef -Wvla -Wformat=2 -Wmissing-declarations
   -Wimplicit-fallthrough -Wconversion -Wframe-larger-than=1024"
@@ -59,29 +60,30 @@ link() {
     "$@" "$objects"/*.o "$build"/*.res.o -lntoskrnl
 }
 
-# Compiles by the given compiler and links in the given directory; a second time for the image
-# without debug information, because strip would put the time of day into it.
+# make_image COMPILER DIR SOURCE...   Linked a second time for the image without debug information,
+# because strip would put the time of day into it.
 make_image() {
   compiler=$1
-  objects=$2/objects
+  place=$2
+  objects=$place/objects
+  shift 2
   rm -rf "$objects"
   mkdir -p "$objects"
   export compiler objects
   # shellcheck disable=SC2016
-  printf '%s\0' $sources platform/windows/*.cpp | xargs -0 -n 1 -P 2 sh -euc '
+  printf '%s\0' "$@" platform/windows/*.cpp | xargs -0 -n 1 -P 2 sh -euc '
     object=$(printf %s "${1%.cpp}.o" | tr / _)
     $compiler -c "$1" -o "$objects/$object"
   ' compile
-  link -o "$2/unstripped.sys"
-  $target-objcopy --only-keep-debug "$2/unstripped.sys" "$2/vorlix.sys.debug"
-  link -s -o "$2/vorlix.sys"
-  python3 windows/finish_image.py "$2/vorlix.sys"
+  link -o "$place/unstripped.sys"
+  $target-objcopy --only-keep-debug "$place/unstripped.sys" "$place/vorlix.sys.debug"
+  link -s -o "$place/vorlix.sys"
+  python3 windows/finish_image.py "$place/vorlix.sys"
   if [ "$check" ]; then
-    python3 windows/check_image.py "$2/vorlix.sys" --objects "$objects"
+    python3 windows/check_image.py "$place/vorlix.sys" --objects "$objects"
   fi
 }
 
-sources=$*
-make_image "$gcc" "$build"
+make_image "$gcc" "$build" "$@"
 echo "the same by clang:"
-make_image "$clang" "$build/clang"
+make_image "$clang" "$build/clang" "$@"

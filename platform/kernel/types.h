@@ -8,7 +8,7 @@
 #define FASTCALL
 #define NTKERNELAPI extern "C"
 #define FORCEINLINE inline
-#define INIT_CODE  // stays
+#define INIT_CODE  // nothing is dropped here
 #define VOID void
 #define CONST const
 #define DECLSPEC_NORETURN [[noreturn]]

@@ -352,7 +352,7 @@ void GoNormal(World *World, bool WithClient) {
 
 // When calls fail, somebody may leave a request behind, or use it again, that had not to wait.
 // What was cancelled, refused or got no memory has brought nothing.
-static void GiveUp(Io *Io) {
+static void LetGo(Io *Io) {
   bool sent = std::exchange(Io->Sent, false);
   if (Failing() && sent) {
     FileCancel(Io);
@@ -366,7 +366,7 @@ static void GiveUp(Io *Io) {
 }
 
 Io::~Io() {
-  GiveUp(this);
+  LetGo(this);
 }
 
 std::string Io::Text() const {
@@ -374,7 +374,7 @@ std::string Io::Text() const {
 }
 
 NTSTATUS StartRead(HANDLE Handle, Io *Io, size_t Length) {
-  GiveUp(Io);
+  LetGo(Io);
   Io->Sent = true;
   Io->Major = IRP_MJ_READ;
   Io->Buffer.assign(Length, 0xEE);
@@ -382,7 +382,7 @@ NTSTATUS StartRead(HANDLE Handle, Io *Io, size_t Length) {
 }
 
 NTSTATUS StartWrite(HANDLE Handle, Io *Io, const std::string &Bytes) {
-  GiveUp(Io);
+  LetGo(Io);
   Io->Sent = true;
   Io->Major = IRP_MJ_WRITE;
   Io->Buffer.assign(Bytes.begin(), Bytes.end());
@@ -390,7 +390,7 @@ NTSTATUS StartWrite(HANDLE Handle, Io *Io, const std::string &Bytes) {
 }
 
 NTSTATUS StartControl(HANDLE Handle, Io *Io, ULONG Code, const std::string &Input) {
-  GiveUp(Io);
+  LetGo(Io);
   Io->Sent = true;
   Io->Major = IRP_MJ_DEVICE_CONTROL;
   Io->ControlCode = Code;

@@ -18,10 +18,8 @@ windows/build_image.sh "$build/vorlix" >"$build/vorlix.log" || {
 }
 cp "$build/vorlix/vorlix.sys" "$build/vorlix.sys"
 for driver in port check; do
-  if [ -d windows/nt/$driver ]; then
-    windows/build_image.sh "$build/$driver" windows/nt/$driver/*.cpp >/dev/null
-    cp "$build/$driver/vorlix.sys" "$build/vx$driver.sys"
-  fi
+  windows/build_image.sh "$build/$driver" windows/nt/$driver/*.cpp >/dev/null
+  cp "$build/$driver/vorlix.sys" "$build/vx$driver.sys"
 done
 
 target=x86_64-w64-mingw32

@@ -3,62 +3,67 @@
 #include "windows/nt/user/scenarios.h"
 #include "windows/nt/vxcheck.h"
 
-const char *VxFirstFailure();
-void VxForgetFailures();
-
 // Of the process environment block and what it points to.
 constexpr ULONG PEB_PARAMETERS = 0x20;
 constexpr ULONG PARAMETERS_COMMAND_LINE = 0x70;
 
-// Whether the command line names it, as a word.
-static bool Named(const UNICODE_STRING *Line, const char *Name, bool *Any) {
+// Passes a word of the line; its length, or 0 at the end.
+static ULONG PassWord(const UNICODE_STRING *Line, ULONG *At) {
   ULONG count = Line->Length / sizeof(WCHAR);
-  ULONG at = 0;
-  while (at < count && Line->Buffer[at] != L' ') {
-    ++at;  // the program
+  while (*At < count && Line->Buffer[*At] == L' ') {
+    ++*At;
   }
-  *Any = false;
-  while (at < count) {
-    while (at < count && Line->Buffer[at] == L' ') {
-      ++at;
-    }
-    ULONG matched = 0;
-    bool same = at < count;
-    for (; at < count && Line->Buffer[at] != L' '; ++at) {
-      *Any = true;
-      same = same && Name[matched] != 0 && Line->Buffer[at] == static_cast<WCHAR>(Name[matched]);
-      matched += same ? 1 : 0;
-    }
-    if (same && Name[matched] == 0) {
+  ULONG start = *At;
+  while (*At < count && Line->Buffer[*At] != L' ') {
+    ++*At;
+  }
+  return *At - start;
+}
+
+static bool IsWord(const WCHAR *Word, ULONG Length, const char *Name) {
+  ULONG i = 0;
+  while (i < Length && Word[i] == static_cast<WCHAR>(Name[i]) && Name[i] != 0) {
+    ++i;
+  }
+  return i == Length && Name[i] == 0;
+}
+
+// Behind the program the command line names it, or nothing.
+static bool IsWanted(const UNICODE_STRING *Line, const char *Name) {
+  ULONG at = 0;
+  PassWord(Line, &at);
+  bool named = false;
+  while (ULONG length = PassWord(Line, &at)) {
+    named = true;
+    if (IsWord(Line->Buffer + at - length, length, Name)) {
       return true;
     }
   }
-  return false;
+  return !named;
 }
 
 static void Play(const UNICODE_STRING *Line, const char *Suffix) {
   for (ULONG i = 0; i < ScenarioCount; ++i) {
     const Scenario *scenario = &Scenarios[i];
-    bool any = false;
-    if (!Named(Line, scenario->Name, &any) && any) {
+    if (!IsWanted(Line, scenario->Name)) {
       continue;
     }
     VxLog("scenario %s%s begins", scenario->Name, Suffix);
-    VxForgetFailures();
+    VxForgetFailure();
     scenario->Play();
-    if (VxFailed()) {
-      VxLog("scenario %s%s failed: %s", scenario->Name, Suffix, VxFirstFailure());
+    if (const char *failure = VxFirstFailure()) {
+      VxLog("scenario %s%s failed: %s", scenario->Name, Suffix, failure);
     } else {
       VxLog("scenario %s%s ok", scenario->Name, Suffix);
     }
   }
 }
 
-// Another one every time; it is told.
-static ULONG JoltSeed() {
+// Another one every time.
+static uint32_t JoltSeed() {
   LARGE_INTEGER now;
   NtQuerySystemTime(&now);
-  return now.LowPart / 10'000;
+  return static_cast<uint32_t>(now.LowPart / 10'000);
 }
 
 extern "C" void NtProcessStartup(PUCHAR Peb) {
@@ -69,7 +74,7 @@ extern "C" void NtProcessStartup(PUCHAR Peb) {
   HANDLE check = VxOpen(VXCHECK_DEVICE, &status);
   if (check != nullptr) {
     Io io = {};
-    uint32_t seed = static_cast<uint32_t>(JoltSeed());
+    uint32_t seed = JoltSeed();
     VxLog("jolts by the seed %lu", static_cast<ULONG>(seed));
     VxControl(check, &io, IOCTL_VXCHECK_JOLTS, &seed, sizeof(seed), 0);
     VxWait(&io);

@@ -14,22 +14,11 @@ DECLSPEC_IMPORT NTSTATUS NTAPI NtDeviceIoControlFile(HANDLE FileHandle, HANDLE E
                                                      ULONG Code, PVOID Input, ULONG InputLength,
                                                      PVOID Output, ULONG OutputLength);
 DECLSPEC_IMPORT NTSTATUS NTAPI NtDelayExecution(BOOLEAN Alertable, PLARGE_INTEGER Interval);
-DECLSPEC_IMPORT NTSTATUS NTAPI NtTerminateThread(HANDLE ThreadHandle, NTSTATUS ExitStatus);
-DECLSPEC_IMPORT NTSTATUS NTAPI NtQuerySystemInformation(ULONG Class, PVOID Information,
-                                                        ULONG Length, PULONG ReturnLength);
 DECLSPEC_IMPORT NTSTATUS NTAPI NtQuerySystemTime(PLARGE_INTEGER Time);
 DECLSPEC_IMPORT NTSTATUS NTAPI NtShutdownSystem(ULONG Action);
 DECLSPEC_IMPORT NTSTATUS NTAPI RtlAdjustPrivilege(ULONG Privilege, BOOLEAN Enable,
                                                   BOOLEAN OfThisThread, PBOOLEAN Was);
-DECLSPEC_IMPORT NTSTATUS NTAPI RtlCreateUserThread(HANDLE Process, PVOID Descriptor,
-                                                   BOOLEAN Suspended, ULONG ZeroBits,
-                                                   SIZE_T Reserve, SIZE_T Commit, PVOID Start,
-                                                   PVOID Parameter, PHANDLE Thread, PVOID Client);
 }
 
 constexpr ULONG SHUTDOWN_PRIVILEGE = 19;
 constexpr ULONG SHUTDOWN_POWER_OFF = 2;
-
-inline HANDLE ThisProcess() {
-  return reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-1));
-}

@@ -111,12 +111,11 @@ void StageNormal(Stage *Stage) {
 }
 
 ULONG StageCommand(Stage *Stage, ULONG Command, ULONG Argument) {
-  ULONG value = 0;
   Io io = {};
   EXPECT_STATUS(VxCommand(Stage->Zk, Command, ++Stage->Tag, Argument), STATUS_SUCCESS);
   FrameHeader reply = VxFrame(Stage->Zk, &io);
   EXPECT(reply.Type == FRAME_CONTROL_REPLY && reply.Tag == Stage->Tag && reply.Code == 0);
-  value = VxValue(&io);
+  ULONG value = VxValue(&io);
   VxClose(&io.Event);
   return value;
 }

@@ -1,7 +1,6 @@
 #include "windows/nt/user/vx.h"
 
-static bool Failed;
-static char FirstFailure[256];
+static char FirstFailure[256];  // empty: none
 
 void VxLog(const char *Format, ...) {
   char line[400];
@@ -14,22 +13,17 @@ void VxLog(const char *Format, ...) {
 }
 
 void VxExpect(bool Holds, const char *What, const char *File, int Line, ULONG Value) {
-  if (!Holds && !Failed) {
-    Failed = true;
+  if (!Holds && FirstFailure[0] == 0) {
     _snprintf(FirstFailure, sizeof(FirstFailure) - 1, "%s:%d: %s (%08lx)", File, Line, What, Value);
   }
 }
 
-bool VxFailed() {
-  return Failed;
-}
-
 const char *VxFirstFailure() {
-  return FirstFailure;
+  return FirstFailure[0] != 0 ? FirstFailure : nullptr;
 }
 
-void VxForgetFailures() {
-  Failed = false;
+void VxForgetFailure() {
+  FirstFailure[0] = 0;
 }
 
 static LARGE_INTEGER After(ULONG Milliseconds) {

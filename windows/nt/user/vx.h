@@ -27,7 +27,9 @@ void VxExpect(bool Holds, const char *What, const char *File, int Line, ULONG Va
     VxExpect(is == (expected), #status " is " #expected, __FILE_NAME__, __LINE__, \
              static_cast<ULONG>(is));                                             \
   } while (0)
-bool VxFailed();
+// What failed, or null.
+const char *VxFirstFailure();
+void VxForgetFailure();
 
 void VxSleep(ULONG Milliseconds);
 
