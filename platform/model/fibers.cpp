@@ -3,8 +3,11 @@
 #include <sys/mman.h>
 
 #include <boost/context/detail/fcontext.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <utility>
 
 #include "platform/model/sanitizers.h"
 
@@ -23,7 +26,15 @@ static constexpr size_t GuardBytes = 4096;
 // Idle stacks of the two sizes. They stay mapped for the life of the process.
 static FiberStack *idleSmall;
 static FiberStack *idleLarge;
-[[maybe_unused]] static FiberStack *retired;
+
+// A copy of frames that were abandoned, for the leak checker to look through. A region of its own
+// for each stack would have it read the process's map of memory once for each.
+struct KeptFrames {
+  KeptFrames *Next;
+  char Frames[];
+};
+
+[[maybe_unused]] static KeptFrames *kept;
 
 static Fiber *arriving;
 [[maybe_unused]] static void *endedTsan;
@@ -112,7 +123,7 @@ static transfer_t Jump([[maybe_unused]] void **fake, Fiber *from, Fiber *to) {
 #if defined(MODEL_TSAN)
   __tsan_switch_to_fiber(to->Tsan, 0);
 #endif
-  return jump_fcontext(to->Context, from);
+  return jump_fcontext(std::exchange(to->Context, nullptr), from);
 }
 
 void FiberSwitch(Fiber *From, Fiber *To) {
@@ -135,6 +146,33 @@ void FiberEscape(Fiber *To) {
   abort();
 }
 
+#if defined(MODEL_ASAN)
+// From where the fiber stands; one that was running when it escaped stands nowhere, and has touched
+// its stack from the first word that is not zero.
+static void FramesKeep(const Fiber *dead) {
+  const FiberStack *stack = dead->Stack;
+  const char *end = stack->Low + stack->Bytes;
+  BytesAllow(stack->Low, stack->Bytes);
+  const char *from = static_cast<const char *>(dead->Context);
+  if (!from) {
+    const uintptr_t *word = reinterpret_cast<const uintptr_t *>(stack->Low);
+    while (reinterpret_cast<const char *>(word) < end && *word == 0) {
+      ++word;
+    }
+    from = reinterpret_cast<const char *>(word);
+  }
+  size_t bytes = static_cast<size_t>(end - from);
+  KeptFrames *copy = static_cast<KeptFrames *>(malloc(sizeof(KeptFrames) + bytes));
+  if (!copy) {
+    perror("kernel model: no memory for a copy of frames");
+    abort();
+  }
+  copy->Next = kept;
+  memcpy(copy->Frames, from, bytes);
+  kept = copy;
+}
+#endif
+
 void FiberAbandon(Fiber *Dead) {
   if (!Dead->Stack) {
     return;
@@ -144,11 +182,8 @@ void FiberAbandon(Fiber *Dead) {
 #endif
 #if defined(MODEL_ASAN)
   // Objects that only these frames know are no leaks of the program's.
-  __lsan_register_root_region(Dead->Stack->Low, Dead->Stack->Bytes);
-  Dead->Stack->Next = retired;
-  retired = Dead->Stack;
-#else
-  StackGive(Dead->Stack);
+  FramesKeep(Dead);
 #endif
+  StackGive(Dead->Stack);
   Dead->Stack = nullptr;
 }
