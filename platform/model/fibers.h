@@ -6,7 +6,7 @@
 struct FiberStack;
 
 struct Fiber {
-  void *Context = nullptr;  // where it stands while it does not run
+  void *Context = nullptr;  // where it stands; null while it runs
   FiberStack *Stack = nullptr;
   void (*Entry)() = nullptr;  // does not return
   const void *Low = nullptr;  // stack bounds, and what the sanitizers keep for each fiber
